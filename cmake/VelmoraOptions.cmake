@@ -1,0 +1,11 @@
+# Warning and sanitizer flags shared by every target of the project, through one interface target.
+add_library(velmora_flags INTERFACE)
+target_compile_options(velmora_flags INTERFACE -Wall -Wextra)
+if(VELMORA_WERROR)
+  target_compile_options(velmora_flags INTERFACE -Werror)
+endif()
+if(VELMORA_SANITIZE)
+  target_compile_options(velmora_flags INTERFACE -fsanitize=${VELMORA_SANITIZE} -fno-omit-frame-pointer
+                                                 -fno-sanitize-recover=undefined)
+  target_link_options(velmora_flags INTERFACE -fsanitize=${VELMORA_SANITIZE})
+endif()

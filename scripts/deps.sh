@@ -1,0 +1,20 @@
+# Debian packages the project needs, installed by name when missing. Sourced by the entry scripts.
+VELMORA_PACKAGES=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
+                  libtinyxml-dev libpng-dev libcli11-dev nlohmann-json3-dev clang-format)
+
+velmora_install_deps() {
+    local missing=()
+    local package
+    for package in "${VELMORA_PACKAGES[@]}" "$@"; do
+        if ! dpkg -s "$package" >/dev/null 2>&1; then
+            missing+=("$package")
+        fi
+    done
+    if [ "${#missing[@]}" -gt 0 ]; then
+        echo "Installing missing packages: ${missing[*]}"
+        local sudo=""
+        [ "$(id -u)" -eq 0 ] || sudo="sudo"
+        $sudo apt-get update -qq
+        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+    fi
+}

@@ -1,0 +1,197 @@
+#include "velmora/Impl.h"
+
+#include <cstdio>
+
+#include "velmora/ImplState.h"
+#include "velmora/Version.h"
+
+namespace Velmora {
+
+// Five cells is the narrowest band that still reaches across a block face for every pixel ray.
+constexpr float kMinTruncationCells = 5.0f;
+
+Impl::Impl() : mState(std::make_unique<State>()) {
+    char text[128];
+    std::snprintf(text, sizeof(text), "%s %s %s %s", kLibraryVersion, kBuildTag, kBuildDate,
+                  kBuildTime);
+    mVersion = text;
+}
+
+Impl::~Impl() = default;
+
+bool Impl::isInitialized() const {
+    std::lock_guard<std::mutex> lock(mInitMutex);
+    return mInitialized;
+}
+
+XrResultVLM Impl::checkConfig(const Config& config) {
+    if (!(config.cellSize > 0.0f)) {
+        return kErrorCellSizeInvalid;
+    }
+    if (config.truncation < config.cellSize * kMinTruncationCells) {
+        return kErrorTruncationTooSmall;
+    }
+    return kSuccess;
+}
+
+XrResultVLM Impl::checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics) {
+    // Written as "not above zero" per field on purpose: a NaN passes, as hosts rely on.
+    if (intrinsics.principalPointX <= 0.0 || intrinsics.principalPointY <= 0.0 ||
+        intrinsics.focalLengthX <= 0.0 || intrinsics.focalLengthY <= 0.0) {
+        return kErrorIntrinsicsInvalid;
+    }
+    return kSuccess;
+}
+
+XrResultVLM Impl::init(const Config& config) {
+    if (isInitialized()) {
+        return kErrorAlreadyInitialized;
+    }
+    const XrResultVLM configResult = checkConfig(config);
+    if (configResult != kSuccess) {
+        return configResult;
+    }
+    State& s = *mState;
+    s.mMode = config.mode;
+    // TODO(#5): make the grids of the run mode (split: depth and label grid; combined: the
+    // label-depth grid) once the volume grid exists.
+    s.mTruncation = config.truncation;
+    if (config.detectPlanes) {
+        // TODO(unfiled: plane detection): hand truncation and the plane settings to the plane detector.
+        s.mDetectPlanes = true;
+    }
+    s.mLabelPlanes = config.labelPlanes;
+    {
+        std::lock_guard<std::mutex> lock(mInitMutex);
+        mInitialized = true;
+    }
+    return kSuccess;
+}
+
+XrResultVLM Impl::submitImages(XrTimeVLM /*time*/,
+                               const IntrinsicLinearCameraCalibrationVLM& /*intrinsics*/,
+                               const XrPosefVLM& /*pose*/, span<const Image> /*images*/) {
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    // TODO(#6): validation, frame building, fusion and publishing of the changed blocks.
+    return kSuccess;
+}
+
+XrResultVLM Impl::extractSurface(PolygonMesh& mesh, bool /*annotate*/, const UuidBytes& /*uuid*/,
+                                 TextureQuality /*quality*/) {
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host arrays.
+    mesh.positionCount = 0;
+    mesh.indexCount = 0;
+    mesh.instanceIdCount = 0;
+    mesh.colorCount = 0;
+    mesh.texCoordCount = 0;
+    return kSuccess;
+}
+
+XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descriptors*/,
+                                 span<PolygonMeshBuffer> buffers, bool /*annotate*/,
+                                 const UuidBytes& /*uuid*/, TextureQuality /*quality*/) {
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host buffers.
+    for (uint32_t i = 0; i < buffers.size && buffers.data != nullptr; ++i) {
+        buffers.data[i].vertexCount = 0;
+        buffers.data[i].indexCount = 0;
+    }
+    return kSuccess;
+}
+
+namespace {
+// Answer of the collision queries where nothing is known (before init, or no depth grid).
+IntersectionResult unknownIntersection() {
+    constexpr int32_t kCollisionUnknown = 2;
+    return IntersectionResult{kCollisionUnknown, -1.0f, {0.0f, 0.0f, 0.0f}};
+}
+}  // namespace
+
+IntersectionResult Impl::intersectPoint(const XrVector3fVLM& /*position*/,
+                                        float /*maxDistance*/) const {
+    // TODO(#8): collision against the depth grid.
+    return unknownIntersection();
+}
+
+IntersectionResult Impl::intersectAxisAlignedBox(const XrVector3fVLM& /*center*/,
+                                                 const XrVector3fVLM& /*size*/,
+                                                 float /*maxDistance*/) const {
+    // TODO(#8): collision against the depth grid.
+    return unknownIntersection();
+}
+
+IntersectionResult Impl::intersectSphere(const XrVector3fVLM& /*center*/, float /*radius*/,
+                                         float /*maxDistance*/) const {
+    // TODO(#8): collision against the depth grid.
+    return unknownIntersection();
+}
+
+XrResultVLM Impl::getPlacementInfo(const XrVector3fVLM& /*lineStart*/,
+                                   const XrVector3fVLM& lineDirection,
+                                   const XrVector3fVLM& /*referenceDirection*/,
+                                   PlacementInfo& info, float /*maxDistance*/) const {
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    const float lengthSquared = lineDirection.x * lineDirection.x +
+                                lineDirection.y * lineDirection.y +
+                                lineDirection.z * lineDirection.z;
+    if (!(lengthSquared > 0.0f)) {
+        return kErrorDirectionZero;
+    }
+    // TODO(#8): the placement search along the line.
+    info.result = 0;
+    return kSuccess;
+}
+
+XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
+                                     span<SubsumedLink>& /*subsumed*/) {
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    // TODO(unfiled: object instances): block instances and their merge; with no instances the spans stay untouched.
+    return kSuccess;
+}
+
+XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subsumed*/) {
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    if (!mState->mDetectPlanes) {
+        return kErrorPlanesDisabled;
+    }
+    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans stay untouched.
+    return kSuccess;
+}
+
+const char* Impl::getVersion() const {
+    // TODO(#4): log "Impl::getVersion()" at level 3 once the logger exists.
+    return mVersion.c_str();
+}
+
+int Impl::saveVolumes(const std::string& /*baseName*/) const {
+    if (!isInitialized()) {
+        return 0;
+    }
+    // TODO(#9): write one file per grid of the run mode.
+    return 1;
+}
+
+int Impl::loadVolumes(const std::string& /*baseName*/) {
+    if (!isInitialized()) {
+        return 0;
+    }
+    // TODO(#9): read the grids of the run mode.
+    return 1;
+}
+
+}  // namespace Velmora
+
+extern "C" VELMORA_API Velmora::IVelmora* newVelmora() { return new Velmora::Impl(); }
