@@ -39,8 +39,7 @@ public:
                                                float maxDistance) const override;
     IntersectionResult intersectSphere(const XrVector3fVLM& center, float radius,
                                        float maxDistance) const override;
-    XrResultVLM getPlacementInfo(const XrVector3fVLM& lineStart,
-                                 const XrVector3fVLM& lineDirection,
+    XrResultVLM getPlacementInfo(const XrVector3fVLM& lineStart, const XrVector3fVLM& lineDirection,
                                  const XrVector3fVLM& referenceDirection, PlacementInfo& info,
                                  float maxDistance) const override;
     XrResultVLM getObjectInstances(span<ObjectInstance>& instances,
@@ -65,10 +64,10 @@ public:
 private:
     bool isInitialized() const;
 
-    bool mInitialized = false;       // guarded by mInitMutex
-    std::string mVersion;            // the text of getVersion
-    mutable std::mutex mInitMutex;   // guards mInitialized only
-    uint64_t mUuidPrefix = 0;        // first half of every UUID handed out; never set
+    bool mInitialized = false;      // guarded by mInitMutex
+    std::string mVersion;           // the text of getVersion
+    mutable std::mutex mInitMutex;  // guards mInitialized only
+    uint64_t mUuidPrefix = 0;       // first half of every UUID handed out; never set
     std::unique_ptr<State> mState;
 };
 

@@ -118,9 +118,9 @@ struct IntrinsicLinearCameraCalibrationVLM {
 };
 
 struct Config {
-    float cellSize;    // distance between two samples of the volume, metres
-    float truncation;  // half width of the signed-distance band, metres; at least 5 * cellSize
-    int32_t mode;      // 0 combined (depth and labels together), 1 split (separate streams)
+    float cellSize;     // distance between two samples of the volume, metres
+    float truncation;   // half width of the signed-distance band, metres; at least 5 * cellSize
+    int32_t mode;       // 0 combined (depth and labels together), 1 split (separate streams)
     bool detectPlanes;  // enables getPlanes
     float planeMaxStdError;          // largest standard error of a plane fit
     float planeMaxAngle;             // largest angle, radians, between planes that may merge
@@ -131,11 +131,11 @@ struct Config {
 
 // Image formats accepted by `submitImages`.
 enum ImageFormat : uint32_t {
-    kImageDepthU16 = 0,          // 16-bit millimetres, all bits significant
-    kImageDepthU16Flagged = 1,   // low 13 bits millimetres, top 3 bits flags (flagged = invalid)
-    kImageLabelU8 = 2,           // 8-bit class id
-    kImageLabelU16 = 3,          // 16-bit class id, saturated to 8 bits
-    kImageColorRGB8 = 4,         // three bytes a pixel, rows dense
+    kImageDepthU16 = 0,         // 16-bit millimetres, all bits significant
+    kImageDepthU16Flagged = 1,  // low 13 bits millimetres, top 3 bits flags (flagged = invalid)
+    kImageLabelU8 = 2,          // 8-bit class id
+    kImageLabelU16 = 3,         // 16-bit class id, saturated to 8 bits
+    kImageColorRGB8 = 4,        // three bytes a pixel, rows dense
 };
 
 // One image of a frame. The pixels belong to the host and are only read during the call.

@@ -14,8 +14,9 @@ namespace Common {
 }  // namespace Common
 }  // namespace AR
 
-#define AR_ASSERT(condition)                                                                \
-    ((condition) ? static_cast<void>(0)                                                     \
-                 : ::AR::Common::assertFailed(__FILE__, __LINE__, __PRETTY_FUNCTION__, #condition))
+#define AR_ASSERT(condition)    \
+    ((condition)                \
+         ? static_cast<void>(0) \
+         : ::AR::Common::assertFailed(__FILE__, __LINE__, __PRETTY_FUNCTION__, #condition))
 
 #endif  // VELMORA_COMMON_ASSERT_H

@@ -57,7 +57,8 @@ XrResultVLM Impl::init(const Config& config) {
     // label-depth grid) once the volume grid exists.
     s.mTruncation = config.truncation;
     if (config.detectPlanes) {
-        // TODO(unfiled: plane detection): hand truncation and the plane settings to the plane detector.
+        // TODO(unfiled: plane detection): hand truncation and the plane settings to the plane
+        // detector.
         s.mDetectPlanes = true;
     }
     s.mLabelPlanes = config.labelPlanes;
@@ -83,7 +84,8 @@ XrResultVLM Impl::extractSurface(PolygonMesh& mesh, bool /*annotate*/, const Uui
     if (!isInitialized()) {
         return kErrorNotInitialized;
     }
-    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host arrays.
+    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host
+    // arrays.
     mesh.positionCount = 0;
     mesh.indexCount = 0;
     mesh.instanceIdCount = 0;
@@ -98,7 +100,8 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
     if (!isInitialized()) {
         return kErrorNotInitialized;
     }
-    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host buffers.
+    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host
+    // buffers.
     for (uint32_t i = 0; i < buffers.size && buffers.data != nullptr; ++i) {
         buffers.data[i].vertexCount = 0;
         buffers.data[i].indexCount = 0;
@@ -135,8 +138,8 @@ IntersectionResult Impl::intersectSphere(const XrVector3fVLM& /*center*/, float 
 
 XrResultVLM Impl::getPlacementInfo(const XrVector3fVLM& /*lineStart*/,
                                    const XrVector3fVLM& lineDirection,
-                                   const XrVector3fVLM& /*referenceDirection*/,
-                                   PlacementInfo& info, float /*maxDistance*/) const {
+                                   const XrVector3fVLM& /*referenceDirection*/, PlacementInfo& info,
+                                   float /*maxDistance*/) const {
     if (!isInitialized()) {
         return kErrorNotInitialized;
     }
@@ -156,7 +159,8 @@ XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
     if (!isInitialized()) {
         return kErrorNotInitialized;
     }
-    // TODO(unfiled: object instances): block instances and their merge; with no instances the spans stay untouched.
+    // TODO(unfiled: object instances): block instances and their merge; with no instances the spans
+    // stay untouched.
     return kSuccess;
 }
 
@@ -167,7 +171,8 @@ XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subs
     if (!mState->mDetectPlanes) {
         return kErrorPlanesDisabled;
     }
-    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans stay untouched.
+    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans
+    // stay untouched.
     return kSuccess;
 }
 
@@ -194,4 +199,6 @@ int Impl::loadVolumes(const std::string& /*baseName*/) {
 
 }  // namespace Velmora
 
-extern "C" VELMORA_API Velmora::IVelmora* newVelmora() { return new Velmora::Impl(); }
+extern "C" VELMORA_API Velmora::IVelmora* newVelmora() {
+    return new Velmora::Impl();
+}

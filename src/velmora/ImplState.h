@@ -9,8 +9,8 @@
 namespace Velmora {
 
 struct Impl::State {
-    float mTruncation = 0.0f;  // copy of Config::truncation, metres
-    int32_t mMode = 0;         // copy of Config::mode; values other than 0 and 1 fuse nothing
+    float mTruncation = 0.0f;    // copy of Config::truncation, metres
+    int32_t mMode = 0;           // copy of Config::mode; values other than 0 and 1 fuse nothing
     bool mDetectPlanes = false;  // plane detector enabled by Config::detectPlanes
     bool mLabelPlanes = false;   // copy of Config::labelPlanes
 };

@@ -20,7 +20,9 @@ Config makeConfig(float cellSize, float truncation, int32_t mode) {
     return config;
 }
 
-std::unique_ptr<IVelmora> makeScene() { return std::unique_ptr<IVelmora>(newVelmora()); }
+std::unique_ptr<IVelmora> makeScene() {
+    return std::unique_ptr<IVelmora>(newVelmora());
+}
 
 TEST(SceneLifecycle, VersionTextIsExactAndNeedsNoInit) {
     auto scene = makeScene();
@@ -98,10 +100,10 @@ TEST(SceneLifecycle, OperationsBeforeInit) {
     PolygonMesh mesh{};
     EXPECT_EQ(scene->extractSurface(mesh, false, UuidBytes{}, TextureQuality{}),
               kErrorNotInitialized);
-    EXPECT_EQ(scene->extractSurface(span<const PolygonMeshBufferDescriptor>{},
-                                    span<PolygonMeshBuffer>{}, false, UuidBytes{},
-                                    TextureQuality{}),
-              kErrorNotInitialized);
+    EXPECT_EQ(
+        scene->extractSurface(span<const PolygonMeshBufferDescriptor>{}, span<PolygonMeshBuffer>{},
+                              false, UuidBytes{}, TextureQuality{}),
+        kErrorNotInitialized);
     span<ObjectInstance> instances{};
     span<SubsumedLink> links{};
     EXPECT_EQ(scene->getObjectInstances(instances, links), kErrorNotInitialized);
@@ -112,10 +114,9 @@ TEST(SceneLifecycle, OperationsBeforeInit) {
               kErrorNotInitialized);
 
     // The collision queries never crash a host: unknown, distance -1, point at the origin.
-    for (const IntersectionResult& r :
-         {scene->intersectPoint({0, 0, 0}, 1.0f),
-          scene->intersectAxisAlignedBox({0, 0, 0}, {1, 1, 1}, 1.0f),
-          scene->intersectSphere({0, 0, 0}, 0.5f, 1.0f)}) {
+    for (const IntersectionResult& r : {scene->intersectPoint({0, 0, 0}, 1.0f),
+                                        scene->intersectAxisAlignedBox({0, 0, 0}, {1, 1, 1}, 1.0f),
+                                        scene->intersectSphere({0, 0, 0}, 0.5f, 1.0f)}) {
         EXPECT_EQ(r.collision, 2);
         EXPECT_EQ(r.distance, -1.0f);
         EXPECT_EQ(r.point.x, 0.0f);
