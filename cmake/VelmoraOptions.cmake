@@ -1,6 +1,7 @@
 # Warning and sanitizer flags shared by every target of the project, through one interface target.
 add_library(velmora_flags INTERFACE)
-target_compile_options(velmora_flags INTERFACE -Wall -Wextra)
+# Floating-point contraction is off: the kernels promise bit-exact arithmetic on every processor.
+target_compile_options(velmora_flags INTERFACE -Wall -Wextra -ffp-contract=off)
 if(VELMORA_WERROR)
   target_compile_options(velmora_flags INTERFACE -Werror)
 endif()
