@@ -40,6 +40,8 @@ struct OwnedFrame {
         frame.projection(0, 2) = cx;
         frame.projection(1, 2) = cy;
     }
+    // Moving keeps the vectors' buffers, so the frame's images stay valid.
+    OwnedFrame(OwnedFrame&&) = default;
     OwnedFrame(const OwnedFrame&) = delete;
     OwnedFrame& operator=(const OwnedFrame&) = delete;
 
