@@ -132,7 +132,7 @@ std::optional<T> Volume<T, S>::getSample(const Vec3& p) const {
 
 template <>
 Vec2S creationSample<Vec2S>() {
-    return Vec2S{{kMaxDepthValue, 0}};
+    return Vec2S(kMaxDepthValue, short{0});
 }
 
 template <>

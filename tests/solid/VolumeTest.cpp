@@ -63,14 +63,14 @@ TYPED_TEST(DepthBearing, ValOnALatticePointReadsOnlyThatPoint) {
     TestBlock<TypeParam> block;
     setDepth(block, 2, 3, 4, 16383, 1);
     const float spacing = block.volume.spacing()(0);
-    const Vec3 p{{2 * spacing, 3 * spacing, 4 * spacing}};
+    const Vec3 p(2 * spacing, 3 * spacing, 4 * spacing);
     EXPECT_EQ(block.volume.val(p), 16383 * 3.051944077014923e-05f);
 
     // Inside a cell with one observed and seven unobserved corners: the sentinel.
-    const Vec3 inside{{2.5f * spacing, 3 * spacing, 4 * spacing}};
+    const Vec3 inside(2.5f * spacing, 3 * spacing, 4 * spacing);
     EXPECT_EQ(block.volume.val(inside), -2.0f);
     float value = 7.0f;
-    Vec3 gradient{{7.0f, 7.0f, 7.0f}};
+    Vec3 gradient(7.0f, 7.0f, 7.0f);
     EXPECT_FALSE(block.volume.valueAndGradient(inside, value, gradient));
     EXPECT_EQ(value, 7.0f);
     EXPECT_EQ(gradient(0), 7.0f);
@@ -96,8 +96,8 @@ TYPED_TEST(DepthBearing, LinearFieldValueAndGradient) {
     const float sp = block.volume.spacing()(0);
     const float scale = 3.051944077014923e-05f;
     for (const Vec3& lattice :
-         {Vec3{{0.25f, 0.5f, 0.75f}}, Vec3{{3.9f, 7.1f, 0.3f}}, Vec3{{7.5f, 2.0f, 6.25f}}}) {
-        const Vec3 p{{lattice(0) * sp, lattice(1) * sp, lattice(2) * sp}};
+         {Vec3(0.25f, 0.5f, 0.75f), Vec3(3.9f, 7.1f, 0.3f), Vec3(7.5f, 2.0f, 6.25f)}) {
+        const Vec3 p(lattice(0) * sp, lattice(1) * sp, lattice(2) * sp);
         const float expected = (base + ax * lattice(0) + ay * lattice(1) + az * lattice(2)) * scale;
         EXPECT_NEAR(block.volume.val(p), expected, 1e-5f);
         float value;
@@ -120,7 +120,7 @@ TYPED_TEST(DepthBearing, GradientOfAProductFieldIsAnalytic) {
                 setDepth(block, x, y, z, 0, 1);
     setDepth(block, 1, 1, 1, 32766, 1);  // c111 of the first cell
     const float sp = block.volume.spacing()(0);
-    const Vec3 p{{0.5f * sp, 0.25f * sp, 0.75f * sp}};
+    const Vec3 p(0.5f * sp, 0.25f * sp, 0.75f * sp);
     float value;
     Vec3 gradient;
     ASSERT_TRUE(block.volume.valueAndGradient(p, value, gradient));
@@ -148,15 +148,15 @@ TYPED_TEST(LabelBearing, GetSampleTruncatesAndIncludesTheUpperEnd) {
     auto top = block.volume.getSample(dim);
     ASSERT_TRUE(top.has_value());
     EXPECT_EQ(top->instance, 888);
-    EXPECT_FALSE(block.volume.getSample(Vec3{{std::nextafter(dim(0), 1.0f), 0, 0}}).has_value());
-    EXPECT_FALSE(block.volume.getSample(Vec3{{0, -1e-7f, 0}}).has_value());
-    EXPECT_FALSE(block.volume.getSample(Vec3{{0, 0, NAN}}).has_value());
+    EXPECT_FALSE(block.volume.getSample(Vec3(std::nextafter(dim(0), 1.0f), 0, 0)).has_value());
+    EXPECT_FALSE(block.volume.getSample(Vec3(0, -1e-7f, 0)).has_value());
+    EXPECT_FALSE(block.volume.getSample(Vec3(0, 0, NAN)).has_value());
 
     // Just below lattice plane 3 on x: index 2, not the nearer 3.
-    auto below = block.volume.getSample(Vec3{{2.999f * sp, 1.0f * sp, 0.0f}});
+    auto below = block.volume.getSample(Vec3(2.999f * sp, 1.0f * sp, 0.0f));
     ASSERT_TRUE(below.has_value());
     EXPECT_EQ(below->instance, 2 + 10 * 1);
-    auto origin = block.volume.getSample(Vec3{{0, 0, 0}});
+    auto origin = block.volume.getSample(Vec3(0, 0, 0));
     ASSERT_TRUE(origin.has_value());
     EXPECT_EQ(origin->instance, 0);
 }
@@ -176,8 +176,8 @@ TEST(LabelVote, CountsSaturateAndOutOfRangeAborts) {
 
 TEST(VolumeConfigDeathTest, DegenerateShapeAborts) {
     VolumeConfig config;
-    EXPECT_DEATH(makeVolumeConfig(config, Size{{1, 9, 9}}, Vec3{{0.02f, 0.02f, 0.02f}}), "bounds");
-    EXPECT_DEATH(makeVolumeConfig(config, Size{{9, 9, 9}}, Vec3{{0.02f, 0.0f, 0.02f}}),
+    EXPECT_DEATH(makeVolumeConfig(config, Size(1, 9, 9), Vec3(0.02f, 0.02f, 0.02f)), "bounds");
+    EXPECT_DEATH(makeVolumeConfig(config, Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f)),
                  "dimension");
 }
 

@@ -15,7 +15,7 @@ namespace Test {
 template <typename T>
 struct TestBlock {
     explicit TestBlock(float spacing = 0.02f) : samples(729, creationSample<T>()) {
-        makeVolumeConfig(config, Size{{9, 9, 9}}, Vec3{{spacing, spacing, spacing}});
+        makeVolumeConfig(config, Size(9, 9, 9), Vec3(spacing, spacing, spacing));
         volume = Volume<T, ReferencedVolumeData>(samples.data(), &config);
     }
     TestBlock(const TestBlock&) = delete;
