@@ -1,0 +1,103 @@
+#include "common/FlatMap.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+using AR::Common::FlatMap;
+using Key3 = AR::Math::Vector<int, 3>;
+
+// Same shape as the per-block hit record of the block selection: count and nearest depth.
+struct HitRecord {
+    uint32_t numHits;
+    float bestSampleDistance;
+};
+static_assert(sizeof(AR::Common::detail::FlatSlot<std::pair<Key3, HitRecord>>) == 24,
+              "home, key and a two-word value pack into 24 bytes");
+
+TEST(FlatMap, IndexInsertsValueInitialisedAndAtFindsExisting) {
+    FlatMap<Key3, HitRecord> hits;
+    hits[Key3(1, 2, 3)].numHits += 2;
+    hits[Key3(1, 2, 3)].numHits += 3;
+    hits[Key3(-4, 0, 9)].bestSampleDistance = 2.5f;
+    EXPECT_EQ(hits.size(), 2u);
+    EXPECT_EQ(hits.at(Key3(1, 2, 3)).numHits, 5u);
+    EXPECT_EQ(hits.at(Key3(1, 2, 3)).bestSampleDistance, 0.0f);
+    EXPECT_EQ(hits.at(Key3(-4, 0, 9)).numHits, 0u);
+
+    // Insertion by key and value, by pair and by move keeps an existing entry.
+    EXPECT_FALSE(hits.insert(Key3(1, 2, 3), HitRecord{99, 1.0f}).second);
+    EXPECT_EQ(hits.at(Key3(1, 2, 3)).numHits, 5u);
+    const auto inserted = hits.insert(std::make_pair(Key3(0, 0, 0), HitRecord{7, 1.0f}));
+    EXPECT_TRUE(inserted.second);
+    EXPECT_EQ(inserted.first->first, Key3(0, 0, 0));
+    EXPECT_EQ(inserted.first->second.numHits, 7u);
+    const FlatMap<Key3, HitRecord>& view = hits;
+    EXPECT_EQ(view.find(Key3(0, 0, 0))->second.numHits, 7u);
+    EXPECT_EQ(view.find(Key3(5, 5, 5)), view.end());
+}
+
+TEST(FlatMap, ValuesTravelWithTheirKeysThroughShiftsRehashesAndErases) {
+    // Owning values catch a lost or doubly destroyed element under the address sanitizer.
+    FlatMap<unsigned int, std::string> names;
+    std::map<unsigned int, std::string> reference;
+    std::mt19937 random(99);
+    std::uniform_int_distribution<unsigned int> keys(0, 300);
+    constexpr int kOperations = 20000;
+    for (int op = 0; op < kOperations; ++op) {
+        const unsigned int k = keys(random);
+        if (op % 3 == 0) {
+            ASSERT_EQ(names.erase(k), reference.erase(k) == 1);
+        } else {
+            const std::string value = "value of " + std::to_string(k) + std::string(20, 'x');
+            names.insert(k, value);
+            reference.emplace(k, value);
+        }
+        ASSERT_EQ(names.size(), reference.size());
+    }
+    for (const auto& entry : names) {
+        ASSERT_EQ(reference.at(entry.first), entry.second);
+    }
+    // Copies are deep and independent.
+    FlatMap<unsigned int, std::string> copy(names);
+    copy.clear();
+    EXPECT_EQ(names.size(), reference.size());
+    names = copy;
+    EXPECT_TRUE(names.empty());
+}
+
+TEST(FlatMap, EraseByIteratorWalksTheRemainder) {
+    FlatMap<unsigned short, int> map;
+    for (unsigned short k = 0; k < 50; ++k) {
+        map[k] = k * 10;
+    }
+    std::vector<unsigned short> before;
+    for (const auto& entry : map) {
+        before.push_back(entry.first);
+    }
+    // Erasing every element in turn visits them in their iteration order.
+    std::vector<unsigned short> visited;
+    for (auto it = map.begin(); it != map.end();) {
+        visited.push_back(it->first);
+        EXPECT_EQ(it->second, it->first * 10);
+        it = map.erase(it);
+    }
+    EXPECT_EQ(visited, before);
+    EXPECT_TRUE(map.empty());
+}
+
+TEST(FlatMapDeathTest, AtAbortsOnAMissingKey) {
+    FlatMap<unsigned int, int> map;
+    map[1] = 1;
+    EXPECT_DEATH(map.at(2u), "slot != this->end");
+    const FlatMap<unsigned int, int>& view = map;
+    EXPECT_DEATH(view.at(3u), "slot != this->end");
+}
+
+}  // namespace
