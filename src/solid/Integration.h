@@ -32,6 +32,14 @@ void integrate(Volume<VolumeType, VolumeStorage>& vol, const LabelDepthFrame& de
 void integrateRef(IntegrationHelper::FastVolume& vol, const DepthFrame& depth, const Matrix4& T,
                   float ramp, float maxWeight, int border);
 
+// The vector kernel of the split run mode, on 9-cube blocks with `border` 1: inverse depth is
+// divided exactly at 27 nodes and interpolated in between, and the bounds tests are dropped for
+// blocks that project well inside the image. Its weight rule differs from the reference (a stored
+// weight above the cap stays), and its value update rounds by an arithmetic shift. Returns 0 when
+// the block comes too close to the camera and is left alone, else the kernel's status (0).
+int integrateTavric(IntegrationHelper::FastVolume& vol, const DepthFrame& depth, const Matrix4& T,
+                    float ramp, float maxWeight, int border);
+
 }  // namespace Solid
 
 #endif  // VELMORA_SOLID_INTEGRATION_H
