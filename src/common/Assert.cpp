@@ -1,16 +1,12 @@
 #include "common/Assert.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include "common/Logger.h"
 
 namespace AR {
 namespace Common {
 
 void assertFailed(const char* file, int line, const char* function, const char* condition) {
-    std::fprintf(stderr, "AR_ASSERT %s:%d: %s: Assertion `%s' failed.\n", file, line, function,
-                 condition);
-    std::fflush(stderr);
-    std::abort();
+    logError(condition, file, function, line);
 }
 
 }  // namespace Common

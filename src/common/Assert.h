@@ -7,7 +7,8 @@
 namespace AR {
 namespace Common {
 
-// Reports the failed condition and ends the process. Never returns.
+// Reports the failed condition through the logger's assertion report (logError) and ends the
+// process. Never returns.
 [[noreturn]] void assertFailed(const char* file, int line, const char* function,
                                const char* condition);
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "common/Logger.h"
 #include "velmora/ImplState.h"
 #include "velmora/Version.h"
 
@@ -177,7 +178,7 @@ XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subs
 }
 
 const char* Impl::getVersion() const {
-    // TODO(#4): log "Impl::getVersion()" at level 3 once the logger exists.
+    AR_LOG_DEBUG("Impl::getVersion()");
     return mVersion.c_str();
 }
 
