@@ -58,7 +58,7 @@ inline Intrinsics intrinsicsOf(const Matrix4& projection) {
 // The shared float loop of both `integrate` overloads; `labels` is null for depth only.
 template <typename VolumeType, typename VolumeStorage>
 void integrateFloat(Volume<VolumeType, VolumeStorage>& vol, const DepthFrame& frame,
-                    const Image<unsigned char>* labels, const Matrix4& T, float ramp,
+                    const AR::CV::Image<unsigned char>* labels, const Matrix4& T, float ramp,
                     float maxWeight, int border, float labelRamp) {
     AR_ASSERT(frame.depth.numPixels() > 0);
     const int maxW = static_cast<int>(maxWeight);

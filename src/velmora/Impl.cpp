@@ -8,6 +8,9 @@
 
 namespace Velmora {
 
+// Lattice points per block edge: 8 cells plus the border plane shared with the upper neighbour.
+constexpr int kBlockLatticePoints = 9;
+
 // Five cells is the narrowest band that still reaches across a block face for every pixel ray.
 constexpr float kMinTruncationCells = 5.0f;
 
@@ -54,8 +57,17 @@ XrResultVLM Impl::init(const Config& config) {
     }
     State& s = *mState;
     s.mMode = config.mode;
-    // TODO(#5): make the grids of the run mode (split: depth and label grid; combined: the
-    // label-depth grid) once the volume grid exists.
+    const Solid::Size blockSize(kBlockLatticePoints, kBlockLatticePoints, kBlockLatticePoints);
+    const Solid::Vec3 spacing(config.cellSize, config.cellSize, config.cellSize);
+    if (config.mode == kModeSplit) {
+        s.mVolumeGrid = std::make_unique<Solid::DepthGrid>();
+        s.mVolumeGrid->set(blockSize, spacing);
+        s.mLabelVolumeGrid = std::make_unique<Solid::LabelGrid>();
+        s.mLabelVolumeGrid->set(blockSize, spacing);
+    } else if (config.mode == kModeCombined) {
+        s.mLabelDepthVolumeGrid = std::make_unique<Solid::LabelDepthGrid>();
+        s.mLabelDepthVolumeGrid->set(blockSize, spacing);
+    }
     s.mTruncation = config.truncation;
     if (config.detectPlanes) {
         // TODO(unfiled: plane detection): hand truncation and the plane settings to the plane
@@ -67,16 +79,6 @@ XrResultVLM Impl::init(const Config& config) {
         std::lock_guard<std::mutex> lock(mInitMutex);
         mInitialized = true;
     }
-    return kSuccess;
-}
-
-XrResultVLM Impl::submitImages(XrTimeVLM /*time*/,
-                               const IntrinsicLinearCameraCalibrationVLM& /*intrinsics*/,
-                               const XrPosefVLM& /*pose*/, span<const Image> /*images*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    // TODO(#6): validation, frame building, fusion and publishing of the changed blocks.
     return kSuccess;
 }
 

@@ -1,18 +1,49 @@
-// The part of the scene that needs internal types. Grows with each subsystem the scene drives.
+// The part of the scene that needs internal types: grids, the queues and sets of changed blocks,
+// and (as they land) the detectors and caches that consume them.
 #ifndef VELMORA_VELMORA_IMPLSTATE_H
 #define VELMORA_VELMORA_IMPLSTATE_H
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 
+#include "solid/VolumeGrid.h"
 #include "velmora/Impl.h"
 
 namespace Velmora {
 
+// Run modes of Config::mode.
+constexpr int32_t kModeCombined = 0;  // one grid of depth and labels, fused together
+constexpr int32_t kModeSplit = 1;     // a depth grid and a label grid, separate streams
+
+// Blocks changed since the last mesh extraction.
+struct SurfaceExtraction {
+    Solid::IndexSet updatedBlocks;
+    std::mutex updatedBlocksMutex;
+    std::mutex meshMutex;  // guards the per-block meshes
+};
+
 struct Impl::State {
-    float mTruncation = 0.0f;    // copy of Config::truncation, metres
-    int32_t mMode = 0;           // copy of Config::mode; values other than 0 and 1 fuse nothing
-    bool mDetectPlanes = false;  // plane detector enabled by Config::detectPlanes
-    bool mLabelPlanes = false;   // copy of Config::labelPlanes
+    std::unique_ptr<Solid::DepthGrid> mVolumeGrid;       // split mode: depth
+    std::unique_ptr<Solid::LabelGrid> mLabelVolumeGrid;  // split mode: labels
+    // Split mode: blocks touched by depth since the last label image, which consumes them all.
+    Solid::IndexSet mPendingLabelBlocks;
+    std::mutex mPendingLabelMutex;
+    std::unique_ptr<Solid::LabelDepthGrid> mLabelDepthVolumeGrid;  // combined mode
+    float mTruncation = 0.0f;  // copy of Config::truncation, metres
+    int32_t mMode = 0;         // copy of Config::mode; values other than 0 and 1 fuse nothing
+    SurfaceExtraction mSurfaces;
+    Solid::IndexSet mInstanceUpdatedBlocks;  // changed since the last getObjectInstances
+    std::mutex mInstanceMutex;               // held for the whole of getObjectInstances
+    std::mutex mInstanceUpdatedMutex;        // guards mInstanceUpdatedBlocks
+    bool mDetectPlanes = false;              // plane detection enabled by Config::detectPlanes
+    Solid::IndexSet mPlaneUpdatedBlocks;     // changed since the last getPlanes
+    std::mutex mPlaneMutex;                  // held for the whole of getPlanes
+    std::mutex mPlaneUpdatedMutex;           // guards mPlaneUpdatedBlocks
+    bool mLabelPlanes = false;               // copy of Config::labelPlanes
+
+    // Records `blocks` in the three sets of changed blocks, one mutex at a time.
+    void publish(const Solid::IndexSet& blocks);
 };
 
 }  // namespace Velmora

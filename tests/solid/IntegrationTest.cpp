@@ -183,7 +183,7 @@ TEST(ReferenceIntegrationDeathTest, PreconditionsAbort) {
     OwnedFrame frame = makeFrame(1.0f, 40);  // a class the histogram cannot hold
     EXPECT_DEATH(integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1, 0.0f),
                  "labels.size");
-    frame.frame.labels = Image<unsigned char>();
+    frame.frame.labels = AR::CV::Image<unsigned char>();
     EXPECT_DEATH(integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1, 0.0f), "numPixels");
 }
 

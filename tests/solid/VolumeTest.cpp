@@ -177,8 +177,7 @@ TEST(LabelVote, CountsSaturateAndOutOfRangeAborts) {
 TEST(VolumeConfigDeathTest, DegenerateShapeAborts) {
     VolumeConfig config;
     EXPECT_DEATH(makeVolumeConfig(config, Size(1, 9, 9), Vec3(0.02f, 0.02f, 0.02f)), "bounds");
-    EXPECT_DEATH(makeVolumeConfig(config, Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f)),
-                 "dimension");
+    EXPECT_DEATH(makeVolumeConfig(config, Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f)), "dimension");
 }
 
 }  // namespace

@@ -31,8 +31,9 @@ struct OwnedFrame {
     OwnedFrame(int width, int height, float depthMetres, unsigned char label = 0)
         : depth(static_cast<size_t>(width * height), depthMetres),
           labels(static_cast<size_t>(width * height), label) {
-        frame.depth = Image<float>(depth.data(), width, height, width);
-        frame.labels = Image<unsigned char>(labels.data(), width, height, width);
+        const AR::CV::Size2i size(width, height);
+        frame.depth.set(depth.data(), size, size, false);
+        frame.labels.set(labels.data(), size, size, false);
     }
     void setIntrinsics(float fx, float fy, float cx, float cy) {
         frame.projection(0, 0) = fx;

@@ -1,0 +1,134 @@
+#include "velmora/ImageIntake.h"
+
+#include "common/Trace.h"
+#include "cv/ImageOps.h"
+
+namespace Velmora {
+
+namespace {
+
+using AR::CV::Size2i;
+
+Size2i sizeOf(const Image& image) {
+    return Size2i(static_cast<int32_t>(image.width), static_cast<int32_t>(image.height));
+}
+
+// Row length of a 16-bit image in pixels; an odd stride loses its lowest bit.
+int32_t rowLength16(const Image& image) {
+    return static_cast<int32_t>((image.stride & ~1u) / 2);
+}
+
+// A view of the host's 16-bit pixels; frees nothing when it goes.
+AR::CV::Image<unsigned short> viewU16(const Image& image) {
+    AR::CV::Image<unsigned short> view;
+    view.set(static_cast<unsigned short*>(const_cast<void*>(image.pixelData)), sizeOf(image),
+             Size2i(rowLength16(image), static_cast<int32_t>(image.height)), false);
+    return view;
+}
+
+// Copies the depth image and its millimetre twin of `source`; matrices stay identity.
+void copyDepthPart(Solid::DepthFrame& target, const Solid::DepthFrame& source) {
+    target.depth = source.depth;
+    target.depthU16 = source.depthU16;
+    target.timestamp = source.timestamp;
+}
+
+}  // namespace
+
+bool checkImage(const Image& image) {
+    return image.stride != 0 && image.pixelData != nullptr && image.width != 0 && image.height != 0;
+}
+
+bool indexOfDepthLabelColorImages(span<const Image> images, int& depthIdx, int& labelIdx,
+                                  int& colorIdx) {
+    for (uint32_t i = 0; i < images.size; ++i) {
+        switch (images.data[i].format) {
+            case kImageDepthU16:
+            case kImageDepthU16Flagged:
+                depthIdx = static_cast<int>(i);
+                break;
+            case kImageLabelU8:
+            case kImageLabelU16:
+                labelIdx = static_cast<int>(i);
+                break;
+            case kImageColorRGB8:
+                colorIdx = static_cast<int>(i);
+                break;
+            default:
+                break;
+        }
+    }
+    return depthIdx >= 0 && labelIdx >= 0;
+}
+
+Solid::DepthFrame makeDepthFrame(XrTimeVLM time, const Image& image) {
+    AR::Common::ScopedTrace trace("DepthMapFormatting");
+    Solid::DepthFrame frame;
+    frame.depth.allocPixels(sizeOf(image), AR::Common::ALIGNMENT_16);
+    frame.timestamp = time;
+    const AR::CV::Image<unsigned short> raw = viewU16(image);
+    const uint16_t mask = image.format == kImageDepthU16Flagged ? kDepthFlagMask : 0;
+    const int height = static_cast<int>(image.height);
+    const int width = static_cast<int>(image.width);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const uint16_t pixel = raw(x, y);
+            uint32_t value = (pixel & mask) != 0 ? 0u : static_cast<uint32_t>(pixel & ~mask);
+            if (image.maxDepth != 0 && value > image.maxDepth) {
+                value = 0;
+            }
+            frame.depth(x, y) = static_cast<float>(value) * kMillimetresToMetres;
+        }
+    }
+    return frame;
+}
+
+AR::CV::Image<unsigned char> convertToSolidLabelImage(const Image& image) {
+    AR::CV::Image<unsigned char> labels;
+    if (image.format == kImageLabelU8) {
+        labels.set(static_cast<unsigned char*>(const_cast<void*>(image.pixelData)), sizeOf(image),
+                   Size2i(static_cast<int32_t>(image.stride), static_cast<int32_t>(image.height)),
+                   false);
+        return labels;
+    }
+    AR_ASSERT(image.format == kImageLabelU16);
+    AR::CV::ImageOps::convert<unsigned short>(viewU16(image), labels);
+    return labels;
+}
+
+AR::CV::Image<AR::CV::Pixel24> convertToSolidRGBImage(const Image& image) {
+    AR::CV::Image<AR::CV::Pixel24> rgb;
+    rgb.set(static_cast<AR::CV::Pixel24*>(const_cast<void*>(image.pixelData)), sizeOf(image),
+            Size2i(static_cast<int32_t>(image.stride / 3), static_cast<int32_t>(image.height)),
+            false);
+    return rgb;
+}
+
+Solid::LabelDepthFrame makeLabelDepthFrame(XrTimeVLM time, const Image& depthImage,
+                                           const Image& labelImage) {
+    const Solid::DepthFrame depth = makeDepthFrame(time, depthImage);
+    Solid::LabelDepthFrame frame;
+    copyDepthPart(frame, depth);
+    frame.labels = convertToSolidLabelImage(labelImage);
+    return frame;
+}
+
+Solid::RGBDFrame makeDepthColorFrame(XrTimeVLM time, const Image& depthImage,
+                                     const Image& colorImage) {
+    const Solid::DepthFrame depth = makeDepthFrame(time, depthImage);
+    Solid::RGBDFrame frame;
+    copyDepthPart(frame, depth);
+    // The frame outlives the call, so it owns a dense copy; the host's stride plays no part.
+    frame.rgb.copyPixels(static_cast<const AR::CV::Pixel24*>(colorImage.pixelData),
+                         sizeOf(colorImage), sizeOf(colorImage), AR::Common::ALIGNMENT_16);
+    return frame;
+}
+
+Solid::LabelFrame makeLabelFrame(XrTimeVLM time, const Image& labelImage) {
+    Solid::LabelFrame frame;
+    frame.timestamp = time;
+    frame.labels = convertToSolidLabelImage(labelImage);
+    return frame;
+}
+
+}  // namespace Velmora
