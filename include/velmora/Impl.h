@@ -58,8 +58,10 @@ public:
     static XrResultVLM checkConfig(const Config& config);
     static XrResultVLM checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics);
 
-    // Everything of the scene that needs internal types: grids, detectors, caches.
+    // Everything of the scene that needs internal types: grids, detectors, caches. Its type is
+    // not public; the accessor serves the library's own tools and tests.
     struct State;
+    State& internalState() { return *mState; }
 
 private:
     bool isInitialized() const;

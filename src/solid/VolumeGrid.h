@@ -142,6 +142,15 @@ public:
     template <typename F>
     void for_each(F&& f) const {
         AR::Common::ReadLockGuard<GridLockType> guard(mLock);
+        for (const auto& item : mGrid) {
+            std::lock_guard<std::mutex> blockLock(*item.second.mutex);
+            f(item.first, item.second.block);
+        }
+    }
+    // The same with write access to the samples.
+    template <typename F>
+    void for_each(F&& f) {
+        AR::Common::ReadLockGuard<GridLockType> guard(mLock);
         for (auto& item : mGrid) {
             std::lock_guard<std::mutex> blockLock(*item.second.mutex);
             f(item.first, item.second.block);
