@@ -65,13 +65,14 @@ const Box kBoxes[] = {
 
 constexpr double kBallRadius = 0.15;
 
-// The camera loop: an ellipse around the room's centre at about eye height, looking down at a
-// point that wanders slowly around the table.
+// The camera loop: an ellipse around the room's centre at about eye height, looking at a point
+// that wanders slowly around the table and up and down, so that floor and ceiling are both seen.
 constexpr double kOrbitRadiusX = 1.4;
 constexpr double kOrbitRadiusY = 1.0;
 constexpr double kOrbitHeight = 1.5;
 constexpr double kOrbitHeightSwing = 0.15;
-constexpr double kTargetHeight = 0.6;
+constexpr double kTargetHeight = 0.8;
+constexpr double kTargetHeightSwing = 0.6;  // the gaze rises towards the ceiling once a loop
 constexpr double kTargetSwingX = 0.3;
 constexpr double kTargetSwingY = 0.25;
 
@@ -240,7 +241,8 @@ Matrix4d cameraPose(size_t frame, size_t frameCount) {
                         centre[1] + kOrbitRadiusY * std::sin(theta),
                         kOrbitHeight + kOrbitHeightSwing * std::sin(2.0 * theta)};
     const Vec3 target{centre[0] + kTargetSwingX * std::cos(2.0 * theta),
-                      centre[1] + kTargetSwingY * std::sin(3.0 * theta), kTargetHeight};
+                      centre[1] + kTargetSwingY * std::sin(3.0 * theta),
+                      kTargetHeight + kTargetHeightSwing * std::sin(theta)};
     return lookAt(position, target);
 }
 
