@@ -37,9 +37,10 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::string format(const char* pattern, double a, double b = 0.0, double c = 0.0) {
+template <typename... Args>
+std::string format(const char* pattern, Args... args) {
     char text[160];
-    std::snprintf(text, sizeof(text), pattern, a, b, c);
+    std::snprintf(text, sizeof(text), pattern, args...);
     return text;
 }
 
@@ -195,7 +196,8 @@ bool checkFuseOptions(const FuseOptions& options, std::string& error) {
     }
     if (!(options.truncation >= kMinTruncationCells * options.cellSize)) {
         error = format("--truncation must be at least 5 cells (%.3f m at --cell-size %.3f)",
-                       kMinTruncationCells * options.cellSize, options.cellSize);
+                       static_cast<double>(kMinTruncationCells * options.cellSize),
+                       static_cast<double>(options.cellSize));
         return false;
     }
     if (options.firstFrame > options.lastFrame) {
@@ -355,9 +357,10 @@ void printSummary(const FuseReport& report, std::ostream& out) {
     };
     out << "velmora summary\n";
     row("source", report.source);
-    row("mode", std::string(modeName(report.options.mode)) +
-                    format(", cell %.3f m, truncation %.3f m", report.options.cellSize,
-                           report.options.truncation));
+    row("mode",
+        std::string(modeName(report.options.mode)) +
+            format(", cell %.3f m, truncation %.3f m", static_cast<double>(report.options.cellSize),
+                   static_cast<double>(report.options.truncation)));
     row("frames selected", std::to_string(report.framesSelected));
     row("frames fused", std::to_string(report.framesFused));
     row("frames skipped", std::to_string(skipped) + " (tracking lost " +

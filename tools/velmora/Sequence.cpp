@@ -309,6 +309,7 @@ public:
                           problem)) {
             return FrameStatus::kBadInput;
         }
+        // The layout has no time stamps; the frame number stands in, which keeps the order.
         frame.timestamp = static_cast<int64_t>(mEntries[index].number);
         return FrameStatus::kOk;
     }
