@@ -117,7 +117,10 @@ int runFuse(const FuseCommandOptions& options, std::ostream& out, std::ostream& 
 }
 
 int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bool interactive) {
-    BuiltinSceneSource scene(options.frames, options.width, options.height, 0.0, 1);
+    // The demo shows the reconstruction of the exact surfaces: no depth noise.
+    constexpr double kDemoNoise = 0.0;
+    constexpr uint32_t kDemoSeed = 1;
+    BuiltinSceneSource scene(options.frames, options.width, options.height, kDemoNoise, kDemoSeed);
     FuseOptions fuse;
     fuse.savePrefix = (std::filesystem::path(options.outDir) / kDemoVolumeName).string();
     out << "velmora demo: fusing " << scene.describe() << "\n";

@@ -25,6 +25,7 @@ constexpr uint32_t kTumDepthUnitsPerMm = 5;
 // within this many seconds (the usual association bound for that data set).
 constexpr double kTumMaxTimeDifference = 0.02;
 constexpr double kNanosecondsPerSecond = 1e9;
+constexpr double kMillisecondsPerSecond = 1e3;
 
 // Parses a whole token as a double; "nan" and "inf" are numbers here.
 bool parseNumber(const std::string& token, double& value) {
@@ -393,7 +394,8 @@ bool readTumLines(const fs::path& path, size_t fields, std::vector<std::vector<s
 
 bool readTumFiles(const fs::path& path, std::vector<TimedFile>& files, std::string& error) {
     std::vector<std::vector<std::string>> lines;
-    if (!readTumLines(path, 2, lines, error)) {
+    constexpr size_t kFields = 2;  // time file
+    if (!readTumLines(path, kFields, lines, error)) {
         return false;
     }
     for (const auto& tokens : lines) {
@@ -469,7 +471,7 @@ public:
         if (pose < 0) {
             char text[128];
             std::snprintf(text, sizeof(text), ": no ground-truth pose within %.0f ms",
-                          kTumMaxTimeDifference * 1000.0);
+                          kTumMaxTimeDifference * kMillisecondsPerSecond);
             problem = depthPath + text;
             return FrameStatus::kTrackingLost;
         }
