@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <set>
+
+#include "velmora/BuiltinScene.h"
+
+using namespace VelmoraTool;
+
+namespace {
+
+constexpr uint32_t kWidth = kDefaultWidth;
+constexpr uint32_t kHeight = kDefaultHeight;
+// Depth is stored in whole millimetres, so an exact distance may be off by rounding only.
+constexpr int kRoundingMm = 1;
+
+Frame render(const Matrix4d& pose, double noise = 0.0, uint32_t seed = 1) {
+    std::mt19937 rng(seed);
+    return renderView(pose, sceneIntrinsics(kWidth, kHeight), kWidth, kHeight, noise, rng);
+}
+
+size_t pixelIndex(uint32_t u, uint32_t v) {
+    return size_t{v} * kWidth + u;
+}
+
+// The two shades of an object's pattern.
+bool isShadeOf(SceneObject object, const uint8_t* rgb) {
+    const std::array<uint8_t, 3> light = objectInfo(object).color;
+    bool isLight = true, isDark = true;
+    for (int c = 0; c < 3; ++c) {
+        isLight = isLight && rgb[c] == light[c];
+        isDark = isDark && rgb[c] == std::lround(light[c] * kCheckerShade);
+    }
+    return isLight || isDark;
+}
+
+SceneObject objectOfLabel(uint8_t label) {
+    for (int i = 0; i < static_cast<int>(SceneObject::kCount); ++i) {
+        if (objectInfo(static_cast<SceneObject>(i)).label == label) {
+            return static_cast<SceneObject>(i);
+        }
+    }
+    return SceneObject::kCount;
+}
+
+}  // namespace
+
+TEST(BuiltinScene, IntrinsicsAndObjectTable) {
+    const Intrinsics full = sceneIntrinsics(640, 480);
+    EXPECT_EQ(full.fx, 525.0);
+    EXPECT_EQ(full.fy, 525.0);
+    EXPECT_EQ(full.cx, 319.5);
+    EXPECT_EQ(full.cy, 239.5);
+    const Intrinsics quarter = sceneIntrinsics(160, 120);
+    EXPECT_DOUBLE_EQ(quarter.fx, 131.25);
+    EXPECT_DOUBLE_EQ(quarter.cx, 79.5);
+    // Every object has its own label, below the library's class count, and not the "no class" 0.
+    std::set<uint8_t> labels;
+    for (int i = 0; i < static_cast<int>(SceneObject::kCount); ++i) {
+        const uint8_t label = objectInfo(static_cast<SceneObject>(i)).label;
+        EXPECT_GT(label, 0);
+        EXPECT_LT(label, kLabelCount);
+        labels.insert(label);
+    }
+    EXPECT_EQ(labels.size(), static_cast<size_t>(SceneObject::kCount));
+}
+
+// Depth is the z coordinate in the camera frame, not the length of the ray: a wall facing the
+// camera has one depth everywhere, the distance to it.
+TEST(BuiltinScene, DepthOfAWallFacingTheCameraIsItsDistance) {
+    const Frame frame = render(lookAt({1.0, 1.5, 1.8}, {kRoomLength, 1.5, 1.8}));
+    size_t wallPixels = 0;
+    for (size_t i = 0; i < frame.depthMm.size(); ++i) {
+        if (frame.labels8[i] == objectInfo(SceneObject::kWallEast).label) {
+            ++wallPixels;
+            ASSERT_NEAR(frame.depthMm[i], 3000, kRoundingMm) << "pixel " << i;
+        }
+    }
+    EXPECT_GT(wallPixels, frame.depthMm.size() / 2);
+    EXPECT_EQ(frame.labels8[pixelIndex(320, 240)], objectInfo(SceneObject::kWallEast).label);
+}
+
+TEST(BuiltinScene, DepthOfTheFloorSeenFromAboveIsTheCameraHeight) {
+    // Straight down: x right, y towards -y of the world, z down.
+    Matrix4d pose = identityMatrix();
+    pose[0] = 1.0;
+    pose[5] = -1.0;
+    pose[10] = -1.0;
+    // 1 m above a free stretch of floor between the table and the east wall.
+    pose[3] = 3.3;
+    pose[7] = 0.6;
+    pose[11] = 1.0;
+    const Frame frame = render(pose);
+    for (size_t pixel : {pixelIndex(320, 240), pixelIndex(0, 0), pixelIndex(kWidth - 1, 0),
+                         pixelIndex(0, kHeight - 1), pixelIndex(kWidth - 1, kHeight - 1)}) {
+        EXPECT_EQ(frame.labels8[pixel], objectInfo(SceneObject::kFloor).label) << pixel;
+        EXPECT_NEAR(frame.depthMm[pixel], 1000, kRoundingMm) << pixel;
+    }
+}
+
+TEST(BuiltinScene, DepthLabelAndColourOfTheBall) {
+    // The ball's centre on the optical axis, 1 m away: the nearest point is 1 m - radius.
+    const Vec3 centre = ballCentre();
+    const double distance = 1.0;
+    const Frame frame = render(lookAt({centre[0] - distance, centre[1], centre[2]}, centre));
+    const size_t pixel = pixelIndex(320, 240);
+    EXPECT_EQ(frame.labels8[pixel], objectInfo(SceneObject::kBall).label);
+    EXPECT_NEAR(frame.depthMm[pixel], (distance - ballRadius()) * 1000.0, kRoundingMm);
+    EXPECT_TRUE(isShadeOf(SceneObject::kBall, &frame.rgb[pixel * 3]));
+    // The silhouette: a ray just outside the ball's radius misses it.
+    const double radiusPixels =
+        525.0 * ballRadius() / std::sqrt(distance * distance - ballRadius() * ballRadius());
+    const uint32_t outside = static_cast<uint32_t>(320 + radiusPixels + 2);
+    const uint32_t inside = static_cast<uint32_t>(320 + radiusPixels - 2);
+    EXPECT_NE(frame.labels8[pixelIndex(outside, 240)], objectInfo(SceneObject::kBall).label);
+    EXPECT_EQ(frame.labels8[pixelIndex(inside, 240)], objectInfo(SceneObject::kBall).label);
+}
+
+// Over one loop of the camera path every object is seen, and every pixel carries the label and
+// one of the two pattern shades of the same object.
+TEST(BuiltinScene, LabelsAndColoursAgreePerObjectAlongThePath) {
+    constexpr size_t kFrames = 12;
+    std::set<uint8_t> seen;
+    std::set<std::array<uint8_t, 3>> ballColours;
+    for (size_t i = 0; i < kFrames; ++i) {
+        const Frame frame = render(cameraPose(i, kFrames));
+        for (size_t p = 0; p < frame.depthMm.size(); ++p) {
+            const SceneObject object = objectOfLabel(frame.labels8[p]);
+            ASSERT_NE(object, SceneObject::kCount) << "unknown label " << int(frame.labels8[p]);
+            ASSERT_TRUE(isShadeOf(object, &frame.rgb[p * 3]))
+                << objectInfo(object).name << " at pixel " << p << " of frame " << i;
+            ASSERT_GT(frame.depthMm[p], 0);
+            seen.insert(frame.labels8[p]);
+            if (object == SceneObject::kBall) {
+                ballColours.insert({frame.rgb[p * 3], frame.rgb[p * 3 + 1], frame.rgb[p * 3 + 2]});
+            }
+        }
+    }
+    EXPECT_EQ(seen.size(), static_cast<size_t>(SceneObject::kCount));
+    EXPECT_EQ(ballColours.size(), 2u) << "both squares of the pattern";
+}
+
+TEST(BuiltinScene, CameraPathIsSmoothRigidAndInsideTheRoom) {
+    constexpr size_t kFrames = 120;
+    // At 120 frames a loop, the camera moves a few centimetres and turns a few degrees a frame.
+    constexpr double kMaxStepMetres = 0.1;
+    constexpr double kMaxStepRotation = 0.1;  // largest change of a rotation entry
+    for (size_t i = 0; i < kFrames; ++i) {
+        const Matrix4d pose = cameraPose(i, kFrames);
+        const Matrix4d next = cameraPose((i + 1) % kFrames, kFrames);
+        std::string problem;
+        ASSERT_TRUE(checkRigid(pose, problem)) << problem;
+        EXPECT_GT(pose[3], 0.0);
+        EXPECT_LT(pose[3], kRoomLength);
+        EXPECT_GT(pose[7], 0.0);
+        EXPECT_LT(pose[7], kRoomWidth);
+        EXPECT_GT(pose[11], 1.0);
+        EXPECT_LT(pose[11], kRoomHeight);
+        const double step = std::hypot(next[3] - pose[3], next[7] - pose[7], next[11] - pose[11]);
+        EXPECT_LT(step, kMaxStepMetres) << "frame " << i;
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) {
+                EXPECT_LT(std::fabs(next[r * 4 + c] - pose[r * 4 + c]), kMaxStepRotation);
+            }
+        }
+    }
+}
+
+TEST(BuiltinScene, NoiseHasTheRequestedSpreadAndFollowsTheSeed) {
+    const Matrix4d pose = lookAt({1.0, 1.5, 1.8}, {kRoomLength, 1.5, 1.8});
+    constexpr double kNoiseAt1m = 2.0;
+    const double expectedSigma = kNoiseAt1m * 3.0 * 3.0;  // the wall is 3 m away
+    const Frame noisy = render(pose, kNoiseAt1m, 5);
+    double sum = 0.0, sumSquares = 0.0;
+    size_t count = 0;
+    for (size_t i = 0; i < noisy.depthMm.size(); ++i) {
+        if (noisy.labels8[i] == objectInfo(SceneObject::kWallEast).label) {
+            const double error = noisy.depthMm[i] - 3000.0;
+            sum += error;
+            sumSquares += error * error;
+            ++count;
+        }
+    }
+    const double mean = sum / count;
+    const double sigma = std::sqrt(sumSquares / count - mean * mean);
+    EXPECT_NEAR(mean, 0.0, 0.5);
+    EXPECT_NEAR(sigma, expectedSigma, 0.05 * expectedSigma);
+    EXPECT_EQ(render(pose, kNoiseAt1m, 5).depthMm, noisy.depthMm);
+    EXPECT_NE(render(pose, kNoiseAt1m, 6).depthMm, noisy.depthMm);
+
+    // The frame source seeds each frame from (seed, index): any order renders the same frames.
+    BuiltinSceneSource source(4, 16, 12, kNoiseAt1m, 9);
+    Frame first, again;
+    std::string problem;
+    ASSERT_EQ(source.load(2, first, problem), FrameStatus::kOk);
+    source.load(0, again, problem);
+    source.load(2, again, problem);
+    EXPECT_EQ(first.depthMm, again.depthMm);
+}

@@ -1,0 +1,275 @@
+// The built `velmora` executable, run as a subprocess: exit codes, messages and the summary.
+// The library does not fuse yet in every configuration, so these tests check what the tool
+// controls (frame counts, skip reports, exit codes, the call to save), not fused volumes.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "ToolTestSupport.h"
+#include "velmora/Fusion.h"
+#include "velmora/Png.h"
+
+using namespace VelmoraTool;
+using namespace VelmoraToolTest;
+
+namespace {
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+const std::string kSmallSize = std::to_string(kSmallWidth) + "x" + std::to_string(kSmallHeight);
+
+}  // namespace
+
+TEST(ToolCommandLine, HelpAndUsageErrors) {
+    ScratchDir scratch;
+    for (const char* command : {"render-scene", "fuse", "demo"}) {
+        const ToolRun help = runTool(scratch, {command, "--help"});
+        EXPECT_EQ(help.exitCode, kExitOk) << command;
+        EXPECT_TRUE(contains(help.out, "Usage:")) << help.out;
+        EXPECT_TRUE(contains(help.out, "Exit codes:")) << help.out;
+    }
+    EXPECT_TRUE(contains(runTool(scratch, {"fuse", "--help"}).out, "--label-map"));
+    EXPECT_EQ(runTool(scratch, {}).exitCode, kExitUsage);
+    EXPECT_EQ(runTool(scratch, {"explode"}).exitCode, kExitUsage);
+    EXPECT_EQ(runTool(scratch, {"fuse"}).exitCode, kExitUsage);
+    EXPECT_EQ(runTool(scratch, {"fuse", "x", "--mode", "both"}).exitCode, kExitUsage);
+    EXPECT_EQ(runTool(scratch, {"render-scene", "x", "--size", "64by48"}).exitCode, kExitUsage);
+    EXPECT_EQ(runTool(scratch, {"render-scene", "x", "--frames", "0"}).exitCode, kExitUsage);
+
+    // Options the library would refuse are caught before it sees them.
+    writeSceneSequence(scratch / "seq", 1);
+    ToolRun run = runTool(scratch, {"fuse", scratch / "seq", "--truncation", "0.05"});
+    EXPECT_EQ(run.exitCode, kExitUsage);
+    EXPECT_TRUE(contains(run.err, "--truncation must be at least 5 cells")) << run.err;
+    run = runTool(scratch, {"fuse", scratch / "seq", "--cell-size", "0"});
+    EXPECT_EQ(run.exitCode, kExitUsage);
+    EXPECT_TRUE(contains(run.err, "--cell-size must be above zero")) << run.err;
+    run = runTool(scratch, {"fuse", scratch / "seq", "--frames", "5:2"});
+    EXPECT_EQ(run.exitCode, kExitUsage);
+    EXPECT_TRUE(contains(run.err, "--frames")) << run.err;
+    run = runTool(scratch, {"fuse", scratch / "seq", "--intrinsics", "1,2,3"});
+    EXPECT_EQ(run.exitCode, kExitUsage);
+    EXPECT_TRUE(contains(run.err, "--intrinsics")) << run.err;
+}
+
+// render-scene, then fuse in both modes: every frame is fused, the statistics carry one time per
+// frame, and saving is requested and reported.
+TEST(ToolEndToEnd, RenderThenFuse) {
+    ScratchDir scratch;
+    const std::string seq = scratch / "seq";
+    ToolRun run = runTool(scratch, {"render-scene", seq, "--frames", "4", "--size", kSmallSize,
+                                    "--noise", "1.5", "--seed", "3"});
+    ASSERT_EQ(run.exitCode, kExitOk) << run.err;
+    for (const char* file : {"depth/000003.png", "label/000003.png", "color/000003.png",
+                             "pose/000003.txt", "intrinsic/intrinsic_depth.txt"}) {
+        EXPECT_TRUE(fs::exists(fs::path(seq) / file)) << file;
+    }
+    PngImage depth;
+    std::string error;
+    ASSERT_TRUE(readPng((fs::path(seq) / "depth/000000.png").string(), depth, error)) << error;
+    EXPECT_EQ(depth.describe(), "16-bit grey");
+    EXPECT_EQ(depth.width, kSmallWidth);
+
+    for (const char* mode : {"split", "combined"}) {
+        SCOPED_TRACE(mode);
+        const std::string stats = scratch / (std::string(mode) + ".json");
+        run = runTool(scratch, {"fuse", seq, "--mode", mode, "--stats", stats, "--save",
+                                scratch / "volumes/scene", "--color-every", "2"});
+        ASSERT_EQ(run.exitCode, kExitOk) << run.err;
+        EXPECT_EQ(summaryRow(run.out, "frames fused"), "4");
+        EXPECT_EQ(summaryRow(run.out, "frames skipped"),
+                  "0 (tracking lost 0, bad input 0, refused by library 0)");
+        EXPECT_EQ(summaryRow(run.out, "mode"),
+                  std::string(mode) + ", cell 0.020 m, truncation 0.100 m");
+        EXPECT_EQ(summaryRow(run.out, "volumes"),
+                  "saved with prefix " + (scratch / "volumes/scene"));
+        EXPECT_TRUE(contains(summaryRow(run.out, "submitImages"), "median")) << run.out;
+        EXPECT_TRUE(contains(summaryRow(run.out, "peak memory"), "MiB")) << run.out;
+        // Not a terminal: plain progress lines, the last one at the end of the run.
+        EXPECT_TRUE(contains(run.err, "velmora: 4/4 frames")) << run.err;
+        const nlohmann::json json = nlohmann::json::parse(readText(stats));
+        EXPECT_EQ(json["mode"], mode);
+        EXPECT_EQ(json["framesFused"], 4);
+        EXPECT_EQ(json["cellSize"], 0.02);
+        ASSERT_EQ(json["frames"].size(), 4u);
+        double largest = 0.0;
+        for (size_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(json["frames"][i]["frame"], i);
+            largest = std::max(largest, json["frames"][i]["submitMs"].get<double>());
+        }
+        EXPECT_EQ(json["submitMs"]["max"].get<double>(), largest);
+        EXPECT_TRUE(json["saved"].get<bool>());
+    }
+
+    // Frame selection: numbers 1 to 3, every second of them.
+    run = runTool(
+        scratch, {"fuse", seq, "--frames", "1:3", "--every", "2", "--stats", scratch / "sel.json"});
+    ASSERT_EQ(run.exitCode, kExitOk) << run.err;
+    EXPECT_EQ(summaryRow(run.out, "frames selected"), "2");
+    const nlohmann::json json = nlohmann::json::parse(readText(scratch / "sel.json"));
+    ASSERT_EQ(json["frames"].size(), 2u);
+    EXPECT_EQ(json["frames"][0]["frame"], 1);
+    EXPECT_EQ(json["frames"][1]["frame"], 3);
+    run = runTool(scratch, {"fuse", seq, "--frames", "7:"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(run.err, "no frames in the selected range")) << run.err;
+}
+
+// A lost-tracking frame is skipped and counted, but is not an error; a bad frame is skipped,
+// named, counted, and makes the exit code say so.
+TEST(ToolEndToEnd, SkippedFramesAreReportedAndCounted) {
+    ScratchDir scratch;
+    const std::string seq = scratch / "seq";
+    writeSceneSequence(seq, 4);
+    const std::string lostPose = (fs::path(seq) / "pose" / "000001.txt").string();
+    writeText(lostPose, "nan nan nan nan\nnan nan nan nan\nnan nan nan nan\n0 0 0 1\n");
+    ToolRun run = runTool(scratch, {"fuse", seq});
+    EXPECT_EQ(run.exitCode, kExitOk) << run.err;
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "3");
+    EXPECT_EQ(summaryRow(run.out, "frames skipped"),
+              "1 (tracking lost 1, bad input 0, refused by library 0)");
+    EXPECT_TRUE(contains(run.err, "velmora: frame 1 skipped: " + lostPose + ": tracking lost"))
+        << run.err;
+
+    const std::string badDepth = (fs::path(seq) / "depth" / "000002.png").string();
+    std::string error;
+    ASSERT_TRUE(writePng(
+        badDepth,
+        makeGrey8(kSmallWidth, kSmallHeight, std::vector<uint8_t>(kSmallWidth * kSmallHeight, 1)),
+        error));
+    const std::string badLabel = (fs::path(seq) / "label" / "000003.png").string();
+    std::vector<uint8_t> labels(kSmallWidth * kSmallHeight, 2);
+    labels.back() = 77;
+    ASSERT_TRUE(writePng(badLabel, makeGrey8(kSmallWidth, kSmallHeight, labels), error));
+    run = runTool(scratch, {"fuse", seq, "--stats", scratch / "s.json"});
+    EXPECT_EQ(run.exitCode, kExitFramesSkipped) << run.err;
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "1");
+    EXPECT_EQ(summaryRow(run.out, "frames skipped"),
+              "3 (tracking lost 1, bad input 2, refused by library 0)");
+    EXPECT_TRUE(contains(run.err, "velmora: frame 2 skipped: " + badDepth +
+                                      ": expected a 16-bit grey depth image, found 8-bit grey"))
+        << run.err;
+    EXPECT_TRUE(contains(run.err, "velmora: frame 3 skipped: " + badLabel + ": label id 77"))
+        << run.err;
+    const nlohmann::json json = nlohmann::json::parse(readText(scratch / "s.json"));
+    ASSERT_EQ(json["skipped"].size(), 3u);
+    EXPECT_EQ(json["skipped"][1]["frame"], 2);
+    EXPECT_EQ(json["framesSkipped"]["badInput"], 2);
+
+    // The label map brings the ids of frame 3 below 32.
+    writeText(scratch / "map.csv", "2,2\n77,12\n");
+    run = runTool(scratch, {"fuse", seq, "--label-map", scratch / "map.csv"});
+    EXPECT_EQ(run.exitCode, kExitFramesSkipped);
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "2");
+    writeText(scratch / "map.csv", "77,40\n");
+    run = runTool(scratch, {"fuse", seq, "--label-map", scratch / "map.csv"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(run.err, (scratch / "map.csv") + ":1: class 40 is 32 or more")) << run.err;
+
+    // Nothing fused at all is a failure, not a partial success.
+    run = runTool(scratch, {"fuse", seq, "--frames", "1:2"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(run.err, "no frame was fused")) << run.err;
+}
+
+TEST(ToolEndToEnd, CombinedModeRequiresLabels) {
+    ScratchDir scratch;
+    const std::string seq = scratch / "seq";
+    writeSceneSequence(seq, 2, false);
+    ToolRun run = runTool(scratch, {"fuse", seq, "--mode", "combined"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(run.err, "combined mode requires label images")) << run.err;
+    EXPECT_EQ(run.out, "") << "nothing was fused, so there is no summary";
+    EXPECT_EQ(runTool(scratch, {"fuse", seq}).exitCode, kExitOk);
+
+    // Labels for some frames only: the others are skipped as bad input in combined mode, and
+    // fused without labels in split mode.
+    const std::string labelled = scratch / "labelled";
+    writeSceneSequence(labelled, 3);
+    fs::remove(fs::path(labelled) / "label" / "000001.png");
+    run = runTool(scratch, {"fuse", labelled, "--mode", "combined"});
+    EXPECT_EQ(run.exitCode, kExitFramesSkipped);
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "2");
+    EXPECT_TRUE(contains(run.err, "frame 1 skipped: no label image")) << run.err;
+    run = runTool(scratch, {"fuse", labelled});
+    EXPECT_EQ(run.exitCode, kExitOk);
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "3");
+}
+
+TEST(ToolEndToEnd, UnusableSequencesNameTheProblem) {
+    ScratchDir scratch;
+    ToolRun run = runTool(scratch, {"fuse", scratch / "absent"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_EQ(run.err, "velmora: " + (scratch / "absent") + ": no such directory\n");
+    writeSceneSequence(scratch / "seq", 1);
+    const std::string intrinsics =
+        (fs::path(scratch / "seq") / "intrinsic" / "intrinsic_depth.txt").string();
+    fs::remove(intrinsics);
+    run = runTool(scratch, {"fuse", scratch / "seq"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_EQ(run.err, "velmora: " + intrinsics + ": missing file\n");
+}
+
+TEST(ToolEndToEnd, TumLayoutNeedsIntrinsicsAndFuses) {
+    ScratchDir scratch;
+    const std::string seq = scratch / "tum";
+    writeSceneSequence(scratch / "source", 3);
+    // The TUM files of the same frames, poses as quaternions, depth at 5000 units a metre.
+    fs::create_directories(fs::path(seq) / "depth");
+    std::string depthList, truth;
+    for (int i = 0; i < 3; ++i) {
+        const std::string stem = frameStem(i);
+        PngImage depth;
+        std::string error;
+        ASSERT_TRUE(readPng((fs::path(scratch / "source") / "depth" / (stem + ".png")).string(),
+                            depth, error));
+        for (size_t p = 0; p < depth.bytes.size(); p += 2) {
+            uint16_t value;
+            std::memcpy(&value, &depth.bytes[p], 2);
+            value = static_cast<uint16_t>(value * 5);
+            std::memcpy(&depth.bytes[p], &value, 2);
+        }
+        ASSERT_TRUE(writePng((fs::path(seq) / "depth" / (stem + ".png")).string(), depth, error));
+        depthList += std::to_string(10 + i) + " depth/" + stem + ".png\n";
+        truth += std::to_string(10 + i) + ".001 1 2 1 0 0 0 1\n";
+    }
+    writeText((fs::path(seq) / "depth.txt").string(), depthList);
+    writeText((fs::path(seq) / "groundtruth.txt").string(), truth);
+    ToolRun run = runTool(scratch, {"fuse", seq});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(run.err, "give --intrinsics fx,fy,cx,cy")) << run.err;
+    run = runTool(scratch, {"fuse", seq, "--intrinsics", "26.25,26.25,15.5,11.5"});
+    EXPECT_EQ(run.exitCode, kExitOk) << run.err;
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "3");
+    EXPECT_TRUE(contains(summaryRow(run.out, "source"), "TUM RGB-D layout"));
+}
+
+TEST(ToolEndToEnd, DemoRendersFusesAndSaves) {
+    ScratchDir scratch;
+    const ToolRun run =
+        runTool(scratch, {"demo", "--out", scratch / "out", "--frames", "3", "--size", kSmallSize});
+    EXPECT_EQ(run.exitCode, kExitOk) << run.err;
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "3");
+    EXPECT_EQ(summaryRow(run.out, "volumes"), "saved with prefix " + (scratch / "out/scene"));
+    EXPECT_TRUE(fs::is_directory(scratch.path() / "out"));
+}
+
+// Real sensor data: holes, noise, a real room corner. No labels, so only split mode applies.
+TEST(ToolEndToEnd, RealSampleSequence) {
+    const std::string sample = VELMORA_SAMPLE_SEQUENCE;
+    if (!fs::is_directory(sample)) {
+        GTEST_SKIP() << "sample sequence not present at " << sample;
+    }
+    ScratchDir scratch;
+    ToolRun run = runTool(scratch, {"fuse", sample, "--cell-size", "0.01", "--truncation", "0.05",
+                                    "--stats", scratch / "s.json"});
+    ASSERT_EQ(run.exitCode, kExitOk) << run.err;
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "5");
+    EXPECT_EQ(nlohmann::json::parse(readText(scratch / "s.json"))["frames"].size(), 5u);
+    run = runTool(scratch, {"fuse", sample, "--mode", "combined"});
+    EXPECT_EQ(run.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(run.err, "combined mode requires label images")) << run.err;
+}

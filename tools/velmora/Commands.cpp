@@ -1,0 +1,130 @@
+#include "velmora/Commands.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <sstream>
+
+#include "velmora/Sequence.h"
+
+namespace VelmoraTool {
+namespace {
+
+// Base name of the volume files that `demo` writes into its output directory.
+constexpr const char* kDemoVolumeName = "scene";
+
+bool parseUnsigned(const std::string& text, uint64_t& value) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    errno = 0;
+    value = std::strtoull(text.c_str(), nullptr, 10);
+    return errno != ERANGE;
+}
+
+}  // namespace
+
+bool parseSize(const std::string& text, uint32_t& width, uint32_t& height) {
+    const size_t x = text.find('x');
+    uint64_t w = 0, h = 0;
+    if (x == std::string::npos || !parseUnsigned(text.substr(0, x), w) ||
+        !parseUnsigned(text.substr(x + 1), h) || w == 0 || h == 0 || w > UINT16_MAX ||
+        h > UINT16_MAX) {
+        return false;
+    }
+    width = static_cast<uint32_t>(w);
+    height = static_cast<uint32_t>(h);
+    return true;
+}
+
+bool parseFrameRange(const std::string& text, uint64_t& first, uint64_t& last) {
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos || !parseUnsigned(text.substr(0, colon), first)) {
+        return false;
+    }
+    const std::string end = text.substr(colon + 1);
+    if (end.empty()) {
+        last = UINT64_MAX;
+        return true;
+    }
+    return parseUnsigned(end, last) && first <= last;
+}
+
+bool parseIntrinsics(const std::string& text, Intrinsics& intrinsics) {
+    std::istringstream in(text);
+    double values[4];
+    std::string token;
+    size_t count = 0;
+    while (std::getline(in, token, ',')) {
+        char* end = nullptr;
+        const double value = std::strtod(token.c_str(), &end);
+        if (count == 4 || token.empty() || end != token.c_str() + token.size() ||
+            !std::isfinite(value) || value <= 0.0) {
+            return false;
+        }
+        values[count++] = value;
+    }
+    if (count != 4) {
+        return false;
+    }
+    intrinsics = {values[0], values[1], values[2], values[3]};
+    return true;
+}
+
+int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream& err) {
+    RecordedSequenceWriter writer;
+    std::string error;
+    const Intrinsics intrinsics = sceneIntrinsics(options.width, options.height);
+    if (!writer.open(options.outDir, intrinsics, error)) {
+        err << "velmora: " << error << "\n";
+        return kExitFailure;
+    }
+    BuiltinSceneSource scene(options.frames, options.width, options.height, options.noiseMmAt1m,
+                             options.seed);
+    Frame frame;
+    for (size_t i = 0; i < options.frames; ++i) {
+        scene.load(i, frame, error);
+        if (!writer.write(i, frame, error)) {
+            err << "velmora: " << error << "\n";
+            return kExitFailure;
+        }
+    }
+    out << "velmora: rendered " << options.frames << " frames of " << options.width << "x"
+        << options.height << " into " << options.outDir << "\n";
+    return kExitOk;
+}
+
+int runFuse(const FuseCommandOptions& options, std::ostream& out, std::ostream& err,
+            bool interactive) {
+    SequenceOptions sequenceOptions;
+    sequenceOptions.intrinsics = options.intrinsics;
+    std::string error;
+    if (!options.labelMapPath.empty()) {
+        LabelMap map;
+        if (!loadLabelMap(options.labelMapPath, map, error)) {
+            err << "velmora: " << error << "\n";
+            return kExitFailure;
+        }
+        sequenceOptions.labelMap = std::move(map);
+    }
+    std::unique_ptr<FrameSource> source = openSequence(options.sequenceDir, sequenceOptions, error);
+    if (!source) {
+        err << "velmora: " << error << "\n";
+        return kExitFailure;
+    }
+    return runFusion(*source, options.fuse, out, err, err, interactive);
+}
+
+int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bool interactive) {
+    // The demo shows the reconstruction of the exact surfaces: no depth noise.
+    constexpr double kDemoNoise = 0.0;
+    constexpr uint32_t kDemoSeed = 1;
+    BuiltinSceneSource scene(options.frames, options.width, options.height, kDemoNoise, kDemoSeed);
+    FuseOptions fuse;
+    fuse.savePrefix = (std::filesystem::path(options.outDir) / kDemoVolumeName).string();
+    out << "velmora demo: fusing " << scene.describe() << "\n";
+    return runFusion(scene, fuse, out, err, err, interactive);
+}
+
+}  // namespace VelmoraTool

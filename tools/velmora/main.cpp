@@ -1,0 +1,149 @@
+// velmora: render the built-in scene, fuse recorded RGB-D sequences, run the demo.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+
+#include "velmora/Commands.h"
+
+namespace {
+
+using namespace VelmoraTool;
+
+constexpr const char* kExitCodes =
+    "Exit codes: 0 done; 1 unusable input or a failure of the library; 2 bad command line; 3 done, "
+    "but frames with bad input were skipped (each one named on standard error).";
+
+// CLI11 validators that turn the compound arguments into their values.
+CLI::Validator sizeValidator() {
+    return CLI::Validator(
+        [](std::string& text) {
+            uint32_t w = 0, h = 0;
+            return parseSize(text, w, h) ? std::string() : "expected WxH, e.g. 640x480";
+        },
+        "WxH");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"velmora: scene reconstruction from depth, label and colour frames"};
+    app.footer(kExitCodes);
+    app.require_subcommand(1);
+
+    RenderOptions render;
+    std::string renderSize = "640x480";
+    CLI::App* renderCommand = app.add_subcommand(
+        "render-scene",
+        "Render the built-in room (4 x 3 x 2.6 m: floor, ceiling, four walls, a table, two "
+        "boxes, a ball; each object its own label and colour pattern) along a smooth camera "
+        "loop, by exact ray casting, into a recorded sequence.");
+    renderCommand->add_option("OUT_DIR", render.outDir, "Directory of the sequence")->required();
+    renderCommand->add_option("--frames", render.frames, "Number of frames (one loop)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    renderCommand->add_option("--size", renderSize, "Image size; intrinsics scale with it")
+        ->capture_default_str()
+        ->check(sizeValidator());
+    renderCommand
+        ->add_option("--noise", render.noiseMmAt1m,
+                     "Depth noise: Gaussian, sigma = MM_AT_1M * z^2 millimetres (z in metres)")
+        ->capture_default_str()
+        ->check(CLI::NonNegativeNumber);
+    renderCommand->add_option("--seed", render.seed, "Seed of the noise")->capture_default_str();
+
+    FuseCommandOptions fuse;
+    std::string fuseMode = "split";
+    std::string frameRange;
+    std::string intrinsicsText;
+    CLI::App* fuseCommand = app.add_subcommand(
+        "fuse",
+        "Replay a recorded sequence (recorded layout, or TUM RGB-D detected by depth.txt and "
+        "groundtruth.txt) through submitImages and print a summary.");
+    fuseCommand->add_option("SEQUENCE_DIR", fuse.sequenceDir, "Directory of the sequence")
+        ->required();
+    fuseCommand
+        ->add_option("--mode", fuseMode,
+                     "split: depth, label and colour as separate calls, as a device delivers "
+                     "them; combined: depth and label (and colour) in one call, which requires "
+                     "label images")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"split", "combined"}));
+    fuseCommand->add_option("--cell-size", fuse.fuse.cellSize, "Cell size, metres")
+        ->capture_default_str();
+    fuseCommand->add_option("--truncation", fuse.fuse.truncation, "Truncation band, metres")
+        ->capture_default_str();
+    fuseCommand->add_option("--frames", frameRange,
+                            "FIRST:LAST inclusive frame numbers; LAST may be left out");
+    fuseCommand->add_option("--every", fuse.fuse.every, "Fuse every Nth selected frame")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    fuseCommand
+        ->add_option("--max-depth", fuse.fuse.maxDepthMm,
+                     "Ignore depth beyond MM millimetres (0: no limit)")
+        ->capture_default_str();
+    fuseCommand->add_option("--label-map", fuse.labelMapPath,
+                            "CSV of 'raw_id,class' lines (class below 32); ids not in the map "
+                            "become class 0");
+    fuseCommand
+        ->add_option("--color-every", fuse.fuse.colorEvery,
+                     "Submit colour with every Nth fused frame (0: never); the library "
+                     "keeps each colour image as a keyframe for the life of the scene")
+        ->capture_default_str();
+    fuseCommand->add_option("--intrinsics", intrinsicsText,
+                            "fx,fy,cx,cy in pixels; required for the TUM RGB-D layout");
+    fuseCommand->add_option("--save", fuse.fuse.savePrefix,
+                            "Save the volumes as PREFIX plus the ending of each grid");
+    fuseCommand->add_option("--stats", fuse.fuse.statsPath,
+                            "Write the summary and per-frame times as JSON");
+
+    DemoOptions demo;
+    std::string demoSize = "640x480";
+    CLI::App* demoCommand = app.add_subcommand(
+        "demo",
+        "Render the built-in scene in memory, fuse it, save the volumes, print the summary.");
+    demoCommand->add_option("--out", demo.outDir, "Directory of the saved volumes")
+        ->capture_default_str();
+    demoCommand->add_option("--frames", demo.frames, "Number of frames (one loop)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    demoCommand->add_option("--size", demoSize, "Image size")
+        ->capture_default_str()
+        ->check(sizeValidator());
+
+    for (CLI::App* command : {renderCommand, fuseCommand, demoCommand}) {
+        command->footer(kExitCodes);
+    }
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kExitOk : kExitUsage;
+    }
+
+    const bool interactive = isatty(fileno(stderr)) != 0;
+    if (renderCommand->parsed()) {
+        parseSize(renderSize, render.width, render.height);
+        return runRenderScene(render, std::cout, std::cerr);
+    }
+    if (fuseCommand->parsed()) {
+        fuse.fuse.mode = fuseMode == "combined" ? FuseMode::kCombined : FuseMode::kSplit;
+        if (!frameRange.empty() &&
+            !parseFrameRange(frameRange, fuse.fuse.firstFrame, fuse.fuse.lastFrame)) {
+            std::cerr << "velmora: --frames: expected FIRST:LAST with FIRST <= LAST\n";
+            return kExitUsage;
+        }
+        if (!intrinsicsText.empty()) {
+            Intrinsics intrinsics;
+            if (!parseIntrinsics(intrinsicsText, intrinsics)) {
+                std::cerr << "velmora: --intrinsics: expected four positive numbers fx,fy,cx,cy\n";
+                return kExitUsage;
+            }
+            fuse.intrinsics = intrinsics;
+        }
+        return runFuse(fuse, std::cout, std::cerr, interactive);
+    }
+    parseSize(demoSize, demo.width, demo.height);
+    return runDemo(demo, std::cout, std::cerr, interactive);
+}
