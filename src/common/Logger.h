@@ -101,7 +101,7 @@ public:
     // Text taken as it stands (no format expansion), without and with a source location.
     void log2(LEVEL level, const char* text);
     void log2(LEVEL level, const char* file, const char* function, int line, const char* text);
-    // Hands out a finished line: file or system log, then the targets.
+    // Hands out a finished line (dropped above the level): file or system log, then the targets.
     void logRawString2(LEVEL level, const char* text, size_t length);
 
     // Log file: opened for appending on the next line; `closeEachTime` closes it after each line;

@@ -20,6 +20,8 @@ constexpr double kNanosPerSecond = 1e9;
 constexpr int64_t kNanosPerMilli = 1000000;
 // struct tm counts years from 1900 and months from 0.
 constexpr int kTmYearBase = 1900;
+// Room for "YYYY-MM-DD hh:mm:ss" and its terminating zero, with slack for out-of-range fields.
+constexpr size_t kTimeStringSize = 32;
 }  // namespace
 
 void* OS::allocMem(size_t size) {
@@ -72,7 +74,7 @@ void OS::getTimeString(std::string& out) {
     const time_t now = time(nullptr);
     tm local{};
     localtime_r(&now, &local);
-    char text[32];
+    char text[kTimeStringSize];
     std::snprintf(text, sizeof(text), "%u-%02u-%02u %02u:%02u:%02u",
                   static_cast<unsigned>(local.tm_year + kTmYearBase),
                   static_cast<unsigned>(local.tm_mon + 1), static_cast<unsigned>(local.tm_mday),

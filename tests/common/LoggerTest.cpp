@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/Assert.h"
@@ -246,6 +247,44 @@ TEST(LoggerDeathTest, AssertionReportsAndEndsTheProcess) {
             AR::Common::logError("cond", "file.cpp", "void f()", 7);
         },
         R"(: AR_ASSERT cond file\.cpp\(7\) void f\(\))");
+}
+
+TEST(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
+    Logger& logger = Logger::getInstance();
+    logger.setFlag(Logger::FLAG_SYSTEM_LOG, false);
+    CaptureTarget capture;  // called under the logger's mutex
+    logger.addTarget(&capture);
+    constexpr int kThreads = 3;
+    constexpr int kLines = 300;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLines; ++i) {
+                AR_LOG_DEBUG("thread %d line %d", t, i);
+            }
+        });
+    }
+    // Debug lines pass at either level, so the count is exact.
+    threads.emplace_back([&logger] {
+        for (int i = 0; i < kLines; ++i) {
+            logger.setLevel(i % 2 == 0 ? Logger::LEVEL_VERBOSE : Logger::LEVEL_DEBUG);
+        }
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    logger.removeTarget(&capture);
+    logger.setLevel(Logger::kDefaultLevel);
+    logger.setFlag(Logger::FLAG_SYSTEM_LOG, true);
+    ASSERT_EQ(capture.lines.size(), size_t{kThreads} * kLines);
+    std::vector<int> nextLine(kThreads, 0);
+    for (const std::string& line : capture.lines) {
+        int t = -1;
+        int i = -1;
+        ASSERT_EQ(std::sscanf(line.c_str(), "AR DEBUG: thread %d line %d", &t, &i), 2) << line;
+        ASSERT_TRUE(t >= 0 && t < kThreads);
+        EXPECT_EQ(i, nextLine[t]++);  // each thread's lines arrive in its order
+    }
 }
 
 }  // namespace
