@@ -1,5 +1,7 @@
 #include "solid/Integration.h"
 
+#include "solid/PixelIndex.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -7,13 +9,8 @@ namespace Solid {
 
 namespace {
 
-// Points nearer to the camera plane than this (metres) are not projected.
-constexpr float kMinCameraDepth = 0.0001f;
+// The double-precision twins of the near limit and the radial correction.
 constexpr double kMinCameraDepthRef = 0.0001;
-// Radial correction of the sensor: (c0 + c1 * r^2) turns a difference along the optical axis
-// into an approximate difference along the ray, without a square root.
-constexpr float kRadialC0 = 1.0028380155563354f;
-constexpr float kRadialC1 = 0.4494898021221161f;
 constexpr double kRadialC0Ref = 1.0028379597200003;
 constexpr double kRadialC1Ref = 0.44948980000000255;
 // Scale of a fixed-point depth value: +1.0 of the band.
@@ -34,17 +31,6 @@ inline void updateDepthSample(Vec2S& sample, int inc, int maxW) {
         w = maxW;
     }
     sample(1) = static_cast<short>(w);
-}
-
-// trunc(x) when it lies in [0, limit), written so that no out-of-range float reaches an int
-// conversion: trunc(x) >= 0 exactly when x > -1.
-template <typename F>
-inline bool pixelIndex(F x, int limit, int& out) {
-    if (!(x > F(-1) && x < static_cast<F>(limit))) {
-        return false;
-    }
-    out = static_cast<int>(x);
-    return true;
 }
 
 struct Intrinsics {

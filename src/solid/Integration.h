@@ -13,6 +13,14 @@
 
 namespace Solid {
 
+// Radial correction of the sensor, (c0 + c1 r^2) with r^2 the squared normalised image radius:
+// turns a depth difference along the optical axis into an approximate difference along the ray,
+// in place of a square root.
+constexpr float kRadialC0 = 1.0028380155563354f;
+constexpr float kRadialC1 = 0.4494898021221161f;
+// Points nearer to the camera plane than this (metres) are not projected.
+constexpr float kMinCameraDepth = 0.0001f;
+
 namespace IntegrationHelper {
 using FastVolume = Volume<Vec2S, ReferencedVolumeData>;
 }  // namespace IntegrationHelper
