@@ -25,8 +25,13 @@ constexpr unsigned kLanes = 8;
 static_assert(kLanes == kTvrCubeCells, "one lane per row of the cube");
 constexpr int kLowLanesMask = 0x11;          // lanes 0 and 4: the rows at a node, taken unblended
 constexpr int kHighHalvesMask = 0xAA;        // odd 16-bit halves: the weights of 8 samples
+constexpr int kLowHalves = 0x20;             // 128-bit permute: the low halves of both operands
+constexpr int kHighHalves = 0x31;            // the high halves of both operands
 constexpr int kGatherScale = 4;              // bytes per float and per table entry
 constexpr unsigned kSignFlip = 0x80000000u;  // turns an unsigned compare into a signed one
+constexpr unsigned kRegisterTableEntries = 32;  // table entries held in registers
+constexpr int kBit3ToSign = 28;                 // shift moving bit 3 of an index into the sign bit
+constexpr int kBit4ToSign = 27;                 // same for bit 4
 
 struct Constants {
     __m256 fx, fy, cxHalf, cyHalf;
@@ -34,7 +39,8 @@ struct Constants {
     __m256 sdfLower, sdfUpper, valueScale, fractionStep;
     __m256 rowT, rowOneMinusT;  // interpolation weights of rows 0..7 between their nodes
     __m256i widthFlipped, heightFlipped, signFlip;
-    __m256i depthStride, maxWeight, lastTableIndex;
+    __m256i depthStride, maxWeight, lastTableIndex, lastRegisterIndex;
+    __m256i table[kRegisterTableEntries / kLanes];  // table entries 0 to 31
 };
 
 // Transposes 8 rows of 8 32-bit elements in place.
@@ -55,14 +61,14 @@ inline void transpose8(__m256 r[kLanes]) {
     const __m256 s5 = _mm256_shuffle_ps(t4, t6, _MM_SHUFFLE(3, 2, 3, 2));
     const __m256 s6 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(1, 0, 1, 0));
     const __m256 s7 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(3, 2, 3, 2));
-    r[0] = _mm256_permute2f128_ps(s0, s4, 0x20);
-    r[1] = _mm256_permute2f128_ps(s1, s5, 0x20);
-    r[2] = _mm256_permute2f128_ps(s2, s6, 0x20);
-    r[3] = _mm256_permute2f128_ps(s3, s7, 0x20);
-    r[4] = _mm256_permute2f128_ps(s0, s4, 0x31);
-    r[5] = _mm256_permute2f128_ps(s1, s5, 0x31);
-    r[6] = _mm256_permute2f128_ps(s2, s6, 0x31);
-    r[7] = _mm256_permute2f128_ps(s3, s7, 0x31);
+    r[0] = _mm256_permute2f128_ps(s0, s4, kLowHalves);
+    r[1] = _mm256_permute2f128_ps(s1, s5, kLowHalves);
+    r[2] = _mm256_permute2f128_ps(s2, s6, kLowHalves);
+    r[3] = _mm256_permute2f128_ps(s3, s7, kLowHalves);
+    r[4] = _mm256_permute2f128_ps(s0, s4, kHighHalves);
+    r[5] = _mm256_permute2f128_ps(s1, s5, kHighHalves);
+    r[6] = _mm256_permute2f128_ps(s2, s6, kHighHalves);
+    r[7] = _mm256_permute2f128_ps(s3, s7, kHighHalves);
 }
 
 // Inverse depth of node column i for the 8 rows of a plane: the plane's row itself at y 0 and 4,
@@ -76,6 +82,28 @@ inline __m256 rowInverseDepth(const Constants& k, const float plane[kTvrNodesPer
     const __m256 blended =
         _mm256_add_ps(_mm256_mul_ps(k.rowT, upper), _mm256_mul_ps(k.rowOneMinusT, lower));
     return _mm256_blend_ps(blended, lower, kLowLanesMask);
+}
+
+// Table entries of the weights in the 8 lanes. The first 32 entries, which hold every weight up to
+// the usual limit of 30, are looked up in registers; lanes beyond them take a gather.
+inline __m256i reciprocalOf(const Constants& k, __m256i tableIndex) {
+    const __m256i low = _mm256_castps_si256(
+        _mm256_blendv_ps(_mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[0], tableIndex)),
+                         _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[1], tableIndex)),
+                         _mm256_castsi256_ps(_mm256_slli_epi32(tableIndex, kBit3ToSign))));
+    const __m256i high = _mm256_castps_si256(
+        _mm256_blendv_ps(_mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[2], tableIndex)),
+                         _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[3], tableIndex)),
+                         _mm256_castsi256_ps(_mm256_slli_epi32(tableIndex, kBit3ToSign))));
+    const __m256i inRegisters = _mm256_castps_si256(
+        _mm256_blendv_ps(_mm256_castsi256_ps(low), _mm256_castsi256_ps(high),
+                         _mm256_castsi256_ps(_mm256_slli_epi32(tableIndex, kBit4ToSign))));
+    const __m256i beyond = _mm256_cmpgt_epi32(tableIndex, k.lastRegisterIndex);
+    if (_mm256_testz_si256(beyond, beyond)) {
+        return inRegisters;
+    }
+    return _mm256_mask_i32gather_epi32(inRegisters, kTvrDivisionTable.entries, tableIndex, beyond,
+                                       kGatherScale);
 }
 
 // Updates the samples (x, y = 0..7) of one plane, one lane per row, at positions p and inverse
@@ -114,19 +142,18 @@ inline __m256i fuseColumn(const Constants& k, const float* depth, __m256 px, __m
     const __m256i increment = _mm256_cvttps_epi32(_mm256_mul_ps(t, k.valueScale));
 
     // Low half value, high half weight. madd of (value, weight) with (weight, 0) is value * weight.
-    const __m256i weightUnsigned = _mm256_srli_epi32(samples, 16);
-    const __m256i weight = _mm256_srai_epi32(samples, 16);
+    const __m256i weightUnsigned = _mm256_srli_epi32(samples, kTvrWeightShift);
+    const __m256i weight = _mm256_srai_epi32(samples, kTvrWeightShift);
     const __m256i accumulated =
         _mm256_add_epi32(_mm256_madd_epi16(samples, weightUnsigned), increment);
     const __m256i tableIndex = _mm256_min_epu32(weightUnsigned, k.lastTableIndex);
-    const __m256i reciprocal =
-        _mm256_i32gather_epi32(kTvrDivisionTable.entries, tableIndex, kGatherScale);
+    const __m256i reciprocal = reciprocalOf(k, tableIndex);
     const __m256i value =
         _mm256_srai_epi32(_mm256_mullo_epi32(accumulated, reciprocal), kTvrTableShift);
     // The compare gives -1 where the weight is below the limit.
     const __m256i newWeight = _mm256_sub_epi32(weight, _mm256_cmpgt_epi32(k.maxWeight, weight));
     const __m256i updated =
-        _mm256_blend_epi16(value, _mm256_slli_epi32(newWeight, 16), kHighHalvesMask);
+        _mm256_blend_epi16(value, _mm256_slli_epi32(newWeight, kTvrWeightShift), kHighHalvesMask);
     return _mm256_blendv_epi8(samples, updated, _mm256_castps_si256(update));
 }
 
@@ -223,6 +250,11 @@ int tvrDepthFusion8x8x8xNs16Avx2(const TvrBlockRecord* blocks, short* volumes, u
     k.depthStride = _mm256_set1_epi32(static_cast<int>(depthStrideBytes / sizeof(float)));
     k.maxWeight = _mm256_set1_epi32(maxWeight);
     k.lastTableIndex = _mm256_set1_epi32(static_cast<int>(kTvrLastTableIndex));
+    k.lastRegisterIndex = _mm256_set1_epi32(static_cast<int>(kRegisterTableEntries - 1));
+    for (unsigned r = 0; r < kRegisterTableEntries / kLanes; ++r) {
+        k.table[r] = _mm256_loadu_si256(
+            reinterpret_cast<const __m256i*>(kTvrDivisionTable.entries + kLanes * r));
+    }
 
     for (unsigned b = 0; b < numBlocks; ++b) {
         const TvrBlockRecord& block = blocks[b];

@@ -34,6 +34,9 @@ constexpr unsigned kTvrTableShift = 16;
 // Index of the table entry used for weights beyond the table.
 constexpr uint32_t kTvrLastTableIndex = kTvrDivisionTableSize - 1;
 
+// A sample read as one little-endian 32-bit word: the value in the low half, the weight above.
+constexpr unsigned kTvrWeightShift = 16;
+
 // Sample addressing in int16 units.
 constexpr unsigned kTvrSampleShorts = kTvrSampleBytes / 2;
 constexpr unsigned kTvrRowShorts = kTvrRowBytes / 2;
