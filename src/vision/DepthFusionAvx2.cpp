@@ -161,7 +161,7 @@ template <bool kClip>
 void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& block,
                short* samples) {
     float nodes[kTvrNodeCount];
-    tvrSetupInverseDepthNodes(block, nodes);
+    setupInverseDepthNodes(block, nodes);
     const __m256 xStepX = _mm256_set1_ps(block.xStep[0]);
     const __m256 xStepY = _mm256_set1_ps(block.xStep[1]);
     const __m256 xStepZ = _mm256_set1_ps(block.xStep[2]);
@@ -169,7 +169,7 @@ void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& blo
     float planeStart[3] = {block.origin[0], block.origin[1], block.origin[2]};
     for (unsigned z = 0; z < kTvrCubeCells; ++z) {
         float plane[kTvrNodesPerPlane];
-        tvrInverseDepthPlane(nodes, z, plane);
+        inverseDepthPlane(nodes, z, plane);
         alignas(32) float rowStart[3][kLanes];
         for (unsigned c = 0; c < 3; ++c) {
             rowStart[c][0] = planeStart[c];

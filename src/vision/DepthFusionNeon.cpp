@@ -132,7 +132,7 @@ template <bool kClip>
 void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& block,
                short* samples) {
     float nodes[kTvrNodeCount];
-    tvrSetupInverseDepthNodes(block, nodes);
+    setupInverseDepthNodes(block, nodes);
     const float32x4_t xStepX = vdupq_n_f32(block.xStep[0]);
     const float32x4_t xStepY = vdupq_n_f32(block.xStep[1]);
     const float32x4_t xStepZ = vdupq_n_f32(block.xStep[2]);
@@ -140,7 +140,7 @@ void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& blo
     float planeStart[3] = {block.origin[0], block.origin[1], block.origin[2]};
     for (unsigned z = 0; z < kTvrCubeCells; ++z) {
         float plane[kTvrNodesPerPlane];
-        tvrInverseDepthPlane(nodes, z, plane);
+        inverseDepthPlane(nodes, z, plane);
         float rowStart[3][kTvrCubeCells];
         for (unsigned c = 0; c < 3; ++c) {
             rowStart[c][0] = planeStart[c];
