@@ -1,5 +1,5 @@
-// The portable depth-fusion kernel, the pieces the vector variants share with it, and the
-// dispatching entry. The vector variants reproduce this file's arithmetic operation by operation.
+// The portable depth-fusion kernel, the reciprocal table, the choice of the operation mode and the
+// dispatching entry. The vector variants reproduce this kernel's arithmetic operation by operation.
 #include "vision/DepthFusion.h"
 
 #include <atomic>
