@@ -1,5 +1,5 @@
-// The portable depth-fusion kernel, the pieces the vector variants share with it, and the
-// dispatching entry. The vector variants reproduce this file's arithmetic operation by operation.
+// The portable depth-fusion kernel, the reciprocal table, the choice of the operation mode and the
+// dispatching entry. The vector variants reproduce this kernel's arithmetic operation by operation.
 #include "vision/DepthFusion.h"
 
 #include <atomic>
@@ -99,13 +99,13 @@ void fuseBlock(const FusionFrame& frame, const TvrBlockRecord& block, short* sam
     const bool clip = (block.clip & kTvrClipBit) != 0;
     const float invRamp = 1.0f / block.ramp;
     float nodes[kTvrNodeCount];
-    tvrSetupInverseDepthNodes(block, nodes);
+    setupInverseDepthNodes(block, nodes);
 
     // Camera positions advance by additions only: per plane, per row and per voxel.
     float planeStart[3] = {block.origin[0], block.origin[1], block.origin[2]};
     for (unsigned z = 0; z < kTvrCubeCells; ++z) {
         float plane[kTvrNodesPerPlane];
-        tvrInverseDepthPlane(nodes, z, plane);
+        inverseDepthPlane(nodes, z, plane);
         float rowStart[3] = {planeStart[0], planeStart[1], planeStart[2]};
         for (unsigned y = 0; y < kTvrCubeCells; ++y) {
             const unsigned lower = y >> kTvrNodeSpacingShift;
@@ -195,38 +195,6 @@ TvrIntrinsics tvrMakeIntrinsics(float fx, float fy, float cx, float cy) {
     intrinsics.values[kTvrCxHalf] = cx + kHalfPixel;
     intrinsics.values[kTvrCyHalf] = cy + kHalfPixel;
     return intrinsics;
-}
-
-void tvrSetupInverseDepthNodes(const TvrBlockRecord& block, float nodes[kTvrNodeCount]) {
-    for (unsigned k = 0; k < kTvrNodesPerAxis; ++k) {
-        for (unsigned j = 0; j < kTvrNodesPerAxis; ++j) {
-            for (unsigned i = 0; i < kTvrNodesPerAxis; ++i) {
-                const float z = block.origin[2] +
-                                static_cast<float>(kTvrNodeSpacing * i) * block.xStep[2] +
-                                static_cast<float>(kTvrNodeSpacing * j) * block.yStep[2] +
-                                static_cast<float>(kTvrNodeSpacing * k) * block.zStep[2];
-                nodes[kTvrNodesPerPlane * k + kTvrNodesPerAxis * j + i] = 1.0f / z;
-            }
-        }
-    }
-}
-
-void tvrInverseDepthPlane(const float nodes[kTvrNodeCount], unsigned z,
-                          float plane[kTvrNodesPerPlane]) {
-    const unsigned lower = z >> kTvrNodeSpacingShift;
-    const unsigned fraction = z & kTvrNodeFractionMask;
-    const float* low = nodes + kTvrNodesPerPlane * lower;
-    if (fraction == 0) {
-        for (unsigned n = 0; n < kTvrNodesPerPlane; ++n) {
-            plane[n] = low[n];
-        }
-        return;
-    }
-    const float* high = low + kTvrNodesPerPlane;
-    const float t = static_cast<float>(fraction) * kTvrNodeFractionStep;
-    for (unsigned n = 0; n < kTvrNodesPerPlane; ++n) {
-        plane[n] = t * high[n] + (1.0f - t) * low[n];
-    }
 }
 
 bool tvrDepthIndexFits32(unsigned width, unsigned height, unsigned depthStrideBytes) {

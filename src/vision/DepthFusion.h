@@ -96,7 +96,10 @@ extern const TvrDivisionTable kTvrDivisionTable;
 //   depthStrideBytes   bytes between depth rows; 0 means width * 2
 //   intrinsics         the four floats of TvrIntrinsics
 //   maxWeight          weights below it count up by one per update
-// Returns kTvrSuccess (0).
+// Per voxel: the pixel is the truncation of the projected coordinate plus half a pixel; a
+// coordinate beyond the int32 range or NaN counts as outside the image. Without the clip bit every
+// pixel of the cube must lie in the image, as nothing is checked. Pointers may be null only when
+// numBlocks is 0. Returns kTvrSuccess (0).
 int tvrDepthFusion8x8x8xNs16(const TvrBlockRecord* blocks, short* volumes, unsigned numBlocks,
                              unsigned volumeStrideBytes, const float* depth, unsigned width,
                              unsigned height, unsigned depthStrideBytes, const float* intrinsics,

@@ -25,16 +25,23 @@ constexpr unsigned kLanes = 8;
 static_assert(kLanes == kTvrCubeCells, "one lane per row of the cube");
 constexpr int kLowLanesMask = 0x11;          // lanes 0 and 4: the rows at a node, taken unblended
 constexpr int kHighHalvesMask = 0xAA;        // odd 16-bit halves: the weights of 8 samples
+constexpr int kLowHalves = 0x20;             // 128-bit permute: the low halves of both operands
+constexpr int kHighHalves = 0x31;            // the high halves of both operands
 constexpr int kGatherScale = 4;              // bytes per float and per table entry
 constexpr unsigned kSignFlip = 0x80000000u;  // turns an unsigned compare into a signed one
+constexpr unsigned kRegisterTableEntries = 32;  // table entries held in registers
+constexpr int kBit3ToSign = 28;                 // shift moving bit 3 of an index into the sign bit
+constexpr int kBit4ToSign = 27;                 // same for bit 4
 
 struct Constants {
     __m256 fx, fy, cxHalf, cyHalf;
     __m256 invRamp, radialConstant, radialSquare;
     __m256 sdfLower, sdfUpper, valueScale, fractionStep;
-    __m256 rowT, rowOneMinusT;  // interpolation weights of rows 0..7 between their nodes
+    __m256 rowT, rowOneMinusT;
+    __m256i laneIndex;  // 0..7  // interpolation weights of rows 0..7 between their nodes
     __m256i widthFlipped, heightFlipped, signFlip;
-    __m256i depthStride, maxWeight, lastTableIndex;
+    __m256i depthStride, maxWeight, lastTableIndex, lastRegisterIndex;
+    __m256i table[kRegisterTableEntries / kLanes];  // table entries 0 to 31
 };
 
 // Transposes 8 rows of 8 32-bit elements in place.
@@ -55,14 +62,14 @@ inline void transpose8(__m256 r[kLanes]) {
     const __m256 s5 = _mm256_shuffle_ps(t4, t6, _MM_SHUFFLE(3, 2, 3, 2));
     const __m256 s6 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(1, 0, 1, 0));
     const __m256 s7 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(3, 2, 3, 2));
-    r[0] = _mm256_permute2f128_ps(s0, s4, 0x20);
-    r[1] = _mm256_permute2f128_ps(s1, s5, 0x20);
-    r[2] = _mm256_permute2f128_ps(s2, s6, 0x20);
-    r[3] = _mm256_permute2f128_ps(s3, s7, 0x20);
-    r[4] = _mm256_permute2f128_ps(s0, s4, 0x31);
-    r[5] = _mm256_permute2f128_ps(s1, s5, 0x31);
-    r[6] = _mm256_permute2f128_ps(s2, s6, 0x31);
-    r[7] = _mm256_permute2f128_ps(s3, s7, 0x31);
+    r[0] = _mm256_permute2f128_ps(s0, s4, kLowHalves);
+    r[1] = _mm256_permute2f128_ps(s1, s5, kLowHalves);
+    r[2] = _mm256_permute2f128_ps(s2, s6, kLowHalves);
+    r[3] = _mm256_permute2f128_ps(s3, s7, kLowHalves);
+    r[4] = _mm256_permute2f128_ps(s0, s4, kHighHalves);
+    r[5] = _mm256_permute2f128_ps(s1, s5, kHighHalves);
+    r[6] = _mm256_permute2f128_ps(s2, s6, kHighHalves);
+    r[7] = _mm256_permute2f128_ps(s3, s7, kHighHalves);
 }
 
 // Inverse depth of node column i for the 8 rows of a plane: the plane's row itself at y 0 and 4,
@@ -76,6 +83,31 @@ inline __m256 rowInverseDepth(const Constants& k, const float plane[kTvrNodesPer
     const __m256 blended =
         _mm256_add_ps(_mm256_mul_ps(k.rowT, upper), _mm256_mul_ps(k.rowOneMinusT, lower));
     return _mm256_blend_ps(blended, lower, kLowLanesMask);
+}
+
+// Table entries of the weights in the 8 lanes (unsigned 16-bit, in 32-bit lanes). The first 32
+// entries, which hold every weight up to the usual limit of 30, are looked up in registers; lanes
+// beyond them take a gather.
+inline __m256i reciprocalOf(const Constants& k, __m256i weight) {
+    // permutevar8x32 reads bits 0 to 2 of the index; bits 3 and 4 pick one of four registers.
+    const __m256 bit3 = _mm256_castsi256_ps(_mm256_slli_epi32(weight, kBit3ToSign));
+    const __m256i low = _mm256_castps_si256(_mm256_blendv_ps(
+        _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[0], weight)),
+        _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[1], weight)), bit3));
+    const __m256i high = _mm256_castps_si256(_mm256_blendv_ps(
+        _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[2], weight)),
+        _mm256_castsi256_ps(_mm256_permutevar8x32_epi32(k.table[3], weight)), bit3));
+    const __m256i inRegisters = _mm256_castps_si256(
+        _mm256_blendv_ps(_mm256_castsi256_ps(low), _mm256_castsi256_ps(high),
+                         _mm256_castsi256_ps(_mm256_slli_epi32(weight, kBit4ToSign))));
+    const __m256i beyond = _mm256_cmpgt_epi32(weight, k.lastRegisterIndex);
+    if (_mm256_testz_si256(beyond, beyond)) {
+        return inRegisters;
+    }
+    // Weights beyond the table use its last entry.
+    const __m256i clamped = _mm256_min_epu32(weight, k.lastTableIndex);
+    return _mm256_mask_i32gather_epi32(inRegisters, kTvrDivisionTable.entries, clamped, beyond,
+                                       kGatherScale);
 }
 
 // Updates the samples (x, y = 0..7) of one plane, one lane per row, at positions p and inverse
@@ -114,19 +146,17 @@ inline __m256i fuseColumn(const Constants& k, const float* depth, __m256 px, __m
     const __m256i increment = _mm256_cvttps_epi32(_mm256_mul_ps(t, k.valueScale));
 
     // Low half value, high half weight. madd of (value, weight) with (weight, 0) is value * weight.
-    const __m256i weightUnsigned = _mm256_srli_epi32(samples, 16);
-    const __m256i weight = _mm256_srai_epi32(samples, 16);
+    const __m256i weightUnsigned = _mm256_srli_epi32(samples, kTvrWeightShift);
+    const __m256i weight = _mm256_srai_epi32(samples, kTvrWeightShift);
     const __m256i accumulated =
         _mm256_add_epi32(_mm256_madd_epi16(samples, weightUnsigned), increment);
-    const __m256i tableIndex = _mm256_min_epu32(weightUnsigned, k.lastTableIndex);
-    const __m256i reciprocal =
-        _mm256_i32gather_epi32(kTvrDivisionTable.entries, tableIndex, kGatherScale);
+    const __m256i reciprocal = reciprocalOf(k, weightUnsigned);
     const __m256i value =
         _mm256_srai_epi32(_mm256_mullo_epi32(accumulated, reciprocal), kTvrTableShift);
     // The compare gives -1 where the weight is below the limit.
     const __m256i newWeight = _mm256_sub_epi32(weight, _mm256_cmpgt_epi32(k.maxWeight, weight));
     const __m256i updated =
-        _mm256_blend_epi16(value, _mm256_slli_epi32(newWeight, 16), kHighHalvesMask);
+        _mm256_blend_epi16(value, _mm256_slli_epi32(newWeight, kTvrWeightShift), kHighHalvesMask);
     return _mm256_blendv_epi8(samples, updated, _mm256_castps_si256(update));
 }
 
@@ -134,25 +164,36 @@ template <bool kClip>
 void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& block,
                short* samples) {
     float nodes[kTvrNodeCount];
-    tvrSetupInverseDepthNodes(block, nodes);
+    setupInverseDepthNodes(block, nodes);
     const __m256 xStepX = _mm256_set1_ps(block.xStep[0]);
     const __m256 xStepY = _mm256_set1_ps(block.xStep[1]);
     const __m256 xStepZ = _mm256_set1_ps(block.xStep[2]);
 
+    // rowSteps[c][y - 1]: yStep[c] in the lanes of rows y and above, 0 below.
+    __m256 rowSteps[3][kLanes - 1];
+    for (unsigned c = 0; c < 3; ++c) {
+        const __m256 yStep = _mm256_set1_ps(block.yStep[c]);
+        for (unsigned y = 1; y < kLanes; ++y) {
+            const __m256i rowsFromY =
+                _mm256_cmpgt_epi32(k.laneIndex, _mm256_set1_epi32(static_cast<int>(y) - 1));
+            rowSteps[c][y - 1] = _mm256_and_ps(yStep, _mm256_castsi256_ps(rowsFromY));
+        }
+    }
     float planeStart[3] = {block.origin[0], block.origin[1], block.origin[2]};
     for (unsigned z = 0; z < kTvrCubeCells; ++z) {
         float plane[kTvrNodesPerPlane];
-        tvrInverseDepthPlane(nodes, z, plane);
-        alignas(32) float rowStart[3][kLanes];
+        inverseDepthPlane(nodes, z, plane);
+        // Row y starts at the plane start plus y additions of yStep; lanes below y add zeros.
+        __m256 start[3];
         for (unsigned c = 0; c < 3; ++c) {
-            rowStart[c][0] = planeStart[c];
+            start[c] = _mm256_set1_ps(planeStart[c]);
             for (unsigned y = 1; y < kLanes; ++y) {
-                rowStart[c][y] = rowStart[c][y - 1] + block.yStep[c];
+                start[c] = _mm256_add_ps(start[c], rowSteps[c][y - 1]);
             }
         }
-        __m256 px = _mm256_load_ps(rowStart[0]);
-        __m256 py = _mm256_load_ps(rowStart[1]);
-        __m256 pz = _mm256_load_ps(rowStart[2]);
+        __m256 px = start[0];
+        __m256 py = start[1];
+        __m256 pz = start[2];
         __m256 rows[kTvrNodesPerAxis];
         for (unsigned i = 0; i < kTvrNodesPerAxis; ++i) {
             rows[i] = rowInverseDepth(k, plane, i);
@@ -217,12 +258,18 @@ int tvrDepthFusion8x8x8xNs16Avx2(const TvrBlockRecord* blocks, short* volumes, u
         _mm_setr_ps(0.0f, kTvrNodeFractionStep, 2 * kTvrNodeFractionStep, 3 * kTvrNodeFractionStep);
     k.rowT = _mm256_setr_m128(t, t);
     k.rowOneMinusT = _mm256_sub_ps(_mm256_set1_ps(1.0f), k.rowT);
+    k.laneIndex = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
     k.signFlip = _mm256_set1_epi32(static_cast<int>(kSignFlip));
     k.widthFlipped = _mm256_set1_epi32(static_cast<int>(width ^ kSignFlip));
     k.heightFlipped = _mm256_set1_epi32(static_cast<int>(height ^ kSignFlip));
     k.depthStride = _mm256_set1_epi32(static_cast<int>(depthStrideBytes / sizeof(float)));
     k.maxWeight = _mm256_set1_epi32(maxWeight);
     k.lastTableIndex = _mm256_set1_epi32(static_cast<int>(kTvrLastTableIndex));
+    k.lastRegisterIndex = _mm256_set1_epi32(static_cast<int>(kRegisterTableEntries - 1));
+    for (unsigned r = 0; r < kRegisterTableEntries / kLanes; ++r) {
+        k.table[r] = _mm256_loadu_si256(
+            reinterpret_cast<const __m256i*>(kTvrDivisionTable.entries + kLanes * r));
+    }
 
     for (unsigned b = 0; b < numBlocks; ++b) {
         const TvrBlockRecord& block = blocks[b];

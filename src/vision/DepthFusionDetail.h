@@ -1,6 +1,5 @@
-// Pieces shared by the implementations of the depth-fusion kernel. Only constants and
-// declarations live here: the functions are defined once, in the portable translation unit, so
-// that no copy compiled with vector instructions can be picked by the linker for the portable path.
+// Pieces shared by the implementations of the depth-fusion kernel: constants, and the setup of the
+// inverse-depth nodes that all of them must compute identically.
 #ifndef VELMORA_VISION_DEPTHFUSIONDETAIL_H
 #define VELMORA_VISION_DEPTHFUSIONDETAIL_H
 
@@ -34,19 +33,52 @@ constexpr unsigned kTvrTableShift = 16;
 // Index of the table entry used for weights beyond the table.
 constexpr uint32_t kTvrLastTableIndex = kTvrDivisionTableSize - 1;
 
+// A sample read as one little-endian 32-bit word: the value in the low half, the weight above.
+constexpr unsigned kTvrWeightShift = 16;
+
 // Sample addressing in int16 units.
 constexpr unsigned kTvrSampleShorts = kTvrSampleBytes / 2;
 constexpr unsigned kTvrRowShorts = kTvrRowBytes / 2;
 constexpr unsigned kTvrPlaneShorts = kTvrPlaneBytes / 2;
 
-// Node (i, j, k) at nodes[9 * k + 3 * j + i]: 1 / (origin.z + 4i xStep.z + 4j yStep.z + 4k
-// zStep.z).
-void tvrSetupInverseDepthNodes(const TvrBlockRecord& block, float nodes[kTvrNodeCount]);
+// The two helpers below are static: every implementation compiles its own copy with its own
+// instruction set, and the linker can never swap a copy built for AVX2 into the portable path.
+
+// Node (i, j, k) at nodes[9 * k + 3 * j + i]:
+// 1 / (origin.z + 4i xStep.z + 4j yStep.z + 4k zStep.z).
+static inline void setupInverseDepthNodes(const TvrBlockRecord& block, float nodes[kTvrNodeCount]) {
+    for (unsigned k = 0; k < kTvrNodesPerAxis; ++k) {
+        for (unsigned j = 0; j < kTvrNodesPerAxis; ++j) {
+            for (unsigned i = 0; i < kTvrNodesPerAxis; ++i) {
+                const float z = block.origin[2] +
+                                static_cast<float>(kTvrNodeSpacing * i) * block.xStep[2] +
+                                static_cast<float>(kTvrNodeSpacing * j) * block.yStep[2] +
+                                static_cast<float>(kTvrNodeSpacing * k) * block.zStep[2];
+                nodes[kTvrNodesPerPlane * k + kTvrNodesPerAxis * j + i] = 1.0f / z;
+            }
+        }
+    }
+}
 
 // The 3x3 inverse depths of lattice plane z (0 to 7): the slab itself at z 0 and 4, otherwise
 // t * upper + (1 - t) * lower between the enclosing slabs, t = (z mod 4) / 4.
-void tvrInverseDepthPlane(const float nodes[kTvrNodeCount], unsigned z,
-                          float plane[kTvrNodesPerPlane]);
+static inline void inverseDepthPlane(const float nodes[kTvrNodeCount], unsigned z,
+                                     float plane[kTvrNodesPerPlane]) {
+    const unsigned lower = z >> kTvrNodeSpacingShift;
+    const unsigned fraction = z & kTvrNodeFractionMask;
+    const float* low = nodes + kTvrNodesPerPlane * lower;
+    if (fraction == 0) {
+        for (unsigned n = 0; n < kTvrNodesPerPlane; ++n) {
+            plane[n] = low[n];
+        }
+        return;
+    }
+    const float* high = low + kTvrNodesPerPlane;
+    const float t = static_cast<float>(fraction) * kTvrNodeFractionStep;
+    for (unsigned n = 0; n < kTvrNodesPerPlane; ++n) {
+        plane[n] = t * high[n] + (1.0f - t) * low[n];
+    }
+}
 
 // True if every in-image pixel index v * stride + u fits a signed 32-bit integer, the index type
 // of the vector variants' gathers.

@@ -101,10 +101,11 @@ inline uint32x4_t fuseColumn(const Constants& k, const float* depth, float32x4_t
 
     // Low half value, high half weight.
     const int32x4_t packed = vreinterpretq_s32_u32(samples);
-    const int32x4_t value = vshrq_n_s32(vshlq_n_s32(packed, 16), 16);
-    const int32x4_t weight = vshrq_n_s32(packed, 16);
+    const int32x4_t value = vshrq_n_s32(vshlq_n_s32(packed, kTvrWeightShift), kTvrWeightShift);
+    const int32x4_t weight = vshrq_n_s32(packed, kTvrWeightShift);
     const int32x4_t accumulated = vmlaq_s32(increment, value, weight);
-    const uint32x4_t tableIndex = vminq_u32(vshrq_n_u32(samples, 16), k.lastTableIndex);
+    const uint32x4_t tableIndex =
+        vminq_u32(vshrq_n_u32(samples, kTvrWeightShift), k.lastTableIndex);
     const int32_t* table = kTvrDivisionTable.entries;
     int32x4_t reciprocal = vld1q_dup_s32(table + vgetq_lane_u32(tableIndex, 0));
     reciprocal = vld1q_lane_s32(table + vgetq_lane_u32(tableIndex, 1), reciprocal, 1);
@@ -114,8 +115,8 @@ inline uint32x4_t fuseColumn(const Constants& k, const float* depth, float32x4_t
     // The compare gives all ones (-1) where the weight is below the limit.
     const int32x4_t newWeight =
         vsubq_s32(weight, vreinterpretq_s32_u32(vcltq_s32(weight, k.maxWeight)));
-    const uint32x4_t updated =
-        vsliq_n_u32(vreinterpretq_u32_s32(newValue), vreinterpretq_u32_s32(newWeight), 16);
+    const uint32x4_t updated = vsliq_n_u32(vreinterpretq_u32_s32(newValue),
+                                           vreinterpretq_u32_s32(newWeight), kTvrWeightShift);
     return vbslq_u32(update, updated, samples);
 }
 
@@ -131,7 +132,7 @@ template <bool kClip>
 void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& block,
                short* samples) {
     float nodes[kTvrNodeCount];
-    tvrSetupInverseDepthNodes(block, nodes);
+    setupInverseDepthNodes(block, nodes);
     const float32x4_t xStepX = vdupq_n_f32(block.xStep[0]);
     const float32x4_t xStepY = vdupq_n_f32(block.xStep[1]);
     const float32x4_t xStepZ = vdupq_n_f32(block.xStep[2]);
@@ -139,7 +140,7 @@ void fuseBlock(const Constants& k, const float* depth, const TvrBlockRecord& blo
     float planeStart[3] = {block.origin[0], block.origin[1], block.origin[2]};
     for (unsigned z = 0; z < kTvrCubeCells; ++z) {
         float plane[kTvrNodesPerPlane];
-        tvrInverseDepthPlane(nodes, z, plane);
+        inverseDepthPlane(nodes, z, plane);
         float rowStart[3][kTvrCubeCells];
         for (unsigned c = 0; c < 3; ++c) {
             rowStart[c][0] = planeStart[c];

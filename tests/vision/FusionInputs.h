@@ -3,11 +3,12 @@
 //
 // A case is a run of one to three blocks, posed at random (any rotation, cells of 5 to 60 mm),
 // centred on a random pixel in or around the image at a random distance, some of them near or
-// across the camera plane; the depth image scatters depths around the blocks with holes, NaN,
-// infinities and negative values; the samples hold random values and weights, weights also above
-// the limit, in 100..127 and over the whole int16 range. Blocks whose every lattice point projects
-// well inside the image, far enough from the camera, may be fused without bounds tests; all others
-// have the clip bit set.
+// across the camera plane, a few with a lattice point on it; the depth image scatters depths around
+// the blocks with holes, NaN, infinities and negative values; the samples hold random values and
+// weights, weights also above the limit, in 100..127 and over the whole int16 range. Blocks whose
+// every lattice point projects well inside the image, far enough from the camera, may be fused
+// without bounds tests; all others have the clip bit set, as have all blocks of the few cases with
+// a NaN or infinite intrinsic.
 #ifndef VELMORA_TESTS_VISION_FUSIONINPUTS_H
 #define VELMORA_TESTS_VISION_FUSIONINPUTS_H
 
@@ -62,6 +63,12 @@ public:
         const float cx = static_cast<float>(c.width) * uniform(0.4f, 0.6f);
         const float cy = static_cast<float>(c.height) * uniform(0.4f, 0.6f);
         c.intrinsics = tvrMakeIntrinsics(fx, fy, cx, cy);
+        mBrokenIntrinsics = chance(0.03);
+        if (mBrokenIntrinsics) {
+            // Pixel coordinates become NaN or infinite; only the bounds test keeps the reads valid.
+            const float broken[] = {std::nanf(""), INFINITY, -INFINITY};
+            c.intrinsics.values[uniformInt(0, kTvrIntrinsicCount - 1)] = broken[uniformInt(0, 2)];
+        }
         c.maxWeight = chance(0.5) ? 30 : static_cast<int>(uniformInt(1, 127));
 
         const unsigned numBlocks = uniformInt(1, 3);
@@ -131,9 +138,16 @@ private:
             block.origin[r] = static_cast<float>(
                 centre[r] - half * (rotation[r][0] + rotation[r][1] + rotation[r][2]));
         }
+        if (nearCamera && chance(0.3)) {
+            // An inverse-depth node exactly on the camera plane, on one of the three block axes:
+            // an infinite node, and NaN wherever it is interpolated with weight 0.
+            const float* axes[3] = {block.xStep, block.yStep, block.zStep};
+            const float nodeIndex = static_cast<float>(kTvrCubeCells / 2 * uniformInt(0, 2));
+            block.origin[2] = -(nodeIndex * axes[uniformInt(0, 2)][2]);
+        }
         surface = centreDepth;
         const bool inside = projectsWellInside(block, c, fx, fy, cx, cy, extent);
-        block.clip = (inside && chance(0.6)) ? 0u : kTvrClipBit;
+        block.clip = (inside && !mBrokenIntrinsics && chance(0.6)) ? 0u : kTvrClipBit;
         (block.clip ? mClipped : mUnclipped) += 1;
         return block;
     }
@@ -207,6 +221,7 @@ private:
     bool chance(double p) { return std::bernoulli_distribution(p)(mRng); }
 
     std::mt19937 mRng;
+    bool mBrokenIntrinsics = false;
     unsigned mClipped = 0;
     unsigned mUnclipped = 0;
 };
