@@ -20,19 +20,20 @@ struct Guarded {
 
 TEST(RWLockConcurrency, ReadersNeverSeeAHalfWrite) {
     constexpr int kReaders = 3;
-    constexpr int kReadsPerReader = 3000;
+    constexpr int kMaxReadsPerReader = 200000;
     constexpr int kWrites = 2000;
     Lock lock;
     Guarded data;
     std::atomic<long> torn{0};
     std::atomic<long> changedWhileReading{0};
+    std::atomic<bool> writerDone{false};
 
-    // Bounded loops on both sides: writers do not hold readers off, so a reader that never
-    // stopped could keep the spinning writer out for a long time.
+    // Readers run for as long as the writer does, with a bound: writers do not hold readers off,
+    // so readers that never paused could keep the spinning writer out for a long time.
     std::vector<std::thread> readers;
     for (int r = 0; r < kReaders; ++r) {
         readers.emplace_back([&] {
-            for (int i = 0; i < kReadsPerReader; ++i) {
+            for (int i = 0; i < kMaxReadsPerReader && !writerDone.load(); ++i) {
                 {
                     AR::Common::ReadLockGuard<Lock> guard(lock);
                     const long first = data.first;
@@ -51,8 +52,11 @@ TEST(RWLockConcurrency, ReadersNeverSeeAHalfWrite) {
     for (int w = 1; w <= kWrites; ++w) {
         AR::Common::WriteLockGuard<Lock> guard(lock);
         data.first = w;
+        // Widen the write so that a reader let in by mistake would catch it half-done.
+        std::this_thread::yield();
         data.second = w;
     }
+    writerDone = true;
     for (std::thread& reader : readers) {
         reader.join();
     }
