@@ -18,6 +18,7 @@ template <typename K, typename V>
 struct FlatMapTraits {
     using Element = std::pair<K, V>;
     using Key = K;
+    static constexpr const char* kName = "FlatMap";
     static constexpr bool kMutableElements = true;
     static const K& keyOf(const Element& element) { return element.first; }
 };

@@ -16,6 +16,7 @@ template <typename T>
 struct FlatSetTraits {
     using Element = T;
     using Key = T;
+    static constexpr const char* kName = "FlatSet";
     static constexpr bool kMutableElements = false;
     static const T& keyOf(const T& element) { return element; }
 };

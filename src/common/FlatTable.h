@@ -45,6 +45,13 @@ constexpr uint32_t kOverflowSlots = 8;
 constexpr uint32_t kMinSlots = 16;
 // Element count over bucket count above which a shifting insertion grows the table.
 constexpr float kDefaultMaxLoadFactor = 1.0f;
+// Load below which a table that has just grown is reported: it grew because its keys cluster
+// (a full run of overflow slots), not because it was full, which points at a poor hash.
+constexpr float kSparseLoadAfterRehash = 0.1f;
+
+// Reports a table that is nearly empty after a rehash; `containerName` is "FlatSet" or "FlatMap".
+void reportSparseRehash(const char* containerName, float load, size_t buckets, size_t elements,
+                        size_t maxOffset);
 
 template <typename Element>
 struct FlatSlot {
@@ -102,7 +109,7 @@ private:
     Slot* mEnd = nullptr;
 };
 
-// Traits: Element, Key, `static const Key& keyOf(const Element&)`, `kMutableElements`.
+// Traits: Element, Key, `static const Key& keyOf(const Element&)`, `kMutableElements`, `kName`.
 template <typename Traits, typename Hash>
 class FlatTable {
 public:

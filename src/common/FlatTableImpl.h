@@ -204,6 +204,10 @@ void FlatTable<Traits, Hash>::rehash(size_t count) {
         }
     }
     swap(grown);
+    const float load = static_cast<float>(mSize) / static_cast<float>(bucketCount());
+    if (mSize != 0 && load < kSparseLoadAfterRehash) {
+        reportSparseRehash(Traits::kName, load, bucketCount(), mSize, maxOffset());
+    }
 }
 
 template <typename Traits, typename Hash>

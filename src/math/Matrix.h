@@ -9,8 +9,8 @@
 //
 // Every matrix of the system is row-major: element (r, c) of an R-by-C owner is data()[r * C + c].
 // Rows read as contiguous vector views, columns as strided vector views (VectorSlice<C>).
-// `operator()` checks its indices and aborts when they are out of range, in every build; `coeff`
-// does not check.
+// `operator()` (`getItem`) checks its indices and aborts when they are out of range, in every
+// build; `coeff` does not check.
 #ifndef VELMORA_MATH_MATRIX_H
 #define VELMORA_MATH_MATRIX_H
 
@@ -101,22 +101,26 @@ public:
     T* data() { return mData; }
     const T* data() const { return mData; }
 
-    T& operator()(int r, int c) {
+    T& operator()(int r, int c) { return getItem(r, c); }
+    T& getItem(int r, int c) {
         AR_ASSERT(static_cast<unsigned>(r) < static_cast<unsigned>(R) &&
                   static_cast<unsigned>(c) < static_cast<unsigned>(C));
         return mData[r * C + c];
     }
-    const T& operator()(int r, int c) const {
+    const T& operator()(int r, int c) const { return getItem(r, c); }
+    const T& getItem(int r, int c) const {
         AR_ASSERT(static_cast<unsigned>(r) < static_cast<unsigned>(R) &&
                   static_cast<unsigned>(c) < static_cast<unsigned>(C));
         return mData[r * C + c];
     }
     // Element by row-major index.
-    T& operator()(int i) {
+    T& operator()(int i) { return getItem(i); }
+    T& getItem(int i) {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(R * C));
         return mData[i];
     }
-    const T& operator()(int i) const {
+    const T& operator()(int i) const { return getItem(i); }
+    const T& getItem(int i) const {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(R * C));
         return mData[i];
     }
@@ -223,12 +227,14 @@ public:
     T* data() { return mData.get(); }
     const T* data() const { return mData.get(); }
 
-    T& operator()(int r, int c) {
+    T& operator()(int r, int c) { return getItem(r, c); }
+    T& getItem(int r, int c) {
         AR_ASSERT(static_cast<unsigned>(r) < static_cast<unsigned>(mRows) &&
                   static_cast<unsigned>(c) < static_cast<unsigned>(mCols));
         return mData[r * mCols + c];
     }
-    const T& operator()(int r, int c) const {
+    const T& operator()(int r, int c) const { return getItem(r, c); }
+    const T& getItem(int r, int c) const {
         AR_ASSERT(static_cast<unsigned>(r) < static_cast<unsigned>(mRows) &&
                   static_cast<unsigned>(c) < static_cast<unsigned>(mCols));
         return mData[r * mCols + c];
@@ -296,7 +302,8 @@ public:
     static constexpr int cols() { return C; }
     static constexpr int size() { return R * C; }
 
-    T& operator()(int r, int c) const {
+    T& operator()(int r, int c) const { return getItem(r, c); }
+    T& getItem(int r, int c) const {
         AR_ASSERT(static_cast<unsigned>(r) < static_cast<unsigned>(R) &&
                   static_cast<unsigned>(c) < static_cast<unsigned>(C));
         return coeff(r, c);

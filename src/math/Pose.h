@@ -3,7 +3,7 @@
 #ifndef VELMORA_MATH_POSE_H
 #define VELMORA_MATH_POSE_H
 
-#include <cmath>
+#include <type_traits>
 
 #include "common/Assert.h"
 #include "math/MatrixFunctions.h"
@@ -20,12 +20,16 @@ inline Matrix<float, 3, 3> quaternionToRotation(float qx, float qy, float qz, fl
     const float y = q[1];
     const float z = q[2];
     const float w = q[3];
-    Matrix<float, 3, 3> r(1.0f - 2.0f * (y * y + z * z), 2.0f * (x * y - z * w),
-                          2.0f * (x * z + y * w),  //
-                          2.0f * (x * y + z * w), 1.0f - 2.0f * (x * x + z * z),
-                          2.0f * (y * z - x * w),  //
-                          2.0f * (x * z - y * w), 2.0f * (y * z + x * w),
-                          1.0f - 2.0f * (x * x + y * y));
+    Matrix<float, 3, 3> r;
+    r(0, 0) = 1.0f - 2.0f * (y * y + z * z);
+    r(0, 1) = 2.0f * (x * y - z * w);
+    r(0, 2) = 2.0f * (x * z + y * w);
+    r(1, 0) = 2.0f * (x * y + z * w);
+    r(1, 1) = 1.0f - 2.0f * (x * x + z * z);
+    r(1, 2) = 2.0f * (y * z - x * w);
+    r(2, 0) = 2.0f * (x * z - y * w);
+    r(2, 1) = 2.0f * (y * z + x * w);
+    r(2, 2) = 1.0f - 2.0f * (x * x + y * y);
     enforceRotation(r);
     return r;
 }

@@ -13,8 +13,8 @@
 // them uninitialised: arrays of volume samples must not pay for a constructor when they are
 // allocated or read. `Vector<float, 3>{}` value-initialises to zero.
 //
-// `operator()` checks the index and aborts when it is out of range, in every build; `operator[]`
-// does not check and is meant for loops whose bounds are the vector's own size.
+// `operator()` (`getItem`) checks the index and aborts when it is out of range, in every build;
+// `operator[]` does not check and is meant for loops whose bounds are the vector's own size.
 #ifndef VELMORA_MATH_VECTOR_H
 #define VELMORA_MATH_VECTOR_H
 
@@ -111,11 +111,13 @@ public:
     const T* begin() const { return mData; }
     const T* end() const { return mData + N; }
 
-    T& operator()(int i) {
+    T& operator()(int i) { return getItem(i); }
+    T& getItem(int i) {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(N));
         return mData[i];
     }
-    const T& operator()(int i) const {
+    const T& operator()(int i) const { return getItem(i); }
+    const T& getItem(int i) const {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(N));
         return mData[i];
     }
@@ -211,11 +213,13 @@ public:
     const T* begin() const { return mData.get(); }
     const T* end() const { return mData.get() + mSize; }
 
-    T& operator()(int i) {
+    T& operator()(int i) { return getItem(i); }
+    T& getItem(int i) {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(mSize));
         return mData[i];
     }
-    const T& operator()(int i) const {
+    const T& operator()(int i) const { return getItem(i); }
+    const T& getItem(int i) const {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(mSize));
         return mData[i];
     }
@@ -257,7 +261,8 @@ public:
     }
 
     int size() const { return mSize; }
-    T& operator()(int i) const {
+    T& operator()(int i) const { return getItem(i); }
+    T& getItem(int i) const {
         AR_ASSERT(static_cast<unsigned>(i) < static_cast<unsigned>(mSize));
         return mData[i * kStride];
     }

@@ -19,16 +19,19 @@ struct Guarded {
 };
 
 TEST(RWLockConcurrency, ReadersNeverSeeAHalfWrite) {
-    constexpr int kReaders = 3;
-    constexpr int kReadsPerReader = 3000;
-    constexpr int kWrites = 2000;
+    constexpr int kReaders = 2;
+    constexpr int kReadsPerReader = 2000;
+    constexpr int kWrites = 1000;
+    // Readers pause between reads, sleeping, so that the spinning writer finds the lock free.
+    constexpr std::chrono::microseconds kReaderPause(20);
     Lock lock;
     Guarded data;
     std::atomic<long> torn{0};
     std::atomic<long> changedWhileReading{0};
 
-    // Bounded loops on both sides: writers do not hold readers off, so a reader that never
-    // stopped could keep the spinning writer out for a long time.
+    // Both sides yield inside their critical sections, so that a writer let in beside a reader
+    // (or a reader beside a writer) has time to be seen. Writers do not hold new readers off, so
+    // readers that never paused could keep the spinning writer out for a long time.
     std::vector<std::thread> readers;
     for (int r = 0; r < kReaders; ++r) {
         readers.emplace_back([&] {
@@ -36,22 +39,26 @@ TEST(RWLockConcurrency, ReadersNeverSeeAHalfWrite) {
                 {
                     AR::Common::ReadLockGuard<Lock> guard(lock);
                     const long first = data.first;
-                    std::this_thread::yield();
                     if (first != data.second) {
                         ++torn;
                     }
+                    std::this_thread::yield();
                     if (first != data.first) {
                         ++changedWhileReading;
                     }
                 }
-                std::this_thread::yield();
+                std::this_thread::sleep_for(kReaderPause);
             }
         });
     }
     for (int w = 1; w <= kWrites; ++w) {
-        AR::Common::WriteLockGuard<Lock> guard(lock);
-        data.first = w;
-        data.second = w;
+        {
+            AR::Common::WriteLockGuard<Lock> guard(lock);
+            data.first = w;
+            std::this_thread::yield();
+            data.second = w;
+        }
+        std::this_thread::yield();
     }
     for (std::thread& reader : readers) {
         reader.join();

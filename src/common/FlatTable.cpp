@@ -1,0 +1,19 @@
+#include "common/FlatTable.h"
+
+#include <cstdio>
+
+namespace AR {
+namespace Common {
+namespace detail {
+
+void reportSparseRehash(const char* containerName, float load, size_t buckets, size_t elements,
+                        size_t maxOffset) {
+    std::fprintf(stderr,
+                 "%s::rehash load factor %f pretty small after rehash (buckets %zu, els %zu, max "
+                 "offset %zu)-> check your hash function\n",
+                 containerName, static_cast<double>(load), buckets, elements, maxOffset);
+}
+
+}  // namespace detail
+}  // namespace Common
+}  // namespace AR
