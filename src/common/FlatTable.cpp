@@ -1,6 +1,6 @@
 #include "common/FlatTable.h"
 
-#include <cstdio>
+#include "common/Logger.h"
 
 namespace AR {
 namespace Common {
@@ -8,10 +8,10 @@ namespace detail {
 
 void reportSparseRehash(const char* containerName, float load, size_t buckets, size_t elements,
                         size_t maxOffset) {
-    std::fprintf(stderr,
-                 "%s::rehash load factor %f pretty small after rehash (buckets %zu, els %zu, max "
-                 "offset %zu)-> check your hash function\n",
-                 containerName, static_cast<double>(load), buckets, elements, maxOffset);
+    AR_LOG_WARNING(
+        "%s::rehash load factor %f pretty small after rehash (buckets %zu, els %zu, max offset "
+        "%zu)-> check your hash function",
+        containerName, static_cast<double>(load), buckets, elements, maxOffset);
 }
 
 }  // namespace detail

@@ -1,6 +1,6 @@
 #include "math/MathDebugging.h"
 
-#include <cstdio>
+#include "common/Logger.h"
 
 namespace AR {
 namespace Math {
@@ -10,7 +10,7 @@ bool isGoodNum(float value, bool log) {
     const bool good = !std::isnan(value) && magnitude <= kGoodNumMax &&
                       (magnitude == 0.0f || magnitude >= kGoodNumMin);
     if (!good && log) {
-        std::fprintf(stderr, "Bad float: %a is nan or inf or denormal or uninitialised\n",
+        AR_LOG_ERROR("Bad float: %a is nan or inf or denormal or uninitialised",
                      static_cast<double>(value));
     }
     return good;
