@@ -60,6 +60,8 @@ public:
 
     // Everything of the scene that needs internal types: grids, detectors, caches.
     struct State;
+    // The in-tree tests' one way to the state of a scene; defined only in tests/support.
+    friend struct ImplTestAccess;
 
 private:
     bool isInitialized() const;
