@@ -133,8 +133,8 @@ std::istream& operator>>(std::istream& is, Volume<T, StoragePolicy>& volume) {
     T* samples = volume.data();
     const std::streamsize bytes = static_cast<std::streamsize>(sampleCount * int64_t{sizeof(T)});
     is.read(reinterpret_cast<char*>(samples), bytes);
-    // A cut inside the samples: the whole samples read stay, a sample read in part and those
-    // after it hold creation values again, as if never written.
+    // A cut inside the samples: the whole samples read stay; a sample read in part and those
+    // after it get creation values (unobserved) rather than a mix of bytes of two records.
     const int64_t complete = static_cast<int64_t>(is.gcount()) / int64_t{sizeof(T)};
     const T fill = creationSample<T>();
     for (int64_t i = complete; i < sampleCount; ++i) {

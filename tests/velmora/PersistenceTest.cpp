@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -15,9 +16,11 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/Logger.h"
+#include "solid/IO.h"
 #include "support/AnalyticScene.h"
 #include "support/ImplTestAccess.h"
 #include "velmora/Impl.h"
@@ -335,6 +338,35 @@ TEST(Persistence, UninitialisedUnopenableAndMissingFiles) {
     EXPECT_EQ(split->loadVolumes(base), 1);
     EXPECT_EQ(state(*split).mVolumeGrid->size(), before);
     expectAllBlocksChanged(state(*split), *state(*split).mVolumeGrid);
+}
+
+// Saving beside a producer: every file written is a whole grid, each block taken under its mutex.
+TEST(PersistenceConcurrency, SaveBesideFusionWritesWholeFiles) {
+    TempDir dir;
+    auto scene = makeScene(kModeSplit);
+    std::atomic<bool> done{false};
+    std::thread producer([&scene, &done] {
+        for (int round = 0; round < 2; ++round) {
+            for (int view = 0; view < kViews; ++view) {
+                EXPECT_EQ(fuseView(*scene, kModeSplit, view), kSuccess);
+            }
+        }
+        done = true;
+    });
+    std::vector<std::string> bases;
+    while (!done || bases.empty()) {
+        bases.push_back(dir.file("snapshot" + std::to_string(bases.size())));
+        EXPECT_EQ(scene->saveVolumes(bases.back()), 1);
+    }
+    producer.join();
+    const size_t finalBlocks = state(*scene).mVolumeGrid->size();
+    for (const std::string& base : bases) {
+        Solid::DepthGrid grid;
+        std::ifstream file(base + ".depthgrid", std::ios::binary);
+        file >> grid;
+        EXPECT_FALSE(file.fail()) << base;
+        EXPECT_LE(grid.size(), finalBlocks);
+    }
 }
 
 }  // namespace
