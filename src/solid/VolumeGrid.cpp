@@ -157,6 +157,11 @@ bool VolumeGrid<B, P, L>::ensureUnlocked(const KeyType& key) {
 template <typename B, template <typename> class P, typename L>
 typename VolumeGrid<B, P, L>::Ptr VolumeGrid<B, P, L>::get(const KeyType& key) const {
     AR::Common::ReadLockGuard<L> guard(mLock);
+    return getUnlocked(key);
+}
+
+template <typename B, template <typename> class P, typename L>
+typename VolumeGrid<B, P, L>::Ptr VolumeGrid<B, P, L>::getUnlocked(const KeyType& key) const {
     auto it = mGrid.find(key);
     if (it == mGrid.end()) {
         return Ptr();
@@ -222,16 +227,17 @@ std::optional<typename VolumeGrid<B, P, L>::SampleType> VolumeGrid<B, P, L>::get
 }
 
 // Members every grid has.
-#define VELMORA_INSTANTIATE_GRID_COMMON(G)              \
-    template G::VolumeGrid();                           \
-    template void G::set(const Size&, const Vec3&);     \
-    template void G::reset();                           \
-    template bool G::ensure(const KeyType&);            \
-    template bool G::ensureUnlocked(const KeyType&);    \
-    template G::Ptr G::get(const KeyType&) const;       \
-    template size_t G::size() const;                    \
-    template KeyType G::keyOf(const Vec3&) const;       \
-    template Vec3 G::blockOrigin(const KeyType&) const; \
+#define VELMORA_INSTANTIATE_GRID_COMMON(G)                \
+    template G::VolumeGrid();                             \
+    template void G::set(const Size&, const Vec3&);       \
+    template void G::reset();                             \
+    template bool G::ensure(const KeyType&);              \
+    template bool G::ensureUnlocked(const KeyType&);      \
+    template G::Ptr G::get(const KeyType&) const;         \
+    template G::Ptr G::getUnlocked(const KeyType&) const; \
+    template size_t G::size() const;                      \
+    template KeyType G::keyOf(const Vec3&) const;         \
+    template Vec3 G::blockOrigin(const KeyType&) const;   \
     template Vec3 G::localPosition(const Vec3&, const KeyType&) const;
 
 #define VELMORA_INSTANTIATE_GRID_VALUES(G)                \

@@ -130,6 +130,9 @@ public:
 
     // The block at `key` with its mutex held, or an empty pointer.
     Ptr get(const KeyType& key) const;
+    // The same for a caller that already holds the grid lock, read or write (a loader creates
+    // and fills blocks under one write lock).
+    Ptr getUnlocked(const KeyType& key) const;
 
     // Trilinear value at world position `p`; -2.0 where no block or an unobserved sample is.
     // `key` receives the block key of `p` in any case.
@@ -142,10 +145,7 @@ public:
     template <typename F>
     void for_each(F&& f) const {
         AR::Common::ReadLockGuard<GridLockType> guard(mLock);
-        for (const auto& item : mGrid) {
-            std::lock_guard<std::mutex> blockLock(*item.second.mutex);
-            f(item.first, item.second.block);
-        }
+        for_eachUnlocked(f);
     }
     // The same with write access to the samples.
     template <typename F>
@@ -156,9 +156,20 @@ public:
             f(item.first, item.second.block);
         }
     }
+    // The same for a caller that already holds the grid lock, so that a count from
+    // `sizeUnlocked` and the blocks it counts come from one locked view.
+    template <typename F>
+    void for_eachUnlocked(F&& f) const {
+        for (const auto& item : mGrid) {
+            std::lock_guard<std::mutex> blockLock(*item.second.mutex);
+            f(item.first, item.second.block);
+        }
+    }
 
     // Number of blocks, read under the read lock.
     size_t size() const;
+    // Number of blocks; the caller holds the grid lock.
+    size_t sizeUnlocked() const { return mGrid.size(); }
 
     // Block key of world position `p`, and `p` relative to the origin of that block.
     KeyType keyOf(const Vec3& p) const;

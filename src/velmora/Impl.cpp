@@ -184,22 +184,6 @@ const char* Impl::getVersion() const {
     return mVersion.c_str();
 }
 
-int Impl::saveVolumes(const std::string& /*baseName*/) const {
-    if (!isInitialized()) {
-        return 0;
-    }
-    // TODO(#9): write one file per grid of the run mode.
-    return 1;
-}
-
-int Impl::loadVolumes(const std::string& /*baseName*/) {
-    if (!isInitialized()) {
-        return 0;
-    }
-    // TODO(#9): read the grids of the run mode.
-    return 1;
-}
-
 }  // namespace Velmora
 
 extern "C" VELMORA_API Velmora::IVelmora* newVelmora() {
