@@ -28,7 +28,9 @@ void setupInverseZGrid(const Vec3& origin, const Vec3& xStep, const Vec3& yStep,
 bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3& origin,
                            const Vec3& xStep, const Vec3& yStep, const Vec3& zStep,
                            const InverseZGrid& grid, bool& outsideFront);
-// The same, with the inverse-depth grid set up here.
+// The same test with an exact division per corner (lattice indices 0 and size - 1 of each axis):
+// a corner nearer than 0.1 mm to the camera plane sets `outsideFront`. For kernels that step the
+// inverse depth along rows rather than through the node grid.
 bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3& origin,
                            const Vec3& xStep, const Vec3& yStep, const Vec3& zStep,
                            bool& outsideFront);
