@@ -210,22 +210,30 @@ TEST(GridAccelerationConcurrency, PoolPassFusesEveryBlockWhileAReaderReads) {
     DepthGrid pooled;
     pooled.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
     std::atomic<bool> stop{false};
-    std::atomic<long> reads{0};
+    std::atomic<bool> started{false};
+    std::atomic<int> outOfRange{0};
     std::thread reader([&] {
         const Velmora::Test::Vec3d p = Velmora::Test::unproject(room.view.camera, 40, 30, 2.0);
-        while (!stop.load()) {
+        do {
             KeyType key;
-            pooled.value(Vec3(float(p[0]), float(p[1]), float(p[2])), key);
-            reads.fetch_add(1);
-        }
+            const float value = pooled.value(Vec3(float(p[0]), float(p[1]), float(p[2])), key);
+            // Unobserved, or a value of the band: never a half-written sample.
+            if (value != kUnobservedValue && (value < -1.0f || value > 1.0f)) {
+                outOfRange.fetch_add(1);
+            }
+            started = true;
+        } while (!stop.load());
     });
+    while (!started.load()) {
+        std::this_thread::yield();
+    }
     IndexSet keys;
     for (int frameIndex = 0; frameIndex < 3; ++frameIndex) {
         keys = fuse(pooled, frame, kAccelerationMultiThreaded);
     }
     stop = true;
     reader.join();
-    EXPECT_GT(reads.load(), 0);
+    EXPECT_EQ(outOfRange.load(), 0);
     // The pool ran the double-precision reference on every block, three frames deep.
     expectBlocks(pooled, frame.pose, keys, [&](IntegrationHelper::FastVolume& v, const Matrix4& T) {
         for (int i = 0; i < 3; ++i) {
