@@ -70,7 +70,9 @@ int integrateFast(IntegrationHelper::FastVolume& vol, const DepthFrame& depth, c
 // 9-cube blocks with border 1 only.
 int integrateFast8(IntegrationHelper::FastVolume& vol, const DepthFrame& depth, const Matrix4& T,
                    float ramp, float maxWeight, int border);
-// Reads `depth.depthU16`, which the frame path leaves empty: the caller must fill it.
+// Reads `depth.depthU16`, which the frame path leaves empty: the caller must fill it, at the size
+// of `depth.depth`, which the bounds tests use. Depths of 8 m or more abort. The inverse depth has
+// 27 fraction bits and so wraps for camera depths below 1/16 m.
 int integrateFastFixed(IntegrationHelper::FastVolume& vol, const DepthFrame& depth,
                        const Matrix4& T, float ramp, float maxWeight, int border);
 // 9-cube blocks with border 1 only; `fusionWeight` in (0, 1].

@@ -50,27 +50,6 @@ TEST(WorkerPoolConcurrency, EveryIndexRunsExactlyOnce) {
     EXPECT_EQ(pool.queue().freeCount(), kWorkQueueSize);
 }
 
-TEST(WorkerPoolConcurrency, KernelsRunConcurrentlyOnSeveralWorkers) {
-    // Each call waits until a second call is under way: a pool that ran the kernel on one
-    // thread only would never finish the first call.
-    WorkerPoolBase pool;
-    std::atomic<int> inside{0};
-    std::atomic<bool> met{false};
-    pool.dispatch(
-        [&](int) {
-            inside.fetch_add(1);
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-            while (inside.load() < 2 && std::chrono::steady_clock::now() < deadline) {
-                std::this_thread::yield();
-            }
-            if (inside.load() >= 2) {
-                met = true;
-            }
-        },
-        2, kWorkerPoolAllWorkers);
-    EXPECT_TRUE(met.load());
-}
-
 TEST(WorkerPoolConcurrency, SubmitRunsOncePerWorkerAndDestructionWakesSleepers) {
     std::vector<std::atomic<int>> slots(WORKERPOOL_DEFAULT_WORKERS);
     {
