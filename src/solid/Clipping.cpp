@@ -9,6 +9,10 @@ constexpr int kNodeSpacing = 4;
 constexpr float kNodeFraction = 0.25f;
 // Margin, pixels, that keeps the unchecked kernel clear of the image border.
 constexpr int kBorderMargin = 1;
+// Corners of a cube.
+constexpr int kCubeCorners = 8;
+// Corners nearer to the camera plane than this (metres) make the division form give up the block.
+constexpr float kMinCornerDepth = 0.0001f;
 
 // Linear blend between nodes as the kernel does it: t * upper + (1 - t) * lower.
 inline float blend(float lower, float upper, float t) {
@@ -76,7 +80,7 @@ bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3
     const int height = frame.depth.height();
     const int last = size(0) - 1;  // the last fused index, 7 for the 8-cube
     const float lastF = static_cast<float>(last);
-    for (int c = 0; c < 8; ++c) {
+    for (int c = 0; c < kCubeCorners; ++c) {
         Vec3 corner = origin;
         if (c & 4)
             corner += lastF * xStep;
@@ -101,9 +105,37 @@ bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3
 bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3& origin,
                            const Vec3& xStep, const Vec3& yStep, const Vec3& zStep,
                            bool& outsideFront) {
-    InverseZGrid grid;
-    setupInverseZGrid(origin, xStep, yStep, zStep, grid);
-    return checkClippingRequired(frame, size, origin, xStep, yStep, zStep, grid, outsideFront);
+    outsideFront = false;
+    const float fx = frame.projection(0, 0);
+    const float fy = frame.projection(1, 1);
+    const float cxHalf = frame.projection(0, 2) + 0.5f;
+    const float cyHalf = frame.projection(1, 2) + 0.5f;
+    const int width = frame.depth.width();
+    const int height = frame.depth.height();
+    const Vec3 xEnd = static_cast<float>(size(0) - 1) * xStep;
+    const Vec3 yEnd = static_cast<float>(size(1) - 1) * yStep;
+    const Vec3 zEnd = static_cast<float>(size(2) - 1) * zStep;
+    // The origin, the three axis extremes, their pairwise sums, the far corner.
+    const Vec3 corners[kCubeCorners] = {origin,
+                                        origin + xEnd,
+                                        origin + yEnd,
+                                        origin + zEnd,
+                                        origin + xEnd + yEnd,
+                                        origin + xEnd + zEnd,
+                                        origin + yEnd + zEnd,
+                                        origin + xEnd + yEnd + zEnd};
+    for (const Vec3& corner : corners) {
+        if (corner(2) < kMinCornerDepth) {
+            outsideFront = true;
+            return false;
+        }
+        const float u = cxHalf + fx * corner(0) / corner(2);
+        const float v = cyHalf + fy * corner(1) / corner(2);
+        if (!insideWithMargin(u, width) || !insideWithMargin(v, height)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace Solid

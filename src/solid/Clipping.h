@@ -1,7 +1,8 @@
-// Whether a 8x8x8 cube of lattice points projects safely inside the depth image, so that the
-// vector kernel may skip its per-pixel bounds tests, or comes too close to the camera to be
-// fused at all. Works on the kernel's own inverse-depth interpolation, so that the test and the
-// kernel agree on where each corner lands.
+// Whether a cube of lattice points projects safely inside the depth image, so that a kernel may
+// skip its per-pixel bounds tests, or comes too close to the camera to be fused at all. The grid
+// form works on the node kernels' own inverse-depth interpolation, so that the test and the
+// kernel agree on where each corner lands; the division form serves the kernels that step the
+// inverse depth along rows.
 #ifndef VELMORA_SOLID_CLIPPING_H
 #define VELMORA_SOLID_CLIPPING_H
 
@@ -28,7 +29,9 @@ void setupInverseZGrid(const Vec3& origin, const Vec3& xStep, const Vec3& yStep,
 bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3& origin,
                            const Vec3& xStep, const Vec3& yStep, const Vec3& zStep,
                            const InverseZGrid& grid, bool& outsideFront);
-// The same, with the inverse-depth grid set up here.
+// The same test with an exact division per corner (lattice indices 0 and size - 1 of each axis):
+// a corner nearer than 0.1 mm to the camera plane sets `outsideFront`. For kernels that step the
+// inverse depth along rows rather than through the node grid.
 bool checkClippingRequired(const DepthFrame& frame, const Size& size, const Vec3& origin,
                            const Vec3& xStep, const Vec3& yStep, const Vec3& zStep,
                            bool& outsideFront);

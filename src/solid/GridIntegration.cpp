@@ -6,6 +6,8 @@
 #include "common/Timing.h"
 #include "common/Trace.h"
 #include "solid/Integration.h"
+#include "solid/IntegrationFast.h"
+#include "solid/IntegrationMT.h"
 
 namespace Solid {
 
@@ -18,17 +20,22 @@ bool isNineCube(const VolumeConfig& config) {
 // The border argument of every kernel call: the last lattice plane is the border copy's.
 constexpr int kKernelBorder = 1;
 
-// One block of the depth grid.
+// One block of the depth grid. The checks run in the order 5, 4, 2, 3, 1, then the reference.
 void integrateBlock(DepthVolume& block, const DepthFrame& frame, const Matrix4& T, float ramp,
-                    float /*fusionWeight*/, float maxWeight, Acceleration acceleration,
-                    bool nineCube) {
-    if (nineCube && acceleration == kAccelerationTavric) {
+                    float fusionWeight, float maxWeight, Acceleration acceleration, bool nineCube) {
+    if (nineCube && acceleration == kAccelerationFast8Weighted) {
+        integrateFast8Weighted(block, frame, T, ramp, fusionWeight, maxWeight, kKernelBorder);
+    } else if (nineCube && acceleration == kAccelerationTavric) {
         integrateTavric(block, frame, T, ramp, maxWeight, kKernelBorder);
-        return;
+    } else if (acceleration == kAccelerationFastFixed) {
+        integrateFastFixed(block, frame, T, ramp, maxWeight, kKernelBorder);
+    } else if (nineCube && acceleration == kAccelerationFast8) {
+        integrateFast8(block, frame, T, ramp, maxWeight, kKernelBorder);
+    } else if (acceleration == kAccelerationFast) {
+        integrateFast(block, frame, T, ramp, maxWeight, kKernelBorder);
+    } else {
+        integrate(block, frame, T, ramp, maxWeight, kKernelBorder);
     }
-    // TODO(#7): the fast, fixed-point and eight-cube kernels; until they land their values take
-    // the reference row.
-    integrate(block, frame, T, ramp, maxWeight, kKernelBorder);
 }
 
 // One block of the combined grid: the label-depth table, gaps included.
@@ -44,9 +51,13 @@ void integrateBlock(LabelDepthVolume& block, const LabelDepthFrame& frame, const
         integrate(block, depthOnly, T, ramp, maxWeight, kKernelBorder);
         return;
     }
-    // TODO(#7): value 6 on 9-cubes fuses the depth part on the worker pool; until then it takes
-    // the reference row with labels.
     integrate(block, frame, T, ramp, maxWeight, kKernelBorder, 0.0f);
+}
+
+// Values whose kernels share the reciprocal tables, which must be set up for the weight cap.
+bool usesFastTables(Acceleration acceleration) {
+    return acceleration == kAccelerationFast || acceleration == kAccelerationFastFixed ||
+           acceleration == kAccelerationFast8;
 }
 
 }  // namespace
@@ -86,11 +97,15 @@ void integrateBlocks(GridType& grid, const FrameType& frame, const IndexSet& blo
                      Acceleration acceleration) {
     AR::Common::Timing timing;
     timing.beginSection(true);
-    // TODO(#7): acceleration 1 to 3 first set up the fast kernels' tables, aborting on failure;
-    // acceleration 6 on 9-cubes hands all blocks to the worker pool at once.
-    if (!blocks.empty()) {
-        const VolumeConfig& config = grid.config();
-        const bool nineCube = isNineCube(config);
+    if (usesFastTables(acceleration)) {
+        const bool setUp = setupIntegrateFast(static_cast<int>(maxWeight));
+        AR_ASSERT(setUp);
+    }
+    const VolumeConfig& config = grid.config();
+    const bool nineCube = isNineCube(config);
+    if (!blocks.empty() && nineCube && acceleration == kAccelerationMultiThreaded) {
+        integrateFastSPX_MT(grid, frame, blocks, errorModel, maxWeight);
+    } else if (!blocks.empty()) {
         // Lattice point (size / 2) in integer division: (4, 4, 4) of a 9-cube.
         AR::Math::Vector<float, 4> centreOffset;
         for (int a = 0; a < 3; ++a) {

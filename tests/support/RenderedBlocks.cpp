@@ -1,0 +1,76 @@
+#include "support/RenderedBlocks.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Solid {
+namespace Test {
+
+namespace {
+// Focal length per pixel of width: about 60 degrees of horizontal field of view.
+constexpr double kFocalPerWidth = 0.866;
+}  // namespace
+
+RenderedDepth::RenderedDepth(const Velmora::Test::AnalyticScene& scene,
+                             const Velmora::Test::PinholeCamera& cam)
+    : camera(cam), rendered(Velmora::Test::render(scene, cam)) {
+    const AR::CV::Size2i size(rendered.width, rendered.height);
+    frame.depth.set(rendered.depthMetres.data(), size, size, false);
+    frame.depthU16.set(rendered.depthMillimetres.data(), size, size, false);
+    frame.projection(0, 0) = static_cast<float>(cam.fx);
+    frame.projection(1, 1) = static_cast<float>(cam.fy);
+    frame.projection(0, 2) = static_cast<float>(cam.cx);
+    frame.projection(1, 2) = static_cast<float>(cam.cy);
+    // World to camera: the inverse of the rigid camera-to-world pose, [R^T | -R^T t].
+    const Velmora::Test::Pose& P = cam.T_world_camera;
+    Matrix4 pose = Matrix4::identity();
+    for (int r = 0; r < 3; ++r) {
+        double t = 0.0;
+        for (int c = 0; c < 3; ++c) {
+            pose(r, c) = static_cast<float>(P[4 * c + r]);
+            t -= P[4 * c + r] * P[4 * c + 3];
+        }
+        pose(r, 3) = static_cast<float>(t);
+    }
+    frame.pose = pose;
+}
+
+std::vector<KeyType> surfaceBlockKeys(const RenderedDepth& view, float dimension, int pixelStep) {
+    std::vector<KeyType> keys;
+    for (int v = 0; v < view.rendered.height; v += pixelStep) {
+        for (int u = 0; u < view.rendered.width; u += pixelStep) {
+            const float d =
+                view.rendered.depthMetres[static_cast<size_t>(v * view.rendered.width + u)];
+            if (d == 0.0f) {
+                continue;
+            }
+            const Velmora::Test::Vec3d p = Velmora::Test::unproject(view.camera, u, v, d);
+            KeyType key;
+            for (int a = 0; a < 3; ++a) {
+                key(a) = static_cast<int>(std::floor(p[static_cast<size_t>(a)] / dimension));
+            }
+            keys.push_back(key);
+        }
+    }
+    std::sort(keys.begin(), keys.end(), [](const KeyType& a, const KeyType& b) {
+        return std::lexicographical_compare(&a[0], &a[0] + 3, &b[0], &b[0] + 3);
+    });
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    return keys;
+}
+
+Velmora::Test::PinholeCamera roomCamera(int width, int height, const Velmora::Test::Vec3d& eye,
+                                        const Velmora::Test::Vec3d& target) {
+    Velmora::Test::PinholeCamera camera;
+    camera.width = width;
+    camera.height = height;
+    camera.fx = kFocalPerWidth * width;
+    camera.fy = camera.fx;
+    camera.cx = 0.5 * width - 0.5;
+    camera.cy = 0.5 * height - 0.5;
+    camera.T_world_camera = Velmora::Test::lookAt(eye, target, {0.0, 0.0, 1.0});
+    return camera;
+}
+
+}  // namespace Test
+}  // namespace Solid
