@@ -11,11 +11,6 @@ namespace Solid {
 
 namespace {
 
-// Points nearer to the camera plane than this (metres) cannot be projected.
-constexpr float kMinCameraDepth = 0.0001f;
-// Radial correction of the sensor, as in the reference kernel.
-constexpr float kRadialC0 = 1.0028380155563354f;
-constexpr float kRadialC1 = 0.4494898021221161f;
 // Scale of a fixed-point depth value: +1.0 of the band.
 constexpr float kDepthValueRange = 32766.0f;
 constexpr int kMaxValue = kMaxDepthValue;
