@@ -1,5 +1,6 @@
 #include "solid/Integration.h"
 
+#include "solid/CameraStepping.h"
 #include "solid/PixelIndex.h"
 
 #include <algorithm>
@@ -64,55 +65,35 @@ void integrateFloat(Volume<VolumeType, VolumeStorage>& vol, const DepthFrame& fr
     const int width = frame.depth.width();
     const int height = frame.depth.height();
 
-    float incX[3];
-    float incY[3];
-    for (int r = 0; r < 3; ++r) {
-        incX[r] = T(r, 0) * spacing(0);
-        incY[r] = T(r, 1) * spacing(1);
-    }
-    for (int z = 0; z < nz; ++z) {
-        const float zPos = static_cast<float>(z) * spacing(2);
-        float row[3];
-        for (int r = 0; r < 3; ++r) {
-            row[r] = T(r, 2) * zPos + T(r, 3);
+    forEachCameraPoint<float>(T, spacing, nx, ny, nz, [&](int x, int y, int z, const float* P) {
+        if (P[2] < kMinCameraDepth) {
+            return;
         }
-        for (int y = 0; y < ny; ++y) {
-            float P[3] = {row[0], row[1], row[2]};
-            for (int x = 0; x < nx; ++x, P[0] += incX[0], P[1] += incX[1], P[2] += incX[2]) {
-                if (P[2] < kMinCameraDepth) {
-                    continue;
-                }
-                const float nxr = P[0] / P[2];
-                const float nyr = P[1] / P[2];
-                int u;
-                int v;
-                if (!pixelIndex(k.fx * nxr + cxHalf, width, u) ||
-                    !pixelIndex(k.fy * nyr + cyHalf, height, v)) {
-                    continue;
-                }
-                const float d = frame.depth(u, v);
-                if (d == 0.0f) {
-                    continue;
-                }
-                const float r2 = nxr * nxr + nyr * nyr;
-                const float sdf = (kRadialC0 + r2 * kRadialC1) * (d - P[2]);
-                VolumeType& sample = vol.at(x, y, z);
-                if (sdf > -ramp) {
-                    const float t = std::min(sdf * invRamp, 1.0f);
-                    updateDepthSample(depthPart(sample), static_cast<int>(t * kDepthValueRange),
-                                      maxW);
-                }
-                if (labels != nullptr && std::fabs(sdf) <= labelBand) {
-                    if constexpr (std::is_same<VolumeType, LabelDepthVolumeSample>::value) {
-                        updateLabels(sample, (*labels)(u, v));
-                    }
-                }
-            }
-            for (int r = 0; r < 3; ++r) {
-                row[r] += incY[r];
+        const float nxr = P[0] / P[2];
+        const float nyr = P[1] / P[2];
+        int u;
+        int v;
+        if (!pixelIndex(k.fx * nxr + cxHalf, width, u) ||
+            !pixelIndex(k.fy * nyr + cyHalf, height, v)) {
+            return;
+        }
+        const float d = frame.depth(u, v);
+        if (d == 0.0f) {
+            return;
+        }
+        const float r2 = nxr * nxr + nyr * nyr;
+        const float sdf = (kRadialC0 + r2 * kRadialC1) * (d - P[2]);
+        VolumeType& sample = vol.at(x, y, z);
+        if (sdf > -ramp) {
+            const float t = std::min(sdf * invRamp, 1.0f);
+            updateDepthSample(depthPart(sample), static_cast<int>(t * kDepthValueRange), maxW);
+        }
+        if (labels != nullptr && std::fabs(sdf) <= labelBand) {
+            if constexpr (std::is_same<VolumeType, LabelDepthVolumeSample>::value) {
+                updateLabels(sample, (*labels)(u, v));
             }
         }
-    }
+    });
 }
 
 }  // namespace
@@ -149,50 +130,30 @@ void integrateRef(IntegrationHelper::FastVolume& vol, const DepthFrame& depth, c
     const int width = depth.depth.width();
     const int height = depth.depth.height();
 
-    double incX[3];
-    double incY[3];
-    for (int r = 0; r < 3; ++r) {
-        incX[r] = static_cast<double>(T(r, 0)) * static_cast<double>(spacing(0));
-        incY[r] = static_cast<double>(T(r, 1)) * static_cast<double>(spacing(1));
-    }
-    for (int z = 0; z < nz; ++z) {
-        const double zPos = static_cast<double>(z) * static_cast<double>(spacing(2));
-        double row[3];
-        for (int r = 0; r < 3; ++r) {
-            row[r] = static_cast<double>(T(r, 2)) * zPos + static_cast<double>(T(r, 3));
+    forEachCameraPoint<double>(T, spacing, nx, ny, nz, [&](int x, int y, int z, const double* P) {
+        if (P[2] < kMinCameraDepthRef) {
+            return;
         }
-        for (int y = 0; y < ny; ++y) {
-            double P[3] = {row[0], row[1], row[2]};
-            for (int x = 0; x < nx; ++x, P[0] += incX[0], P[1] += incX[1], P[2] += incX[2]) {
-                if (P[2] < kMinCameraDepthRef) {
-                    continue;
-                }
-                const double nxr = P[0] / P[2];
-                const double nyr = P[1] / P[2];
-                int u;
-                int v;
-                if (!pixelIndex(static_cast<double>(k.fx) * nxr + cxHalf, width, u) ||
-                    !pixelIndex(static_cast<double>(k.fy) * nyr + cyHalf, height, v)) {
-                    continue;
-                }
-                const float d = depth.depth(u, v);
-                if (d == 0.0f) {
-                    continue;
-                }
-                const double r2 = nxr * nxr + nyr * nyr;
-                const double sdf =
-                    (kRadialC0Ref + r2 * kRadialC1Ref) * (static_cast<double>(d) - P[2]);
-                if (sdf > -static_cast<double>(ramp)) {
-                    const double t = std::min(sdf * static_cast<double>(invRamp), 1.0);
-                    const int inc = static_cast<int>(static_cast<float>(t) * kDepthValueRange);
-                    updateDepthSample(vol.at(x, y, z), inc, maxW);
-                }
-            }
-            for (int r = 0; r < 3; ++r) {
-                row[r] += incY[r];
-            }
+        const double nxr = P[0] / P[2];
+        const double nyr = P[1] / P[2];
+        int u;
+        int v;
+        if (!pixelIndex(static_cast<double>(k.fx) * nxr + cxHalf, width, u) ||
+            !pixelIndex(static_cast<double>(k.fy) * nyr + cyHalf, height, v)) {
+            return;
         }
-    }
+        const float d = depth.depth(u, v);
+        if (d == 0.0f) {
+            return;
+        }
+        const double r2 = nxr * nxr + nyr * nyr;
+        const double sdf = (kRadialC0Ref + r2 * kRadialC1Ref) * (static_cast<double>(d) - P[2]);
+        if (sdf > -static_cast<double>(ramp)) {
+            const double t = std::min(sdf * static_cast<double>(invRamp), 1.0);
+            const int inc = static_cast<int>(static_cast<float>(t) * kDepthValueRange);
+            updateDepthSample(vol.at(x, y, z), inc, maxW);
+        }
+    });
 }
 
 template void integrate(Volume<Vec2S, ReferencedVolumeData>&, const DepthFrame&, const Matrix4&,

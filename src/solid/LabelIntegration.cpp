@@ -5,6 +5,7 @@
 
 #include "common/Logger.h"
 #include "common/Timing.h"
+#include "solid/CameraStepping.h"
 #include "solid/GridIntegration.h"
 #include "solid/Integration.h"
 #include "solid/PixelIndex.h"
@@ -18,37 +19,12 @@ constexpr float kDefaultNormalisedLabelBand = 0.05f;
 // Default vote band against a depth image: the diagonal of a cell of the smallest spacing.
 constexpr float kSqrt3 = 1.7320508f;
 
-// Visits the block's own samples (z outermost, x innermost, `border` planes left out) with their
-// camera-space position, stepped by the pose's per-index increments.
+// Visits the block's own samples (`border` planes left out) with their camera positions.
 template <typename Visit>
 void forEachCameraSample(const LabelVolume& volume, const Matrix4& T, int border, Visit visit) {
     const Size& size = volume.size();
-    const Vec3& spacing = volume.spacing();
-    const int nx = size(0) - border;
-    const int ny = size(1) - border;
-    const int nz = size(2) - border;
-    float incX[3];
-    float incY[3];
-    for (int r = 0; r < 3; ++r) {
-        incX[r] = T(r, 0) * spacing(0);
-        incY[r] = T(r, 1) * spacing(1);
-    }
-    for (int z = 0; z < nz; ++z) {
-        const float zPos = static_cast<float>(z) * spacing(2);
-        float row[3];
-        for (int r = 0; r < 3; ++r) {
-            row[r] = T(r, 2) * zPos + T(r, 3);
-        }
-        for (int y = 0; y < ny; ++y) {
-            float P[3] = {row[0], row[1], row[2]};
-            for (int x = 0; x < nx; ++x, P[0] += incX[0], P[1] += incX[1], P[2] += incX[2]) {
-                visit(x, y, z, P);
-            }
-            for (int r = 0; r < 3; ++r) {
-                row[r] += incY[r];
-            }
-        }
-    }
+    forEachCameraPoint<float>(T, volume.spacing(), size(0) - border, size(1) - border,
+                              size(2) - border, visit);
 }
 
 }  // namespace
