@@ -242,9 +242,18 @@ public:
                                        span<PolygonMeshBuffer> buffers, bool annotate,
                                        const UuidBytes& uuid, TextureQuality quality) = 0;
 
-    // Collision of a point, an axis-aligned box or a sphere with the known geometry, in split
-    // mode. Before `init`, or in a run mode without a depth grid, they answer unknown (2) with
-    // distance -1.0 and point (0, 0, 0).
+    // Collision of a point, an axis-aligned box (`size` is the full edge length) or a sphere
+    // with the known geometry, in split mode; world metres. `collision` is 1 when a sample at or
+    // behind a surface lies inside (nearest lattice point for the point), 2 when space there was
+    // never observed (and no collision was found), else 0. `distance`:
+    // - collision: 0 for box and sphere; for a point, its distance to the lattice point hit;
+    // - otherwise the distance to the nearest surface sample within `maxDistance` (none is
+    //   searched when `maxDistance` is not above 0), with `point` that sample. Where nothing is
+    //   that near, point and box give -1.0 and point (0, 0, 0), while the sphere measures from
+    //   its centre less its radius and gives `maxDistance - radius`.
+    // They never fail: before `init`, or in a run mode without a depth grid, they answer unknown
+    // (2) with distance -1.0 and point (0, 0, 0). Any input is accepted (a NaN coordinate is
+    // unknown space). Safe to call from any thread, also during `submitImages`.
     virtual IntersectionResult intersectPoint(const XrVector3fVLM& position,
                                               float maxDistance) const = 0;
     virtual IntersectionResult intersectAxisAlignedBox(const XrVector3fVLM& center,
@@ -253,7 +262,16 @@ public:
     virtual IntersectionResult intersectSphere(const XrVector3fVLM& center, float radius,
                                                float maxDistance) const = 0;
 
-    // Where an object can be placed along the line from `lineStart` in `lineDirection`.
+    // Where an object can be placed along the line from `lineStart` in `lineDirection` (need not
+    // be unit length), within `maxDistance` metres: `info.result` 1 with a pose on the first
+    // surface, local y along the surface normal and local z along `referenceDirection x normal`,
+    // and the semantic label there. `info.result` 0 (still kSuccess) when there is no surface,
+    // the surface there is not fully observed, or it faces away from the line's start.
+    // kErrorNotInitialized before `init`; kErrorDirectionZero for a direction of zero length or
+    // with a non-finite component; kErrorInvalidArgument for a non-finite reference direction.
+    // A zero reference direction, or one parallel to the normal, is only accepted where the
+    // normal is perpendicular to the world x axis (or lies along it): elsewhere the frame is not
+    // a rotation, which aborts. Safe to call from any thread, also during `submitImages`.
     virtual XrResultVLM getPlacementInfo(const XrVector3fVLM& lineStart,
                                          const XrVector3fVLM& lineDirection,
                                          const XrVector3fVLM& referenceDirection,

@@ -1,5 +1,6 @@
-// Counters and times of one fusion of a frame, filled stage by stage. Times are milliseconds
-// except `borderTime`, which is the border copy's own duration (see copyBorders).
+// Counters and times of one fusion of a frame, filled stage by stage, and of one rendering of a
+// depth frame by raycast. Times are milliseconds except `borderTime`, which is the border copy's
+// own duration (see copyBorders).
 #ifndef VELMORA_SOLID_INTEGRATIONSTATS_H
 #define VELMORA_SOLID_INTEGRATIONSTATS_H
 
@@ -23,6 +24,9 @@ struct IntegrationStats {
     float createTime = 0.0f;
     float integrateTime = 0.0f;
     float borderTime = 0.0f;
+    // Written by raycast: rays that reached a block, and the rendering's duration, ms.
+    size_t raycastRays = 0;
+    float raycastTime = 0.0f;
 };
 
 }  // namespace Solid

@@ -112,51 +112,6 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
     return kSuccess;
 }
 
-namespace {
-// Answer of the collision queries where nothing is known (before init, or no depth grid).
-IntersectionResult unknownIntersection() {
-    constexpr int32_t kCollisionUnknown = 2;
-    return IntersectionResult{kCollisionUnknown, -1.0f, {0.0f, 0.0f, 0.0f}};
-}
-}  // namespace
-
-IntersectionResult Impl::intersectPoint(const XrVector3fVLM& /*position*/,
-                                        float /*maxDistance*/) const {
-    // TODO(#8): collision against the depth grid.
-    return unknownIntersection();
-}
-
-IntersectionResult Impl::intersectAxisAlignedBox(const XrVector3fVLM& /*center*/,
-                                                 const XrVector3fVLM& /*size*/,
-                                                 float /*maxDistance*/) const {
-    // TODO(#8): collision against the depth grid.
-    return unknownIntersection();
-}
-
-IntersectionResult Impl::intersectSphere(const XrVector3fVLM& /*center*/, float /*radius*/,
-                                         float /*maxDistance*/) const {
-    // TODO(#8): collision against the depth grid.
-    return unknownIntersection();
-}
-
-XrResultVLM Impl::getPlacementInfo(const XrVector3fVLM& /*lineStart*/,
-                                   const XrVector3fVLM& lineDirection,
-                                   const XrVector3fVLM& /*referenceDirection*/, PlacementInfo& info,
-                                   float /*maxDistance*/) const {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    const float lengthSquared = lineDirection.x * lineDirection.x +
-                                lineDirection.y * lineDirection.y +
-                                lineDirection.z * lineDirection.z;
-    if (!(lengthSquared > 0.0f)) {
-        return kErrorDirectionZero;
-    }
-    // TODO(#8): the placement search along the line.
-    info.result = 0;
-    return kSuccess;
-}
-
 XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
                                      span<SubsumedLink>& /*subsumed*/) {
     if (!isInitialized()) {
