@@ -9,6 +9,7 @@
 #include "solid/GridIntegration.h"
 #include "solid/Integration.h"
 #include "solid/PixelIndex.h"
+#include "solid/Raycast.h"
 
 namespace Solid {
 
@@ -151,6 +152,24 @@ void integrate(LabelGrid& labelGrid, const DepthGrid& depthGrid, const LabelFram
     stats.totalBlocks = labelGrid.size();
     AR_LOG_VERBOSE("split volume integrated %zu blocks, total block number is %zu",
                    stats.integratedBlocks, stats.totalBlocks);
+}
+
+void integrateLabelsUsingRaycasting(LabelGrid& labelGrid, const DepthGrid& depthGrid,
+                                    const IndexSet& blocks, const LabelFrame& labelFrame,
+                                    const SensorErrorModel& sensorModel, IntegrationStats& stats,
+                                    float labelDistance, float stepFactor, float nearPlane,
+                                    float farPlane) {
+    for (const KeyType& key : blocks) {
+        labelGrid.ensure(key);
+    }
+    DepthFrame depthFrame;
+    depthFrame.depth.allocPixels(labelFrame.labels.size(), AR::Common::ALIGNMENT_16);
+    depthFrame.projection = labelFrame.projection;
+    depthFrame.pose = labelFrame.pose;
+    depthFrame.timestamp = labelFrame.timestamp;
+    raycast(depthGrid, nearPlane, farPlane, stepFactor, depthFrame, stats);
+    integrate(labelGrid, depthGrid, labelFrame, blocks, sensorModel, stats, labelDistance,
+              depthFrame);
 }
 
 }  // namespace Solid

@@ -3,9 +3,12 @@
 #include <cmath>
 
 #include "common/Trace.h"
+#include "cv/ImageOps.h"
 #include "math/Pose.h"
 #include "solid/BorderCopy.h"
 #include "solid/GridIntegration.h"
+#include "solid/LabelIntegration.h"
+#include "solid/Raycast.h"
 #include "solid/SensorErrorModel.h"
 #include "velmora/ImageIntake.h"
 #include "velmora/ImplState.h"
@@ -18,6 +21,15 @@ namespace {
 constexpr double kMaxQuaternionNormError = 4e-7;
 // Observation count at which a sample's running average stops gaining weight.
 constexpr float kMaxWeight = 30.0f;
+// Rendering of the volume for label and colour frames: the range of the march, metres, and its
+// large step in sample spacings.
+constexpr float kRaycastNearPlane = 0.05f;
+constexpr float kRaycastFarPlane = 5.0f;
+constexpr float kRaycastStepFactor = 1.0f;
+// Split mode: a label pixel votes in the samples within this distance (metres) of the surface.
+constexpr float kLabelDistance = 0.02f;
+// Keyframes keep their depth in millimetres.
+constexpr float kMetresToMillimetres = 1000.0f;
 // Every depth pixel takes part in block selection; the optional filters are off.
 constexpr int kPrepareStep = 1;
 constexpr float kNoNumSamplesFilter = 0.0f;
@@ -32,7 +44,8 @@ bool isUnitQuaternion(const XrQuaternionfVLM& q) {
 
 // Sets the frame's camera: `pose` becomes world to camera (the inverse of the host's camera to
 // world), `projection` the intrinsics narrowed to float.
-void setUpCamera(Solid::DepthFrame& frame, const IntrinsicLinearCameraCalibrationVLM& intrinsics,
+template <typename Frame>
+void setUpCamera(Frame& frame, const IntrinsicLinearCameraCalibrationVLM& intrinsics,
                  const XrPosefVLM& hostPose) {
     const AR::Math::SE3<float> cameraToWorld = AR::Math::toMath<float>(hostPose);
     const auto& R = cameraToWorld.rotation();
@@ -76,11 +89,100 @@ Solid::IndexSet fuse(Grid& grid, const Frame& frame, float truncation,
     return updated;
 }
 
+// The camera models of the keyframes need the principal point strictly inside the image.
+bool principalPointInside(const IntrinsicLinearCameraCalibrationVLM& intrinsics,
+                          const Image& image) {
+    return intrinsics.principalPointX > 0.0 &&
+           intrinsics.principalPointX < static_cast<double>(image.width) &&
+           intrinsics.principalPointY > 0.0 &&
+           intrinsics.principalPointY < static_cast<double>(image.height);
+}
+
+// A pinhole camera without distortion of `size` pixels with the intrinsics of `projection`; one
+// retry, then a failure is an error of the validation before.
+void initLinearCamera(AR::CV::Camera<float>& camera, const AR::CV::Size2i& size,
+                      const Solid::Matrix4& projection) {
+    using Camera = AR::CV::Camera<float>;
+    const Camera::Vec2 imageSize(static_cast<float>(size(0)), static_cast<float>(size(1)));
+    const Camera::Vec2 focal(projection(0, 0), projection(1, 1));
+    const Camera::Vec2 centre(projection(0, 2), projection(1, 2));
+    auto init = [&] {
+        return camera.init(imageSize, focal, centre, Camera::RDVec::zeros(), Camera::Vec2::zeros(),
+                           CamModel::DistortionModel::LINEAR);
+    };
+    const bool initialised = init() || init();
+    AR_ASSERT(initialised);
+}
+
 void insertAll(Solid::IndexSet& target, const Solid::IndexSet& blocks, std::mutex& mutex) {
     std::lock_guard<std::mutex> lock(mutex);
     for (const Solid::KeyType& key : blocks) {
         target.insert(key);
     }
+}
+
+// Keeps a colour frame, with its depth in millimetres, for texturing.
+void keepKeyframe(Impl::State& s, Solid::RGBDFrame& frame, const void* hostPixels) {
+    TextureExtraction& texture = s.mTexture;
+    frame.depthU16.allocPixels(frame.depth.size(), AR::Common::ALIGNMENT_16);
+    AR::CV::ImageOps::convertDepthImage(frame.depth, kMetresToMillimetres, frame.depthU16);
+    std::lock_guard<std::mutex> lock(texture.mutex);
+    if (texture.keyframes.empty()) {
+        // The first colour frame of the scene's life fixes both camera models for good.
+        initLinearCamera(texture.colorCalib, frame.rgb.size(), frame.projection);
+        initLinearCamera(texture.depthCalib, frame.depth.size(), frame.projection);
+    }
+    AR_ASSERT(static_cast<const void*>(frame.rgb.pixels()) != hostPixels);
+    texture.keyframes.push_back(frame);
+}
+
+void submitSplitLabelFrame(Impl::State& s, XrTimeVLM time,
+                           const IntrinsicLinearCameraCalibrationVLM& intrinsics,
+                           const XrPosefVLM& pose, const Image& image) {
+    Solid::LabelFrame frame = makeLabelFrame(time, image);
+    setUpCamera(frame, intrinsics, pose);
+    AR_ASSERT(s.mVolumeGrid && s.mLabelVolumeGrid);
+    // This frame takes over every block queued so far; the next depth frames queue anew.
+    Solid::IndexSet blocks;
+    {
+        std::lock_guard<std::mutex> lock(s.mPendingLabelMutex);
+        blocks.swap(s.mPendingLabelBlocks);
+    }
+    Solid::IntegrationStats stats;
+    {
+        AR::Common::ScopedTrace trace("Integration");
+        Solid::integrateLabelsUsingRaycasting(*s.mLabelVolumeGrid, *s.mVolumeGrid, blocks, frame,
+                                              Solid::ConstantErrorModel(s.mTruncation), stats,
+                                              kLabelDistance, kRaycastStepFactor, kRaycastNearPlane,
+                                              kRaycastFarPlane);
+    }
+    {
+        AR::Common::ScopedTrace trace("copyBorders");
+        Solid::copyBorders(*s.mLabelVolumeGrid, stats, blocks);
+    }
+    // Nothing is published: the blocks reached the consumers when their depth came in.
+}
+
+void submitColorFrame(Impl::State& s, XrTimeVLM time,
+                      const IntrinsicLinearCameraCalibrationVLM& intrinsics, const XrPosefVLM& pose,
+                      const Image& image) {
+    const AR::CV::Size2i size(static_cast<int32_t>(image.width),
+                              static_cast<int32_t>(image.height));
+    Solid::RGBDFrame frame(size);
+    frame.timestamp = time;
+    frame.rgb.copyPixels(static_cast<const AR::CV::Pixel24*>(image.pixelData), size, size,
+                         AR::Common::ALIGNMENT_16);
+    setUpCamera(frame, intrinsics, pose);
+    // The depth the volume shows from this pose stands in for a depth image.
+    Solid::IntegrationStats stats;
+    if (s.mMode == kModeCombined) {
+        Solid::raycast(*s.mLabelDepthVolumeGrid, kRaycastNearPlane, kRaycastFarPlane,
+                       kRaycastStepFactor, frame, stats);
+    } else {
+        Solid::raycast(*s.mVolumeGrid, kRaycastNearPlane, kRaycastFarPlane, kRaycastStepFactor,
+                       frame, stats);
+    }
+    keepKeyframe(s, frame, image.pixelData);
 }
 
 }  // namespace
@@ -122,13 +224,22 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
         if (!indexOfDepthLabelColorImages(images, depthIdx, labelIdx, colorIdx)) {
             return kErrorInvalidArgument;
         }
+        if (colorIdx >= 0 && (!principalPointInside(intrinsics, images.data[colorIdx]) ||
+                              !principalPointInside(intrinsics, images.data[depthIdx]))) {
+            return kErrorIntrinsicsInvalid;
+        }
         Solid::LabelDepthFrame frame =
             makeLabelDepthFrame(time, images.data[depthIdx], images.data[labelIdx]);
         AR_ASSERT(frame.depthU16.numPixels() == 0);
         setUpCamera(frame, intrinsics, pose);
         const Solid::IndexSet updated =
             fuse(*s.mLabelDepthVolumeGrid, frame, s.mTruncation, Solid::kAccelerationReference);
-        // TODO(#9): with a colour image, keep the frame as a keyframe.
+        if (colorIdx >= 0) {
+            Solid::RGBDFrame keyframe =
+                makeDepthColorFrame(time, images.data[depthIdx], images.data[colorIdx]);
+            setUpCamera(keyframe, intrinsics, pose);
+            keepKeyframe(s, keyframe, images.data[colorIdx].pixelData);
+        }
         s.publish(updated);
         return kSuccess;
     }
@@ -137,32 +248,33 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
     const bool isDepth = image.format == kImageDepthU16 || image.format == kImageDepthU16Flagged;
     const bool isLabel = image.format == kImageLabelU8 || image.format == kImageLabelU16;
     const bool isColor = image.format == kImageColorRGB8;
-    if (s.mMode == kModeSplit) {
-        if (isDepth) {
-            Solid::DepthFrame frame = makeDepthFrame(time, image);
-            AR_ASSERT(frame.depthU16.numPixels() == 0);
-            setUpCamera(frame, intrinsics, pose);
-            const Solid::IndexSet updated =
-                fuse(*s.mVolumeGrid, frame, s.mTruncation, Solid::kAccelerationTavric);
-            if (s.mLabelVolumeGrid) {
-                insertAll(s.mPendingLabelBlocks, updated, s.mPendingLabelMutex);
-            }
-            s.publish(updated);
-            return kSuccess;
+    if (isColor && (s.mMode == kModeSplit || s.mMode == kModeCombined)) {
+        if (!principalPointInside(intrinsics, image)) {
+            return kErrorIntrinsicsInvalid;
         }
-        // TODO(#9): a label image fuses labels into the queued blocks, a colour image renders
-        // depth from the volume and keeps a keyframe. Unknown formats change nothing.
-        (void)isLabel;
-        (void)isColor;
+        submitColorFrame(s, time, intrinsics, pose, image);
         return kSuccess;
     }
-    if (s.mMode == kModeCombined && isColor) {
-        // TODO(#9): render depth from the volume and keep a keyframe.
-        return kSuccess;
+    if (s.mMode != kModeSplit) {
+        // Combined mode takes depth and labels together. Other modes have no grid to render a
+        // lone colour image from, so it is refused there too.
+        return kErrorImageCombination;
     }
-    // Combined mode takes depth and labels together; other modes have no grid to work on, so a
-    // lone colour image is refused there too rather than rendered from a volume that is absent.
-    return kErrorImageCombination;
+    if (isDepth) {
+        Solid::DepthFrame frame = makeDepthFrame(time, image);
+        AR_ASSERT(frame.depthU16.numPixels() == 0);
+        setUpCamera(frame, intrinsics, pose);
+        const Solid::IndexSet updated =
+            fuse(*s.mVolumeGrid, frame, s.mTruncation, Solid::kAccelerationTavric);
+        if (s.mLabelVolumeGrid) {
+            insertAll(s.mPendingLabelBlocks, updated, s.mPendingLabelMutex);
+        }
+        s.publish(updated);
+    } else if (isLabel) {
+        submitSplitLabelFrame(s, time, intrinsics, pose, image);
+    }
+    // An image of an unknown format alone changes nothing.
+    return kSuccess;
 }
 
 }  // namespace Velmora

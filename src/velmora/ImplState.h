@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
+#include "cv/Camera.h"
+#include "solid/Frames.h"
 #include "solid/VolumeGrid.h"
 #include "velmora/Impl.h"
 
@@ -21,6 +24,14 @@ struct SurfaceExtraction {
     Solid::IndexSet updatedBlocks;
     std::mutex updatedBlocksMutex;
     std::mutex meshMutex;  // guards the per-block meshes
+};
+
+// Colour frames kept for texturing, with the two camera models set from the first of them.
+struct TextureExtraction {
+    AR::CV::Camera<float> colorCalib;
+    AR::CV::Camera<float> depthCalib;
+    std::vector<Solid::RGBDFrame> keyframes;  // one per colour image ever submitted
+    std::mutex mutex;                         // guards everything above
 };
 
 struct Impl::State {
@@ -41,6 +52,7 @@ struct Impl::State {
     std::mutex mPlaneMutex;                  // held for the whole of getPlanes
     std::mutex mPlaneUpdatedMutex;           // guards mPlaneUpdatedBlocks
     bool mLabelPlanes = false;               // copy of Config::labelPlanes
+    TextureExtraction mTexture;
 
     // Records `blocks` in the three sets of changed blocks, one mutex at a time.
     void publish(const Solid::IndexSet& blocks);
