@@ -1,13 +1,16 @@
 // The built `velmora` executable, run as a subprocess: exit codes, messages and the summary.
-// The library does not fuse yet in every configuration, so these tests check what the tool
-// controls (frame counts, skip reports, exit codes, the call to save), not fused volumes.
+// They check what the tool controls (frame counts, skip reports, exit codes, saving) and that
+// the saved volumes load into a fresh scene.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "ToolTestSupport.h"
 #include "velmora/Fusion.h"
+#include "velmora/Impl.h"
 #include "velmora/Png.h"
 
 using namespace VelmoraTool;
@@ -102,6 +105,35 @@ TEST(ToolEndToEnd, RenderThenFuse) {
         }
         EXPECT_EQ(json["submitMs"]["max"].get<double>(), largest);
         EXPECT_TRUE(json["saved"].get<bool>());
+
+        // The files of the run mode exist and load into a scene of the same mode, which then
+        // knows more than nothing.
+        const bool split = std::strcmp(mode, "split") == 0;
+        for (const char* ending : split ? std::vector<const char*>{".depthgrid", ".labelgrid"}
+                                        : std::vector<const char*>{".depthlabelgrid"}) {
+            EXPECT_TRUE(fs::exists(scratch / ("volumes/scene" + std::string(ending)))) << ending;
+        }
+        std::unique_ptr<Velmora::IVelmora> scene(newVelmora());
+        Velmora::Config config{};
+        config.cellSize = 0.02f;
+        config.truncation = 0.1f;
+        config.mode = split ? 1 : 0;
+        ASSERT_EQ(scene->init(config), Velmora::kSuccess);
+        auto* impl = static_cast<Velmora::Impl*>(scene.get());
+        ASSERT_EQ(impl->loadVolumes(scratch / "volumes/scene"), 1);
+        Velmora::span<Velmora::ObjectInstance> instances{};
+        Velmora::span<Velmora::SubsumedLink> links{};
+        EXPECT_EQ(scene->getObjectInstances(instances, links), Velmora::kSuccess);
+        if (split) {
+            // Somewhere in the room is a fused sample: some point must be known.
+            bool known = false;
+            for (float x = 0.2f; x < 4.0f && !known; x += 0.1f) {
+                for (float z = 0.05f; z < 2.6f && !known; z += 0.1f) {
+                    known = scene->intersectPoint({x, 1.5f, z}, 0.05f).collision != 2;
+                }
+            }
+            EXPECT_TRUE(known);
+        }
     }
 
     // Frame selection: numbers 1 to 3, every second of them.
