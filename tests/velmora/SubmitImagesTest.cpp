@@ -161,10 +161,10 @@ void checkAgainstTruth(const Grid& grid, const AnalyticScene& scene, int& checke
             for (int y = 0; y < 8; ++y)
                 for (int x = 0; x < 8; ++x) {
                     const Solid::Vec2S& s = Solid::depthPart(block.at(x, y, z));
-                    if (s(1) < 1) continue;
-                    const double truth =
-                        scene.signedDistance({origin(0) + x * cell, origin(1) + y * cell,
-                                              origin(2) + z * cell});
+                    if (s(1) < 1)
+                        continue;
+                    const double truth = scene.signedDistance(
+                        {origin(0) + x * cell, origin(1) + y * cell, origin(2) + z * cell});
                     const double fused = s(0) * double(Solid::kDepthValueScale) * kTruncation;
                     if (std::fabs(truth) < 0.5 * cell) {
                         EXPECT_LT(std::fabs(fused), 3.0 * cell) << truth;
