@@ -58,7 +58,7 @@ void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, F
 
 }  // namespace
 
-TEST(Png, RoundTripOfEachKindAndClearFailures) {
+TEST(Png, RoundTripOfEachKindAndAMissingFile) {
     ScratchDir scratch;
     const std::vector<uint16_t> depth{0, 1, 1000, 65535, 4321, 7};
     const std::vector<uint8_t> rgb{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18};
@@ -78,14 +78,7 @@ TEST(Png, RoundTripOfEachKindAndClearFailures) {
 
     EXPECT_FALSE(readPng(scratch / "none.png", image, error));
     EXPECT_TRUE(contains(error, "cannot open")) << error;
-    writeText(scratch / "text.png", "hello, not an image");
-    EXPECT_FALSE(readPng(scratch / "text.png", image, error));
-    EXPECT_EQ(error, "not a PNG file");
-    // A PNG cut short after its header.
-    const std::string whole = readText(scratch / "d.png");
-    writeText(scratch / "cut.png", whole.substr(0, 40));
-    EXPECT_FALSE(readPng(scratch / "cut.png", image, error));
-    EXPECT_TRUE(contains(error, "unreadable PNG")) << error;
+    // Text and cut PNG files are among the bad frame inputs below.
 }
 
 TEST(RecordedSequence, ReadsBackWhatWasWritten) {
