@@ -73,14 +73,12 @@ TEST(FlatSet, ConstructionSizesTheSlotArray) {
 TEST(FlatSet, HashOfBlockKeysAndIntegers) {
     const AR::Common::hash<Key3> hash3;
     EXPECT_EQ(hash3(Key3(-1, 0, 0)), 0xFFFFE171u);
-    EXPECT_EQ(hash3(Key3(1, 2, 3)), 7823u + 2u * 5119u + 3u * 2549u);
-    EXPECT_EQ(hash3(Key3(0, 0, -1)), 0u - 2549u);
+    EXPECT_EQ(hash3(Key3(1, 2, 3)), 25708u);
     const AR::Common::hash<AR::Math::Vector<int, 4>> hash4;
-    EXPECT_EQ(hash4(AR::Math::Vector<int, 4>(1, 1, 1, 1)), 7823u + 5119u + 2549u + 6827u);
+    EXPECT_EQ(hash4(AR::Math::Vector<int, 4>(1, 1, 1, 1)), 22318u);
     // One FNV-1a step on key 0 is the FNV-1a hash of a single zero byte.
     EXPECT_EQ(AR::Common::hash<unsigned int>()(0u), 0x050C5D1Fu);
     EXPECT_EQ(AR::Common::hash<unsigned short>()(7), AR::Common::hash<unsigned int>()(7u));
-    EXPECT_EQ(AR::Common::hash<unsigned int>()(1u), (2166136261u ^ 1u) * 16777619u);
 }
 
 TEST(FlatSet, InsertionShiftsInFrontOfLaterBuckets) {
@@ -201,21 +199,17 @@ TEST(FlatSet, EraseShiftsDisplacedElementsBack) {
     ASSERT_NE(next, chain.end());
     EXPECT_EQ(*next, key(1, 2));
     EXPECT_EQ(walk(chain), (std::vector<uint32_t>{key(1, 0), key(1, 2), key(1, 3)}));
-}
 
-TEST(FlatSet, EraseInTheLastSlot) {
-    TestSet set;
+    // Erasing in the last overflow slot leaves nothing to pull back and returns the end.
+    TestSet full;
     for (uint32_t tag = 0; tag < 9; ++tag) {
-        set.insert(key(7, tag));
+        full.insert(key(7, tag));
     }
-    const uint32_t last = set.slotCount() - 1;
-    ASSERT_EQ(*set.find(key(7, 8)), key(7, 8));
-    ASSERT_EQ(set.slotIndex(set.find(key(7, 8))), last);
-    EXPECT_EQ(set.erase(set.find(key(7, 8))), set.end());
-    EXPECT_EQ(set.slotHome(last), kEmptyHome);
-    EXPECT_EQ(set.size(), 8u);
+    ASSERT_EQ(full.slotIndex(full.find(key(7, 8))), full.slotCount() - 1);
+    EXPECT_EQ(full.erase(full.find(key(7, 8))), full.end());
+    EXPECT_EQ(full.slotHome(full.slotCount() - 1), kEmptyHome);
     for (uint32_t tag = 0; tag < 8; ++tag) {
-        EXPECT_EQ(set.slotIndex(set.find(key(7, tag))), 7u + tag);
+        EXPECT_EQ(full.slotIndex(full.find(key(7, tag))), 7u + tag);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -54,19 +55,9 @@ protected:
         logger().setFlag(flags, true);
     }
     // The local date and time of a line, replaced by a placeholder.
-    static std::string maskTime(std::string line) {
-        const std::string form = "dddd-dd-dd dd:dd:dd";
-        for (size_t start = 0; start + form.size() <= line.size(); ++start) {
-            bool match = true;
-            for (size_t i = 0; i < form.size() && match; ++i) {
-                const char c = line[start + i];
-                match = form[i] == 'd' ? c >= '0' && c <= '9' : c == form[i];
-            }
-            if (match) {
-                line.replace(start, form.size(), "<T>");
-            }
-        }
-        return line;
+    static std::string maskTime(const std::string& line) {
+        static const std::regex kTime(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
+        return std::regex_replace(line, kTime, "<T>");
     }
     CaptureTarget capture;
 };

@@ -33,29 +33,6 @@ std::string readFile(const std::string& path) {
     return content.str();
 }
 
-TEST(Trace, KernelMarkerEitherOpensOrFallsBackQuietly) {
-    Lines log;
-    Logger::getInstance().addTarget(&log);
-    const bool enabled = Trace::enable();
-    EXPECT_EQ(enabled, Trace::isEnabled());
-    if (!enabled) {
-        ASSERT_EQ(log.lines.size(), 1u);
-        EXPECT_EQ(log.levels[0], Logger::LEVEL_WARNING);
-        EXPECT_NE(log.lines[0].find("error opening trace file: "), std::string::npos);
-    } else {
-        EXPECT_TRUE(log.lines.empty());
-    }
-    // Writes are harmless either way.
-    {
-        AR::Common::ScopedTrace span("submitImages");
-        Trace::counter("blocks", int32_t{3});
-        Trace::counter("bytes", int64_t{1} << 40);
-    }
-    Trace::disable();
-    EXPECT_FALSE(Trace::isEnabled());
-    Logger::getInstance().removeTarget(&log);
-}
-
 TEST(Trace, RecordsHaveTheirFormsAndNothingIsWrittenWhenOff) {
     const std::string path = "/tmp/velmora-trace-" + std::to_string(getpid());
     std::ofstream(path).close();
@@ -81,8 +58,18 @@ TEST(Trace, MissingMarkerLogsAWarningAndStaysOff) {
     EXPECT_FALSE(Trace::enableAt("/nonexistent-velmora/trace_marker"));
     EXPECT_FALSE(Trace::isEnabled());
     ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.levels[0], Logger::LEVEL_WARNING);
     EXPECT_EQ(log.lines[0],
               "AR WARNING: error opening trace file: No such file or directory (2)\n");
+    // The kernel's marker either opens quietly or adds one warning; spans are harmless either way.
+    const bool enabled = Trace::enable();
+    EXPECT_EQ(enabled, Trace::isEnabled());
+    EXPECT_EQ(log.lines.size(), enabled ? 1u : 2u);
+    {
+        AR::Common::ScopedTrace span("submitImages");
+        Trace::counter("blocks", int32_t{3});
+    }
+    Trace::disable();
     Logger::getInstance().removeTarget(&log);
 }
 

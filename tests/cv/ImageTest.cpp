@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "common/OS.h"
@@ -16,24 +17,15 @@ using AR::CV::Image;
 using AR::CV::Pixel24;
 using AR::CV::Size2i;
 
+// A value per pixel index that differs between neighbouring pixels and rows for every type.
 template <typename T>
-T pixelValue(int i);
-template <>
-float pixelValue<float>(int i) {
-    return 0.5f * static_cast<float>(i);
-}
-template <>
-unsigned short pixelValue<unsigned short>(int i) {
-    return static_cast<unsigned short>(1000 + i);
-}
-template <>
-unsigned char pixelValue<unsigned char>(int i) {
-    return static_cast<unsigned char>(i * 7);
-}
-template <>
-Pixel24 pixelValue<Pixel24>(int i) {
-    return Pixel24{static_cast<uint8_t>(i), static_cast<uint8_t>(i + 1),
-                   static_cast<uint8_t>(i * 3)};
+T pixelValue(int i) {
+    if constexpr (std::is_same_v<T, Pixel24>) {
+        return Pixel24{static_cast<uint8_t>(i), static_cast<uint8_t>(i + 1),
+                       static_cast<uint8_t>(i * 3)};
+    } else {
+        return static_cast<T>(i * 7 % 251);
+    }
 }
 template <typename T>
 bool samePixel(const T& a, const T& b) {

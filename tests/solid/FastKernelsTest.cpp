@@ -338,18 +338,16 @@ TEST(FastKernels, FixedPointHelpers) {
     EXPECT_EQ(invertHQ(Fx32_27::fromRaw(1 << 27)).raw, 1 << 27);
     EXPECT_EQ(invertHQ(Fx32_27::fromRaw(1 << 28)).raw, 1 << 26);
     EXPECT_EQ(invertHQ(Fx32_27::fromRaw(-(1 << 26))).raw, -(1 << 28));
-    std::vector<unsigned short> mm = {0, 1000, 7999, 1};
+    // Every millimetre value is the exact floor of d * 2^27 / 1000, read at its pixel.
+    std::vector<unsigned short> mm = {0, 0, 0};
     DepthFrame frame;
-    frame.depthU16.set(mm.data(), AR::CV::Size2i(4, 1), AR::CV::Size2i(4, 1), false);
-    EXPECT_EQ(getDepthFixed(frame, AR::Math::Vec2I(0, 0)).raw, 0);
-    EXPECT_EQ(getDepthFixed(frame, AR::Math::Vec2I(1, 0)).raw, 134217728);
-    EXPECT_EQ(getDepthFixed(frame, AR::Math::Vec2I(2, 0)).raw, 1073607606);
-    // Every millimetre value is the exact floor of d * 2^27 / 1000.
+    frame.depthU16.set(mm.data(), AR::CV::Size2i(3, 1), AR::CV::Size2i(3, 1), false);
     for (unsigned d = 0; d < 8000; ++d) {
-        mm[3] = static_cast<unsigned short>(d);
-        ASSERT_EQ(getDepthFixed(frame, AR::Math::Vec2I(3, 0)).raw,
+        mm[2] = static_cast<unsigned short>(d);
+        ASSERT_EQ(getDepthFixed(frame, AR::Math::Vec2I(2, 0)).raw,
                   static_cast<int32_t>((int64_t(d) << 27) / 1000));
     }
+    EXPECT_EQ(getDepthFixed(frame, AR::Math::Vec2I(2, 0)).raw, 1073607606);
 }
 
 // A 64x64 camera, f = 100, looking down +z; a wall at `depth`.
@@ -375,63 +373,45 @@ TEST(TavricKernel, FixedUpdateArithmeticOnTheOpticalAxis) {
     EXPECT_EQ(s(0), static_cast<short>(((1000 * 30 + inc) * 2114) >> 16));  // table[30] = 2114
     EXPECT_EQ(s(1), 30);
 
-    // A weight above the cap stays (the reference would lower it to the cap).
-    s = Vec2S(short(-500), short(40));
-    integrateTavric(block.volume, wall.frame, T, kRamp, 30.0f, 1);
-    EXPECT_EQ(s(0), static_cast<short>(((-500 * 40 + inc) * (65536 / 41)) >> 16));
-    EXPECT_EQ(s(1), 40);
-
-    // First observation, weight 0: the value becomes the increment.
+    // First observation, weight 0: the value becomes the increment. The other branches of the
+    // update (weights above the cap, negative sums flooring) are the portable kernel's own tests.
     s = Vec2S(short(32766), short(0));
     integrateTavric(block.volume, wall.frame, T, kRamp, 30.0f, 1);
     EXPECT_EQ(s(0), inc);
     EXPECT_EQ(s(1), 1);
-
-    // A negative sum rounds down: weight 1, value -1, increment 0 (the wall at the voxel).
-    OwnedFrame atVoxel = wallFrame(1.0f);
-    s = Vec2S(short(-1), short(1));
-    integrateTavric(block.volume, atVoxel.frame, T, kRamp, 30.0f, 1);
-    EXPECT_EQ(s(0), -1);  // (-1 * 32768) >> 16, not 0 as truncation would give
-    s = Vec2S(short(1), short(1));
-    integrateTavric(block.volume, atVoxel.frame, T, kRamp, 30.0f, 1);
-    EXPECT_EQ(s(0), 0);
-    EXPECT_EQ(s(1), 2);
     // maxWeight 127 is accepted.
-    EXPECT_EQ(integrateTavric(block.volume, atVoxel.frame, T, kRamp, 127.0f, 1), 0);
+    EXPECT_EQ(integrateTavric(block.volume, wall.frame, T, kRamp, 127.0f, 1), 0);
+}
+
+// Both forms of checkClippingRequired on a block of 8 cells of `step` at `origin`, axis-aligned;
+// they must agree on the answer and on `front`.
+bool clippingRequired(const DepthFrame& frame, const Vec3& origin, float step, bool& front) {
+    const Vec3 xs(step, 0.0f, 0.0f), ys(0.0f, step, 0.0f), zs(0.0f, 0.0f, step);
+    InverseZGrid grid;
+    setupInverseZGrid(origin, xs, ys, zs, grid);
+    bool nodeFront = !front;
+    const bool withNodes =
+        checkClippingRequired(frame, Size(8, 8, 8), origin, xs, ys, zs, grid, nodeFront);
+    const bool plain = checkClippingRequired(frame, Size(8, 8, 8), origin, xs, ys, zs, front);
+    EXPECT_EQ(withNodes, plain);
+    EXPECT_EQ(nodeFront, front);
+    return plain;
 }
 
 TEST(Clipping, CornersAtColumnZeroNeedClipping) {
     OwnedFrame wall = wallFrame(1.1f);
-    const Vec3 xStep(kSpacing, 0.0f, 0.0f), yStep(0.0f, kSpacing, 0.0f),
-        zStep(0.0f, 0.0f, kSpacing);
-    const Size cube(8, 8, 8);
-    // Origin at x = -0.315 m, z = 1: u = 32 - 31.5 = 0.5, pixel 0 - inside, but on the margin.
-    const Vec3 atColumnZero(-0.315f, -0.05f, 1.0f);
     bool front = true;
-    InverseZGrid grid;
-    setupInverseZGrid(atColumnZero, xStep, yStep, zStep, grid);
-    EXPECT_TRUE(
-        checkClippingRequired(wall.frame, cube, atColumnZero, xStep, yStep, zStep, grid, front));
-    EXPECT_FALSE(front);
-    EXPECT_TRUE(checkClippingRequired(wall.frame, cube, atColumnZero, xStep, yStep, zStep, front));
+    // Origin at x = -0.315 m, z = 1: u = 32 - 31.5 = 0.5, pixel 0 - inside, but on the margin.
+    EXPECT_TRUE(clippingRequired(wall.frame, Vec3(-0.315f, -0.05f, 1.0f), kSpacing, front));
     EXPECT_FALSE(front);
     // Two pixels further in, every corner is clear of the margin.
-    const Vec3 inside(-0.30f, -0.05f, 1.0f);
-    setupInverseZGrid(inside, xStep, yStep, zStep, grid);
-    EXPECT_FALSE(checkClippingRequired(wall.frame, cube, inside, xStep, yStep, zStep, grid, front));
-    EXPECT_FALSE(checkClippingRequired(wall.frame, cube, inside, xStep, yStep, zStep, front));
+    EXPECT_FALSE(clippingRequired(wall.frame, Vec3(-0.30f, -0.05f, 1.0f), kSpacing, front));
     // The far corner (index 7, not 8) decides at the right edge: corner 7 at u = 63.4 lies on
     // the margin, at u = 62.5 it is clear although lattice index 8 would project to u = 64.5.
-    const Vec3 rightEdge(0.314f - 7 * kSpacing, -0.05f, 1.0f);
-    setupInverseZGrid(rightEdge, xStep, yStep, zStep, grid);
     EXPECT_TRUE(
-        checkClippingRequired(wall.frame, cube, rightEdge, xStep, yStep, zStep, grid, front));
-    EXPECT_TRUE(checkClippingRequired(wall.frame, cube, rightEdge, xStep, yStep, zStep, front));
-    const Vec3 clearOfEdge(0.305f - 7 * kSpacing, -0.05f, 1.0f);
-    setupInverseZGrid(clearOfEdge, xStep, yStep, zStep, grid);
+        clippingRequired(wall.frame, Vec3(0.314f - 7 * kSpacing, -0.05f, 1.0f), kSpacing, front));
     EXPECT_FALSE(
-        checkClippingRequired(wall.frame, cube, clearOfEdge, xStep, yStep, zStep, grid, front));
-    EXPECT_FALSE(checkClippingRequired(wall.frame, cube, clearOfEdge, xStep, yStep, zStep, front));
+        clippingRequired(wall.frame, Vec3(0.305f - 7 * kSpacing, -0.05f, 1.0f), kSpacing, front));
 
     // Clipped blocks are fused where they project inside, and left alone outside.
     TestBlock<Vec2S> block(kSpacing);
@@ -461,13 +441,7 @@ TEST(Clipping, BlockAcrossTheCameraPlaneIsLeftAlone) {
                   std::memcmp(before.data(), block.samples.data(), before.size() * sizeof(Vec2S)));
     }
     bool front = false;
-    const Vec3 origin(0.0f, 0.0f, -1.0f), xs(0.25f, 0, 0), ys(0, 0.25f, 0), zs(0, 0, 0.25f);
-    InverseZGrid grid;
-    setupInverseZGrid(origin, xs, ys, zs, grid);
-    EXPECT_FALSE(checkClippingRequired(wall.frame, Size(8, 8, 8), origin, xs, ys, zs, grid, front));
-    EXPECT_TRUE(front);
-    front = false;
-    EXPECT_FALSE(checkClippingRequired(wall.frame, Size(8, 8, 8), origin, xs, ys, zs, front));
+    EXPECT_FALSE(clippingRequired(wall.frame, Vec3(0.0f, 0.0f, -1.0f), 0.25f, front));
     EXPECT_TRUE(front);
 }
 

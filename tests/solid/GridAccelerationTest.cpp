@@ -65,6 +65,8 @@ void expectBlocks(const Grid& grid, const Matrix4& pose, const IndexSet& keys,
 
 using DepthKernel = std::function<void(IntegrationHelper::FastVolume&, const Matrix4&)>;
 
+// 9-cube blocks run the kernel of each value; on 8-cube blocks the 9-cube kernels (3 to 6) give
+// way to the reference, while 1 and 2 run anywhere.
 TEST(GridAcceleration, DepthGridRunsTheKernelOfEachValue) {
     const Room room;
     const DepthFrame& frame = room.view.frame;
@@ -91,40 +93,22 @@ TEST(GridAcceleration, DepthGridRunsTheKernelOfEachValue) {
             integrateRef(v, frame, T, kRamp, kMaxWeight, 1);
         },
     };
-    IndexSet referenceKeys;
-    for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
-        SCOPED_TRACE(value);
-        DepthGrid grid;
-        grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
-        const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
-        if (value == kAccelerationReference) {
-            referenceKeys = keys;
-            ASSERT_GT(keys.size(), 20u);
+    for (const int side : {9, 8}) {
+        IndexSet referenceKeys;
+        for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
+            SCOPED_TRACE(testing::Message() << "side " << side << ", value " << value);
+            DepthGrid grid;
+            grid.set(Size(side, side, side), Vec3(kSpacing, kSpacing, kSpacing));
+            const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
+            if (value == kAccelerationReference) {
+                referenceKeys = keys;
+                ASSERT_GT(keys.size(), 20u);
+            }
+            EXPECT_EQ(keys.size(), referenceKeys.size());
+            const bool anyShape = value <= kAccelerationFastFixed;
+            expectBlocks(grid, frame.pose, keys,
+                         kernels[side == 9 || anyShape ? value : kAccelerationReference]);
         }
-        EXPECT_EQ(keys.size(), referenceKeys.size());
-        expectBlocks(grid, frame.pose, keys, kernels[value]);
-    }
-}
-
-TEST(GridAcceleration, OtherBlockShapesFallBackToTheReference) {
-    // 8-cube blocks: the 9-cube kernels (3 to 6) give way to the reference; 1 and 2 run anywhere.
-    const Room room;
-    const DepthFrame& frame = room.view.frame;
-    for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
-        SCOPED_TRACE(value);
-        DepthGrid grid;
-        grid.set(Size(8, 8, 8), Vec3(kSpacing, kSpacing, kSpacing));
-        const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
-        expectBlocks(grid, frame.pose, keys,
-                     [&](IntegrationHelper::FastVolume& v, const Matrix4& T) {
-                         if (value == kAccelerationFast) {
-                             integrateFast(v, frame, T, kRamp, kMaxWeight, 1);
-                         } else if (value == kAccelerationFastFixed) {
-                             integrateFastFixed(v, frame, T, kRamp, kMaxWeight, 1);
-                         } else {
-                             integrate(v, frame, T, kRamp, kMaxWeight, 1);
-                         }
-                     });
     }
 }
 

@@ -8,9 +8,11 @@
 #include <limits>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "solid/IO.h"
+#include "support/GridBytes.h"
 
 namespace Solid {
 namespace {
@@ -38,19 +40,15 @@ private:
 
 // Fills every byte of a sample, spare bytes included; label samples keep a valid histogram
 // length with arbitrary counts.
-void scramble(Vec2S& sample, Bytes& bytes) {
+template <typename Sample>
+void scramble(Sample& sample, Bytes& bytes) {
     auto* raw = reinterpret_cast<uint8_t*>(&sample);
     for (size_t i = 0; i < sizeof(sample); ++i) {
         raw[i] = bytes.next();
     }
-}
-template <typename LabelSample>
-void scramble(LabelSample& sample, Bytes& bytes) {
-    auto* raw = reinterpret_cast<uint8_t*>(&sample);
-    for (size_t i = 0; i < sizeof(sample); ++i) {
-        raw[i] = bytes.next();
+    if constexpr (!std::is_same_v<Sample, Vec2S>) {
+        sample.labels.current_size = kNumLabels;
     }
-    sample.labels.current_size = kNumLabels;
 }
 
 template <typename Grid>
@@ -76,30 +74,9 @@ bool deserialize(Grid& grid, const std::string& text) {
     return static_cast<bool>(is);
 }
 
-template <typename Grid>
-std::vector<KeyType> keysInTableOrder(const Grid& grid) {
-    std::vector<KeyType> keys;
-    grid.for_each(
-        [&keys](const KeyType& key, const typename Grid::Block&) { keys.push_back(key); });
-    return keys;
-}
-
-template <typename Grid>
-std::vector<uint8_t> blockBytes(const Grid& grid, const KeyType& key) {
-    auto block = grid.get(key);
-    const auto* raw = reinterpret_cast<const uint8_t*>(block->data());
-    return std::vector<uint8_t>(raw, raw + block->dataSize() * sizeof(typename Grid::SampleType));
-}
-
-template <typename Grid>
-void expectSameBlocks(const Grid& expected, const Grid& actual) {
-    ASSERT_EQ(actual.size(), expected.size());
-    for (const KeyType& key : keysInTableOrder(expected)) {
-        ASSERT_TRUE(actual.get(key)) << key(0) << ' ' << key(1) << ' ' << key(2);
-        EXPECT_EQ(blockBytes(actual, key), blockBytes(expected, key))
-            << key(0) << ' ' << key(1) << ' ' << key(2);
-    }
-}
+using Test::blockBytes;
+using Test::expectSameBlocks;
+using Test::keysInTableOrder;
 
 // Number of leading samples of the block at `key` in `actual` equal to those in `expected`; all
 // samples after them must be creation samples.
@@ -370,36 +347,27 @@ TEST(GridStreamDeathTest, WrongVersionOrBlockShapeEndsTheProcess) {
     Bytes bytes(1);
     addScrambledBlock(source, KeyType(0, 0, 0), bytes);
     const std::string text = serialize(source);
-
-    std::string version = text;
-    version[0] = '3';
-    EXPECT_DEATH(
-        {
-            DepthGrid grid;
-            configure(grid);
-            deserialize(grid, version);
-        },
-        "unsupported volume file version");
-
-    std::string blockSize = text;
-    blockSize.replace(blockSize.find("9 9 9"), 5, "8 8 8");
-    EXPECT_DEATH(
-        {
-            DepthGrid grid;
-            configure(grid);
-            deserialize(grid, blockSize);
-        },
-        "block size in the file differs from the grid's");
-
-    std::string dimension = text;
-    dimension.replace(dimension.find("0.16 0.16 0.16"), 4, "0.17");
-    EXPECT_DEATH(
-        {
-            DepthGrid grid;
-            configure(grid);
-            deserialize(grid, dimension);
-        },
-        "block size or dimension in the file differs");
+    struct Case {
+        const char* find;
+        const char* replace;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"2\n", "3\n", "unsupported volume file version"},
+        {"9 9 9", "8 8 8", "block size in the file differs from the grid's"},
+        {"0.16 0.16 0.16", "0.17 0.16 0.16", "block size or dimension in the file differs"},
+    };
+    for (const Case& c : cases) {
+        std::string edited = text;
+        edited.replace(edited.find(c.find), std::strlen(c.find), c.replace);
+        EXPECT_DEATH(
+            {
+                DepthGrid grid;
+                configure(grid);
+                deserialize(grid, edited);
+            },
+            c.message);
+    }
 }
 
 }  // namespace

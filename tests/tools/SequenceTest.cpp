@@ -33,18 +33,32 @@ std::string loadProblem(FrameSource& source, size_t index, FrameStatus status) {
     return problem;
 }
 
-void writePngOrFail(const std::string& path, const PngImage& image) {
-    std::string error;
-    ASSERT_TRUE(writePng(path, image, error)) << error;
-}
-
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// Frame `index` of `source` holds the depth, colour and pose of the built-in scene's frame.
+void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, Frame& read) {
+    BuiltinSceneSource scene(source.frameCount(), kSmallWidth, kSmallHeight, 0.0, 1);
+    Frame original;
+    std::string problem;
+    scene.load(index, original, problem);
+    ASSERT_EQ(source.load(index, read, problem), FrameStatus::kOk) << problem;
+    EXPECT_EQ(read.width, kSmallWidth);
+    EXPECT_EQ(read.depthMm, original.depthMm);
+    ASSERT_TRUE(read.hasColor);
+    EXPECT_EQ(read.rgb, original.rgb);
+    if (read.hasLabels) {
+        EXPECT_EQ(read.labels8, original.labels8);
+    }
+    for (size_t k = 0; k < 16; ++k) {
+        EXPECT_NEAR(read.worldFromCamera[k], original.worldFromCamera[k], poseTolerance);
+    }
+}
+
 }  // namespace
 
-TEST(Png, RoundTripOfEachKindAndClearFailures) {
+TEST(Png, RoundTripOfEachKindAndAMissingFile) {
     ScratchDir scratch;
     const std::vector<uint16_t> depth{0, 1, 1000, 65535, 4321, 7};
     const std::vector<uint8_t> rgb{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18};
@@ -64,14 +78,7 @@ TEST(Png, RoundTripOfEachKindAndClearFailures) {
 
     EXPECT_FALSE(readPng(scratch / "none.png", image, error));
     EXPECT_TRUE(contains(error, "cannot open")) << error;
-    writeText(scratch / "text.png", "hello, not an image");
-    EXPECT_FALSE(readPng(scratch / "text.png", image, error));
-    EXPECT_EQ(error, "not a PNG file");
-    // A PNG cut short after its header.
-    const std::string whole = readText(scratch / "d.png");
-    writeText(scratch / "cut.png", whole.substr(0, 40));
-    EXPECT_FALSE(readPng(scratch / "cut.png", image, error));
-    EXPECT_TRUE(contains(error, "unreadable PNG")) << error;
+    // Text and cut PNG files are among the bad frame inputs below.
 }
 
 TEST(RecordedSequence, ReadsBackWhatWasWritten) {
@@ -85,23 +92,12 @@ TEST(RecordedSequence, ReadsBackWhatWasWritten) {
     const Intrinsics expected = sceneIntrinsics(kSmallWidth, kSmallHeight);
     EXPECT_NEAR(source->intrinsics().fx, expected.fx, 1e-6);
     EXPECT_NEAR(source->intrinsics().cy, expected.cy, 1e-6);
-    BuiltinSceneSource scene(3, kSmallWidth, kSmallHeight, 0.0, 1);
     for (size_t i = 0; i < 3; ++i) {
-        Frame original, read;
-        std::string problem;
-        scene.load(i, original, problem);
-        ASSERT_EQ(source->load(i, read, problem), FrameStatus::kOk) << problem;
+        Frame read;
+        expectSceneFrame(*source, i, 1e-9, read);
         EXPECT_EQ(source->frameNumber(i), i);
-        EXPECT_EQ(read.width, kSmallWidth);
-        EXPECT_EQ(read.depthMm, original.depthMm);
         ASSERT_TRUE(read.hasLabels);
         EXPECT_FALSE(read.labelsAre16Bit);
-        EXPECT_EQ(read.labels8, original.labels8);
-        ASSERT_TRUE(read.hasColor);
-        EXPECT_EQ(read.rgb, original.rgb);
-        for (size_t k = 0; k < 16; ++k) {
-            EXPECT_NEAR(read.worldFromCamera[k], original.worldFromCamera[k], 1e-9);
-        }
     }
 }
 
@@ -295,56 +291,6 @@ TEST(RecordedSequence, SequenceLevelProblemsFailTheOpen) {
     EXPECT_TRUE(contains(openError(scratch / "nodepth"), "no depth images named NNNNNN.png"));
 }
 
-namespace {
-
-// A TUM RGB-D sequence of the built-in scene: depth at 5000 units a metre, colour 10 ms after
-// each depth image, ground truth every 5 ms from 0.1 s on, so the first frame has none.
-void writeTumSequence(const std::string& dir, size_t frames) {
-    fs::create_directories(fs::path(dir) / "depth");
-    fs::create_directories(fs::path(dir) / "rgb");
-    BuiltinSceneSource scene(frames, kSmallWidth, kSmallHeight, 0.0, 1);
-    std::string depthList = "# depth maps\n# file: 'x.bag'\n# timestamp filename\n";
-    std::string rgbList = "# color images\n";
-    std::string truth = "# ground truth trajectory\n# timestamp tx ty tz qx qy qz qw\n";
-    for (size_t i = 0; i < frames; ++i) {
-        Frame frame;
-        std::string error;
-        scene.load(i, frame, error);
-        const double time = 1.0 + 0.1 * i - (i == 0 ? 0.9 : 0.0);
-        char name[64];
-        std::snprintf(name, sizeof(name), "%.6f.png", time);
-        std::vector<uint16_t> tumDepth(frame.depthMm.size());
-        for (size_t p = 0; p < tumDepth.size(); ++p) {
-            tumDepth[p] = static_cast<uint16_t>(frame.depthMm[p] * 5);
-        }
-        writePngOrFail((fs::path(dir) / "depth" / name).string(),
-                       makeGrey16(frame.width, frame.height, tumDepth));
-        writePngOrFail((fs::path(dir) / "rgb" / name).string(),
-                       makeRgb8(frame.width, frame.height, frame.rgb));
-        char line[256];
-        std::snprintf(line, sizeof(line), "%.6f depth/%s\n", time, name);
-        depthList += line;
-        std::snprintf(line, sizeof(line), "%.6f rgb/%s\n", time + 0.01, name);
-        rgbList += line;
-        const Velmora::XrPosefVLM pose = toXrPose(frame.worldFromCamera);
-        // Ground truth 4 ms after the frame, and one far-away distractor 30 ms after it.
-        for (double offset : {0.004, 0.03}) {
-            std::snprintf(line, sizeof(line), "%.6f %.9f %.9f %.9f %.9f %.9f %.9f %.9f\n",
-                          time + offset, pose.position.x, pose.position.y, pose.position.z,
-                          pose.orientation.x, pose.orientation.y, pose.orientation.z,
-                          pose.orientation.w);
-            if (i > 0) {
-                truth += line;
-            }
-        }
-    }
-    writeText((fs::path(dir) / "depth.txt").string(), depthList);
-    writeText((fs::path(dir) / "rgb.txt").string(), rgbList);
-    writeText((fs::path(dir) / "groundtruth.txt").string(), truth);
-}
-
-}  // namespace
-
 TEST(TumSequence, AssociatesByTimeAndConvertsDepthToMillimetres) {
     ScratchDir scratch;
     const std::string dir = scratch / "tum";
@@ -359,18 +305,9 @@ TEST(TumSequence, AssociatesByTimeAndConvertsDepthToMillimetres) {
     EXPECT_FALSE(source->hasLabels());
     EXPECT_TRUE(contains(loadProblem(*source, 0, FrameStatus::kTrackingLost),
                          "no ground-truth pose within 20 ms"));
-    BuiltinSceneSource scene(3, kSmallWidth, kSmallHeight, 0.0, 1);
     for (size_t i = 1; i < 3; ++i) {
-        Frame original, read;
-        std::string problem;
-        scene.load(i, original, problem);
-        ASSERT_EQ(source->load(i, read, problem), FrameStatus::kOk) << problem;
-        EXPECT_EQ(read.depthMm, original.depthMm);
-        ASSERT_TRUE(read.hasColor);
-        EXPECT_EQ(read.rgb, original.rgb);
-        for (size_t k = 0; k < 16; ++k) {
-            EXPECT_NEAR(read.worldFromCamera[k], original.worldFromCamera[k], 2e-6);
-        }
+        Frame read;
+        expectSceneFrame(*source, i, 2e-6, read);
         EXPECT_EQ(read.timestamp, static_cast<int64_t>(std::llround((1.0 + 0.1 * i) * 1e9)));
     }
 

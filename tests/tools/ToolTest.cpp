@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
 #include <vector>
 
 #include "ToolTestSupport.h"
@@ -35,27 +36,26 @@ TEST(ToolCommandLine, HelpAndUsageErrors) {
         EXPECT_TRUE(contains(help.out, "Exit codes:")) << help.out;
     }
     EXPECT_TRUE(contains(runTool(scratch, {"fuse", "--help"}).out, "--label-map"));
-    EXPECT_EQ(runTool(scratch, {}).exitCode, kExitUsage);
-    EXPECT_EQ(runTool(scratch, {"explode"}).exitCode, kExitUsage);
-    EXPECT_EQ(runTool(scratch, {"fuse"}).exitCode, kExitUsage);
-    EXPECT_EQ(runTool(scratch, {"fuse", "x", "--mode", "both"}).exitCode, kExitUsage);
-    EXPECT_EQ(runTool(scratch, {"render-scene", "x", "--size", "64by48"}).exitCode, kExitUsage);
-    EXPECT_EQ(runTool(scratch, {"render-scene", "x", "--frames", "0"}).exitCode, kExitUsage);
-
     // Options the library would refuse are caught before it sees them.
     writeSceneSequence(scratch / "seq", 1);
-    ToolRun run = runTool(scratch, {"fuse", scratch / "seq", "--truncation", "0.05"});
-    EXPECT_EQ(run.exitCode, kExitUsage);
-    EXPECT_TRUE(contains(run.err, "--truncation must be at least 5 cells")) << run.err;
-    run = runTool(scratch, {"fuse", scratch / "seq", "--cell-size", "0"});
-    EXPECT_EQ(run.exitCode, kExitUsage);
-    EXPECT_TRUE(contains(run.err, "--cell-size must be above zero")) << run.err;
-    run = runTool(scratch, {"fuse", scratch / "seq", "--frames", "5:2"});
-    EXPECT_EQ(run.exitCode, kExitUsage);
-    EXPECT_TRUE(contains(run.err, "--frames")) << run.err;
-    run = runTool(scratch, {"fuse", scratch / "seq", "--intrinsics", "1,2,3"});
-    EXPECT_EQ(run.exitCode, kExitUsage);
-    EXPECT_TRUE(contains(run.err, "--intrinsics")) << run.err;
+    const std::string seq = scratch / "seq";
+    const std::pair<std::vector<std::string>, const char*> usageErrors[] = {
+        {{}, ""},
+        {{"explode"}, ""},
+        {{"fuse"}, ""},
+        {{"fuse", "x", "--mode", "both"}, ""},
+        {{"render-scene", "x", "--size", "64by48"}, ""},
+        {{"render-scene", "x", "--frames", "0"}, ""},
+        {{"fuse", seq, "--truncation", "0.05"}, "--truncation must be at least 5 cells"},
+        {{"fuse", seq, "--cell-size", "0"}, "--cell-size must be above zero"},
+        {{"fuse", seq, "--frames", "5:2"}, "--frames"},
+        {{"fuse", seq, "--intrinsics", "1,2,3"}, "--intrinsics"},
+    };
+    for (const auto& [args, message] : usageErrors) {
+        const ToolRun run = runTool(scratch, args);
+        EXPECT_EQ(run.exitCode, kExitUsage) << message;
+        EXPECT_TRUE(contains(run.err, message)) << run.err;
+    }
 }
 
 // render-scene, then fuse in both modes: every frame is fused, the statistics carry one time per
@@ -245,37 +245,17 @@ TEST(ToolEndToEnd, UnusableSequencesNameTheProblem) {
     EXPECT_EQ(run.err, "velmora: " + intrinsics + ": missing file\n");
 }
 
+// The TUM layout: its first frame has no ground truth and is skipped as lost tracking.
 TEST(ToolEndToEnd, TumLayoutNeedsIntrinsicsAndFuses) {
     ScratchDir scratch;
     const std::string seq = scratch / "tum";
-    writeSceneSequence(scratch / "source", 3);
-    // The TUM files of the same frames, poses as quaternions, depth at 5000 units a metre.
-    fs::create_directories(fs::path(seq) / "depth");
-    std::string depthList, truth;
-    for (int i = 0; i < 3; ++i) {
-        const std::string stem = frameStem(i);
-        PngImage depth;
-        std::string error;
-        ASSERT_TRUE(readPng((fs::path(scratch / "source") / "depth" / (stem + ".png")).string(),
-                            depth, error));
-        for (size_t p = 0; p < depth.bytes.size(); p += 2) {
-            uint16_t value;
-            std::memcpy(&value, &depth.bytes[p], 2);
-            value = static_cast<uint16_t>(value * 5);
-            std::memcpy(&depth.bytes[p], &value, 2);
-        }
-        ASSERT_TRUE(writePng((fs::path(seq) / "depth" / (stem + ".png")).string(), depth, error));
-        depthList += std::to_string(10 + i) + " depth/" + stem + ".png\n";
-        truth += std::to_string(10 + i) + ".001 1 2 1 0 0 0 1\n";
-    }
-    writeText((fs::path(seq) / "depth.txt").string(), depthList);
-    writeText((fs::path(seq) / "groundtruth.txt").string(), truth);
+    writeTumSequence(seq, 3);
     ToolRun run = runTool(scratch, {"fuse", seq});
     EXPECT_EQ(run.exitCode, kExitFailure);
     EXPECT_TRUE(contains(run.err, "give --intrinsics fx,fy,cx,cy")) << run.err;
     run = runTool(scratch, {"fuse", seq, "--intrinsics", "26.25,26.25,15.5,11.5"});
     EXPECT_EQ(run.exitCode, kExitOk) << run.err;
-    EXPECT_EQ(summaryRow(run.out, "frames fused"), "3");
+    EXPECT_EQ(summaryRow(run.out, "frames fused"), "2");
     EXPECT_TRUE(contains(summaryRow(run.out, "source"), "TUM RGB-D layout"));
 }
 
@@ -289,7 +269,8 @@ TEST(ToolEndToEnd, DemoRendersFusesAndSaves) {
     EXPECT_TRUE(fs::is_directory(scratch.path() / "out"));
 }
 
-// Real sensor data: holes, noise, a real room corner. No labels, so only split mode applies.
+// Real sensor data: holes, noise, a real room corner. No labels, so only split mode applies
+// (CombinedModeRequiresLabels covers the refusal of combined mode).
 TEST(ToolEndToEnd, RealSampleSequence) {
     const std::string sample = VELMORA_SAMPLE_SEQUENCE;
     if (!fs::is_directory(sample)) {
@@ -301,7 +282,4 @@ TEST(ToolEndToEnd, RealSampleSequence) {
     ASSERT_EQ(run.exitCode, kExitOk) << run.err;
     EXPECT_EQ(summaryRow(run.out, "frames fused"), "5");
     EXPECT_EQ(nlohmann::json::parse(readText(scratch / "s.json"))["frames"].size(), 5u);
-    run = runTool(scratch, {"fuse", sample, "--mode", "combined"});
-    EXPECT_EQ(run.exitCode, kExitFailure);
-    EXPECT_TRUE(contains(run.err, "combined mode requires label images")) << run.err;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <sys/wait.h>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "velmora/BuiltinScene.h"
+#include "velmora/Png.h"
+#include "velmora/Pose.h"
 #include "velmora/Sequence.h"
 
 namespace VelmoraToolTest {
@@ -73,6 +76,57 @@ inline std::string readText(const std::string& path) {
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+inline void writePngOrFail(const std::string& path, const VelmoraTool::PngImage& image) {
+    std::string error;
+    ASSERT_TRUE(VelmoraTool::writePng(path, image, error)) << error;
+}
+
+// A TUM RGB-D sequence of the built-in scene: depth at 5000 units a metre, colour 10 ms after
+// each depth image, ground truth every 5 ms from 0.1 s on, so the first frame has none.
+inline void writeTumSequence(const std::string& dir, size_t frames) {
+    fs::create_directories(fs::path(dir) / "depth");
+    fs::create_directories(fs::path(dir) / "rgb");
+    VelmoraTool::BuiltinSceneSource scene(frames, kSmallWidth, kSmallHeight, 0.0, 1);
+    std::string depthList = "# depth maps\n# file: 'x.bag'\n# timestamp filename\n";
+    std::string rgbList = "# color images\n";
+    std::string truth = "# ground truth trajectory\n# timestamp tx ty tz qx qy qz qw\n";
+    for (size_t i = 0; i < frames; ++i) {
+        VelmoraTool::Frame frame;
+        std::string error;
+        scene.load(i, frame, error);
+        const double time = 1.0 + 0.1 * i - (i == 0 ? 0.9 : 0.0);
+        char name[64];
+        std::snprintf(name, sizeof(name), "%.6f.png", time);
+        std::vector<uint16_t> tumDepth(frame.depthMm.size());
+        for (size_t p = 0; p < tumDepth.size(); ++p) {
+            tumDepth[p] = static_cast<uint16_t>(frame.depthMm[p] * 5);
+        }
+        writePngOrFail((fs::path(dir) / "depth" / name).string(),
+                       VelmoraTool::makeGrey16(frame.width, frame.height, tumDepth));
+        writePngOrFail((fs::path(dir) / "rgb" / name).string(),
+                       VelmoraTool::makeRgb8(frame.width, frame.height, frame.rgb));
+        char line[256];
+        std::snprintf(line, sizeof(line), "%.6f depth/%s\n", time, name);
+        depthList += line;
+        std::snprintf(line, sizeof(line), "%.6f rgb/%s\n", time + 0.01, name);
+        rgbList += line;
+        const Velmora::XrPosefVLM pose = VelmoraTool::toXrPose(frame.worldFromCamera);
+        // Ground truth 4 ms after the frame, and one far-away distractor 30 ms after it.
+        for (double offset : {0.004, 0.03}) {
+            std::snprintf(line, sizeof(line), "%.6f %.9f %.9f %.9f %.9f %.9f %.9f %.9f\n",
+                          time + offset, pose.position.x, pose.position.y, pose.position.z,
+                          pose.orientation.x, pose.orientation.y, pose.orientation.z,
+                          pose.orientation.w);
+            if (i > 0) {
+                truth += line;
+            }
+        }
+    }
+    writeText((fs::path(dir) / "depth.txt").string(), depthList);
+    writeText((fs::path(dir) / "rgb.txt").string(), rgbList);
+    writeText((fs::path(dir) / "groundtruth.txt").string(), truth);
 }
 
 struct ToolRun {

@@ -22,6 +22,7 @@
 #include "common/Logger.h"
 #include "solid/IO.h"
 #include "support/AnalyticScene.h"
+#include "support/GridBytes.h"
 #include "support/ImplTestAccess.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
@@ -85,61 +86,31 @@ XrResultVLM fuseView(Impl& scene, int32_t mode, int view) {
                               span<const Image>{images, count});
 }
 
-// A point 5 cm in front of the surface seen by the centre pixel of `view`: inside the band, so
-// observed once that view is fused.
+// A point 5 cm in front of the surface seen by the centre pixel of `view`, on that pixel's ray:
+// inside the band, so observed once that view is fused.
 Solid::Vec3 inFrontOfSurface(int view) {
-    const Test::AnalyticScene room = Test::AnalyticScene::room(4.0, 3.0, 2.5);
     const Test::PinholeCamera camera = viewOfRoom(view);
-    const Test::RenderedFrame frame = Test::render(room, camera);
+    const Test::RenderedFrame frame =
+        Test::render(Test::AnalyticScene::room(4.0, 3.0, 2.5), camera);
     const int u = camera.width / 2;
     const int v = camera.height / 2;
     const double depth = frame.depthMetres[static_cast<size_t>(v * camera.width + u)];
-    const Test::Vec3d surface = Test::unproject(camera, u, v, depth);
-    const Test::Vec3d eye = {camera.T_world_camera[3], camera.T_world_camera[7],
-                             camera.T_world_camera[11]};
-    Test::Vec3d toEye = {eye[0] - surface[0], eye[1] - surface[1], eye[2] - surface[2]};
-    const double length =
-        std::sqrt(toEye[0] * toEye[0] + toEye[1] * toEye[1] + toEye[2] * toEye[2]);
-    const double step = 0.05 / length;
-    return Solid::Vec3(static_cast<float>(surface[0] + step * toEye[0]),
-                       static_cast<float>(surface[1] + step * toEye[1]),
-                       static_cast<float>(surface[2] + step * toEye[2]));
+    const Test::Vec3d p = Test::unproject(camera, u, v, depth - 0.05);
+    return Solid::Vec3(static_cast<float>(p[0]), static_cast<float>(p[1]),
+                       static_cast<float>(p[2]));
 }
 
 Impl::State& state(Impl& scene) {
     return ImplTestAccess::state(scene);
 }
 
-template <typename Grid>
-std::vector<Solid::KeyType> keysOf(const Grid& grid) {
-    std::vector<Solid::KeyType> keys;
-    grid.for_each(
-        [&keys](const Solid::KeyType& key, const typename Grid::Block&) { keys.push_back(key); });
-    return keys;
-}
-
-template <typename Grid>
-std::vector<uint8_t> blockBytes(const Grid& grid, const Solid::KeyType& key) {
-    auto block = grid.get(key);
-    const auto* raw = reinterpret_cast<const uint8_t*>(block->data());
-    return std::vector<uint8_t>(raw, raw + block->dataSize() * sizeof(typename Grid::SampleType));
-}
-
-template <typename Grid>
-void expectSameGrid(const Grid& expected, const Grid& actual) {
-    ASSERT_EQ(actual.size(), expected.size());
-    EXPECT_EQ(actual.gridSpacing(), expected.gridSpacing());
-    for (const Solid::KeyType& key : keysOf(expected)) {
-        ASSERT_TRUE(actual.get(key)) << key(0) << ' ' << key(1) << ' ' << key(2);
-        EXPECT_EQ(blockBytes(actual, key), blockBytes(expected, key))
-            << key(0) << ' ' << key(1) << ' ' << key(2);
-    }
-}
+using Solid::Test::expectSameBlocks;
+using Solid::Test::keysInTableOrder;
 
 // The three sets of changed blocks hold exactly the keys of `grid`.
 template <typename Grid>
 void expectAllBlocksChanged(Impl::State& s, const Grid& grid) {
-    const std::vector<Solid::KeyType> keys = keysOf(grid);
+    const std::vector<Solid::KeyType> keys = keysInTableOrder(grid);
     for (const Solid::IndexSet* set :
          {&s.mSurfaces.updatedBlocks, &s.mPlaneUpdatedBlocks, &s.mInstanceUpdatedBlocks}) {
         EXPECT_EQ(set->size(), keys.size());
@@ -203,14 +174,14 @@ TEST(Persistence, RoundTripOfBothModesKeepsEverySampleByte) {
 
     auto combinedLoaded = makeScene(kModeCombined);
     EXPECT_EQ(combinedLoaded->loadVolumes(combinedBase), 1);
-    expectSameGrid(*state(*combined).mLabelDepthVolumeGrid,
-                   *state(*combinedLoaded).mLabelDepthVolumeGrid);
+    expectSameBlocks(*state(*combined).mLabelDepthVolumeGrid,
+                     *state(*combinedLoaded).mLabelDepthVolumeGrid);
     expectAllBlocksChanged(state(*combinedLoaded), *state(*combinedLoaded).mLabelDepthVolumeGrid);
 
     auto splitLoaded = makeScene(kModeSplit);
     EXPECT_EQ(splitLoaded->loadVolumes(splitBase), 1);
-    expectSameGrid(*state(*split).mVolumeGrid, *state(*splitLoaded).mVolumeGrid);
-    expectSameGrid(*state(*split).mLabelVolumeGrid, *state(*splitLoaded).mLabelVolumeGrid);
+    expectSameBlocks(*state(*split).mVolumeGrid, *state(*splitLoaded).mVolumeGrid);
+    expectSameBlocks(*state(*split).mLabelVolumeGrid, *state(*splitLoaded).mLabelVolumeGrid);
     expectAllBlocksChanged(state(*splitLoaded), *state(*splitLoaded).mVolumeGrid);
     // The label grid's own blocks are not the depth grid's and are not marked.
     EXPECT_FALSE(state(*splitLoaded).mSurfaces.updatedBlocks.contains(Solid::KeyType(50, 50, 50)));
@@ -227,8 +198,8 @@ TEST(Persistence, RoundTripOfBothModesKeepsEverySampleByte) {
     // A loaded scene fuses on: the same view again changes the loaded samples.
     ASSERT_EQ(fuseView(*combinedLoaded, kModeCombined, 0), kSuccess);
     ASSERT_EQ(fuseView(*combined, kModeCombined, 0), kSuccess);
-    expectSameGrid(*state(*combined).mLabelDepthVolumeGrid,
-                   *state(*combinedLoaded).mLabelDepthVolumeGrid);
+    expectSameBlocks(*state(*combined).mLabelDepthVolumeGrid,
+                     *state(*combinedLoaded).mLabelDepthVolumeGrid);
 }
 
 TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
@@ -263,9 +234,10 @@ TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
             }
             if (cut == whole.size() - 1) {
                 if (mode == kModeCombined) {
-                    expectSameGrid(*state(*source).mLabelDepthVolumeGrid, *s.mLabelDepthVolumeGrid);
+                    expectSameBlocks(*state(*source).mLabelDepthVolumeGrid,
+                                     *s.mLabelDepthVolumeGrid);
                 } else {
-                    expectSameGrid(*state(*source).mVolumeGrid, *s.mVolumeGrid);
+                    expectSameBlocks(*state(*source).mVolumeGrid, *s.mVolumeGrid);
                 }
             }
 
@@ -294,7 +266,7 @@ TEST(Persistence, EmptyBaseNameWritesTheBareSuffix) {
     auto loaded = makeScene(kModeCombined);
     EXPECT_EQ(loaded->loadVolumes(""), 1);
     fs::current_path(previous);
-    expectSameGrid(*state(*scene).mLabelDepthVolumeGrid, *state(*loaded).mLabelDepthVolumeGrid);
+    expectSameBlocks(*state(*scene).mLabelDepthVolumeGrid, *state(*loaded).mLabelDepthVolumeGrid);
 }
 
 // Captures the lines the logger hands out.
