@@ -137,9 +137,10 @@ Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, co
     float previous = kUnobservedValue;
     bool coarse = true;
     KeyType key;
+    typename VolumeGrid<B, P, L>::PathReader reader(grid);
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
-        const float value = grid.value(position, key);
+        const float value = reader.value(position, key);
         AR_LOG_VERBOSE("searching intersection: value %f d %f currentPos %f %f %f", value, d,
                        position(0), position(1), position(2));
         if (value != kUnobservedValue) {

@@ -206,6 +206,23 @@ float VolumeGrid<B, P, L>::value(const Vec3& p, KeyType& key) const {
 }
 
 template <typename B, template <typename> class P, typename L>
+float VolumeGrid<B, P, L>::PathReader::value(const Vec3& p, KeyType& key) {
+    key = mGrid.keyOf(p);
+    if (!mValid || !(key == mKey)) {
+        AR::Common::ReadLockGuard<L> guard(mGrid.mLock);
+        auto it = mGrid.mGrid.find(key);
+        mEntry = it == mGrid.mGrid.end() ? nullptr : &it->second;
+        mKey = key;
+        mValid = true;
+    }
+    if (mEntry == nullptr) {
+        return kUnobservedValue;
+    }
+    std::lock_guard<std::mutex> lock(*mEntry->mutex);
+    return mEntry->block.val(mGrid.localPosition(p, key));
+}
+
+template <typename B, template <typename> class P, typename L>
 bool VolumeGrid<B, P, L>::valueAndGradient(const Vec3& p, float& value, Vec3& gradient) const {
     const KeyType key = keyOf(p);
     Ptr block = get(key);
@@ -240,8 +257,9 @@ std::optional<typename VolumeGrid<B, P, L>::SampleType> VolumeGrid<B, P, L>::get
     template Vec3 G::blockOrigin(const KeyType&) const;   \
     template Vec3 G::localPosition(const Vec3&, const KeyType&) const;
 
-#define VELMORA_INSTANTIATE_GRID_VALUES(G)                \
-    template float G::value(const Vec3&, KeyType&) const; \
+#define VELMORA_INSTANTIATE_GRID_VALUES(G)                      \
+    template float G::value(const Vec3&, KeyType&) const;       \
+    template float G::PathReader::value(const Vec3&, KeyType&); \
     template bool G::valueAndGradient(const Vec3&, float&, Vec3&) const;
 
 #define VELMORA_INSTANTIATE_GRID_SAMPLES(G) \

@@ -140,6 +140,25 @@ public:
     bool valueAndGradient(const Vec3& p, float& value, Vec3& gradient) const;
     std::optional<SampleType> getSample(const Vec3& p, KeyType& key) const;
 
+    // Reads values along a path, such as a ray. It remembers the block of its last read (or that
+    // there was none), so that reads staying in one block skip the table and its lock; each read
+    // still holds the block's mutex for just that read. Blocks never move or vanish while the grid
+    // lives (`reset` must not run beside readers), so a remembered block stays valid. A block
+    // created while a reader remembers its absence is seen from the next block on, as if the
+    // lookup had happened a moment earlier. One reader per thread.
+    class PathReader {
+    public:
+        explicit PathReader(const VolumeGrid& grid) : mGrid(grid) {}
+        // As `VolumeGrid::value`.
+        float value(const Vec3& p, KeyType& key);
+
+    private:
+        const VolumeGrid& mGrid;
+        KeyType mKey;
+        const Entry* mEntry = nullptr;
+        bool mValid = false;  // mKey and mEntry describe a lookup
+    };
+
     // Calls `f(key, block)` for each block, under the read lock, with the block's mutex held.
     // The order is that of the hash table and carries no meaning.
     template <typename F>

@@ -121,7 +121,10 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bo
     constexpr double kDemoNoise = 0.0;
     constexpr uint32_t kDemoSeed = 1;
     BuiltinSceneSource scene(options.frames, options.width, options.height, kDemoNoise, kDemoSeed);
+    // Labels at a fifth of the depth rate, as a device's segmentation would come.
+    constexpr uint32_t kDemoLabelEvery = 5;
     FuseOptions fuse;
+    fuse.labelEvery = kDemoLabelEvery;
     fuse.savePrefix = (std::filesystem::path(options.outDir) / kDemoVolumeName).string();
     out << "velmora demo: fusing " << scene.describe() << "\n";
     return runFusion(scene, fuse, out, err, err, interactive);

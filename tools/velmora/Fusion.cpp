@@ -148,10 +148,10 @@ Velmora::Image colorImage(const Frame& frame) {
 // the first failure, or 0.
 Velmora::XrResultVLM submitFrame(Velmora::IVelmora& scene, const FuseOptions& options,
                                  const Velmora::IntrinsicLinearCameraCalibrationVLM& intrinsics,
-                                 const Frame& frame, bool withColor, double& ms) {
+                                 const Frame& frame, bool withLabels, bool withColor, double& ms) {
     const Velmora::XrPosefVLM pose = toXrPose(frame.worldFromCamera);
     std::vector<Velmora::Image> images{depthImage(frame, options.maxDepthMm)};
-    if (frame.hasLabels) {
+    if (withLabels) {
         images.push_back(labelImage(frame));
     }
     if (withColor) {
@@ -284,8 +284,12 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
         if (status == FrameStatus::kOk) {
             const bool withColor = frame.hasColor && options.colorEvery > 0 &&
                                    report.framesFused % options.colorEvery == 0;
+            const bool withLabels =
+                frame.hasLabels &&
+                (options.mode == FuseMode::kCombined ||
+                 (options.labelEvery > 0 && report.framesFused % options.labelEvery == 0));
             const Velmora::XrResultVLM result =
-                submitFrame(*scene, options, calibration, frame, withColor, ms);
+                submitFrame(*scene, options, calibration, frame, withLabels, withColor, ms);
             if (result != Velmora::kSuccess) {
                 problem = "submitImages returned " + std::to_string(result);
                 ++report.skippedRejected;

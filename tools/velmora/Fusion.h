@@ -39,6 +39,10 @@ struct FuseOptions {
     // The library keeps every colour image it is given as a keyframe, for the life of the
     // scene; colour is therefore submitted only every Nth fused frame (0 = never).
     uint32_t colorEvery = 10;
+    // Split mode: labels go with every Nth fused frame (0 = never). Each label image renders the
+    // volume from its pose, which costs far more than fusing a depth image; devices also label at
+    // a lower rate than they measure depth. Combined mode needs labels with every frame.
+    uint32_t labelEvery = 1;
     std::string savePrefix;  // empty: do not save
     std::string statsPath;   // empty: no JSON
 };

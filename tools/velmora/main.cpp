@@ -91,6 +91,10 @@ int main(int argc, char** argv) {
                      "Submit colour with every Nth fused frame (0: never); the library "
                      "keeps each colour image as a keyframe for the life of the scene")
         ->capture_default_str();
+    fuseCommand
+        ->add_option("--label-every", fuse.fuse.labelEvery,
+                     "Split mode: submit labels with every Nth fused frame (0: never)")
+        ->capture_default_str();
     fuseCommand->add_option("--intrinsics", intrinsicsText,
                             "fx,fy,cx,cy in pixels; required for the TUM RGB-D layout");
     fuseCommand->add_option("--save", fuse.fuse.savePrefix,
