@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/AnalyticScene.h"
+#include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 
@@ -21,13 +22,7 @@ constexpr float kCell = 0.04f;
 constexpr float kTruncation = 0.2f;
 
 std::unique_ptr<Impl> makeScene(int32_t mode) {
-    auto scene = std::make_unique<Impl>();
-    Config config{};
-    config.cellSize = kCell;
-    config.truncation = kTruncation;
-    config.mode = mode;
-    EXPECT_EQ(scene->init(config), kSuccess);
-    return scene;
+    return Test::makeInitialisedScene(mode, kCell, kTruncation);
 }
 
 PinholeCamera wallCamera(int width = 80, int height = 60) {

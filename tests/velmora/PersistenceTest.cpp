@@ -24,6 +24,7 @@
 #include "support/AnalyticScene.h"
 #include "support/GridBytes.h"
 #include "support/ImplTestAccess.h"
+#include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 
@@ -56,13 +57,7 @@ private:
 };
 
 std::unique_ptr<Impl> makeScene(int32_t mode) {
-    auto scene = std::unique_ptr<Impl>(static_cast<Impl*>(newVelmora()));
-    Config config{};
-    config.cellSize = kCellSize;
-    config.truncation = kTruncation;
-    config.mode = mode;
-    EXPECT_EQ(scene->init(config), kSuccess);
-    return scene;
+    return Test::makeInitialisedScene(mode, kCellSize, kTruncation);
 }
 
 Test::PinholeCamera viewOfRoom(int view) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/AnalyticScene.h"
+#include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 
@@ -24,14 +25,8 @@ using Test::RenderedFrame;
 constexpr float kCell = 0.04f;
 constexpr float kTruncation = 0.2f;
 
-std::unique_ptr<Impl> makeScene(int32_t mode, float cell = kCell, float truncation = kTruncation) {
-    auto scene = std::make_unique<Impl>();
-    Config config{};
-    config.cellSize = cell;
-    config.truncation = truncation;
-    config.mode = mode;
-    EXPECT_EQ(scene->init(config), kSuccess);
-    return scene;
+std::unique_ptr<Impl> makeScene(int32_t mode) {
+    return Test::makeInitialisedScene(mode, kCell, kTruncation);
 }
 
 PinholeCamera roomCamera(double angle) {
