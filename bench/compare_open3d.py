@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Per-frame integration time of Velmora against Open3D on the same recorded sequence.
 
-Runs `velmora fuse --stats` (single-threaded, split mode) and integrates the same depth frames
+Runs `velmora fuse --stats` (single-threaded, split mode, depth only) and integrates the same depth frames
 with Open3D's VoxelBlockGrid on the CPU and with the legacy ScalableTSDFVolume, at the same cell
 size and truncation, with one and with two threads. Prints the median per-frame time of each and
 its ratio to Velmora's.
@@ -47,8 +47,10 @@ def load_sequence(directory):
 def run_velmora(binary, directory, cell, truncation):
     with tempfile.TemporaryDirectory() as tmp:
         stats_path = os.path.join(tmp, "stats.json")
+        # Depth only, as Open3D integrates it: no label or colour images.
         subprocess.run([binary, "fuse", directory, "--cell-size", str(cell), "--truncation",
-                        str(truncation), "--stats", stats_path], check=True,
+                        str(truncation), "--label-every", "0", "--color-every", "0", "--stats",
+                        stats_path], check=True,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         with open(stats_path) as f:
             stats = json.load(f)
@@ -110,7 +112,7 @@ def main():
     frames, intrinsics = load_sequence(args.sequence)
     if not frames:
         sys.exit(f"{args.sequence}: no frames with a pose")
-    rows = [("velmora fuse (split, 1 thread)",
+    rows = [("velmora fuse (split, depth only, 1 thread)",
              run_velmora(args.velmora, args.sequence, args.cell_size, args.truncation))]
     for legacy in (False, True):
         for threads in (1, 2):

@@ -25,11 +25,49 @@ void keepEntries(BlockInfoMapType& map, Keep keep) {
     map.swap(kept);
 }
 
-inline void recordHit(BlockInfoMapType& map, const KeyType& key, float depth) {
-    BlockInfo& info = map[key];
-    info.bestSampleDistance = std::min(info.bestSampleDistance, depth);
-    ++info.numHits;
-}
+// Records hits in the map. Neighbouring pixels mostly hit the same few blocks, so the entries of
+// the last keys are remembered; a remembered entry stays where it is until a new key enters the
+// map (an insertion may shift or grow the slots), which clears the memory. Keys enter the map in
+// the same order as without it, so its slot order is the same.
+class HitRecorder {
+public:
+    explicit HitRecorder(BlockInfoMapType& map) : mMap(map) {}
+
+    void record(const KeyType& key, float depth) {
+        if (mMap.size() != mSizeSeen) {
+            mCount = 0;
+        }
+        BlockInfo* info = nullptr;
+        for (int i = 0; i < mCount; ++i) {
+            if (mKeys[i] == key) {
+                info = mInfos[i];
+                break;
+            }
+        }
+        if (info == nullptr) {
+            info = &mMap[key];
+            if (mMap.size() != mSizeSeen) {
+                mCount = 0;
+                mSizeSeen = mMap.size();
+            }
+            const int slot = mCount < kRemembered ? mCount++ : (mNext++ % kRemembered);
+            mKeys[slot] = key;
+            mInfos[slot] = info;
+        }
+        info->bestSampleDistance = std::min(info->bestSampleDistance, depth);
+        ++info->numHits;
+    }
+
+private:
+    // A pixel hits its block and up to six face neighbours.
+    static constexpr int kRemembered = 7;
+    BlockInfoMapType& mMap;
+    uint32_t mSizeSeen = 0;
+    int mCount = 0;
+    unsigned mNext = 0;
+    KeyType mKeys[kRemembered];
+    BlockInfo* mInfos[kRemembered] = {};
+};
 
 }  // namespace
 
@@ -82,7 +120,22 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
     for (int r = 0; r < 3; ++r) {
         invM(r, 3) += 0.5f * spacing(r);
     }
-    const Vec3& dimension = grid.dimension();
+    // The product invM * (x d, y d, d, 1) written out per row in the order of the matrix-vector
+    // product (sum from column 0 up, starting at 0), on plain floats: this loop runs for every
+    // pixel of every frame.
+    float m[3][4];
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 4; ++c) {
+            m[r][c] = invM(r, c);
+        }
+    }
+    float dimension[3];
+    float inverseDimension[3];
+    for (int a = 0; a < 3; ++a) {
+        dimension[a] = grid.dimension()(a);
+        inverseDimension[a] = grid.inverseDimension()(a);
+    }
+    HitRecorder hits(map);
     stats.visitedPoints = 0;
     stats.acceptedPoints = 0;
     const int width = frame.depth.width();
@@ -94,30 +147,37 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
             if (!(d > 0.0f)) {
                 continue;
             }
-            const AR::Math::Vector<float, 4> pixel(static_cast<float>(x) * d,
-                                                   static_cast<float>(y) * d, d, 1.0f);
-            const AR::Math::Vector<float, 4> world = invM * pixel;
-            const Vec3 p(world(0), world(1), world(2));
-            const KeyType key = grid.keyOf(p);
+            const float v[4] = {static_cast<float>(x) * d, static_cast<float>(y) * d, d, 1.0f};
+            float p[3];
+            KeyType key;
+            for (int r = 0; r < 3; ++r) {
+                float sum = 0.0f;
+                for (int c = 0; c < 4; ++c) {
+                    sum += m[r][c] * v[c];
+                }
+                p[r] = sum;
+                key[r] = floorToKey(sum * inverseDimension[r]);
+            }
             if (maxBestSampleDistanceFilter > 0.0f) {
                 auto block = grid.get(key);
                 if (block && d > block->bestSampleDistance() * maxBestSampleDistanceFilter) {
                     continue;
                 }
             }
-            recordHit(map, key, d);
-            const Vec3 local = grid.localPosition(p, key);
+            hits.record(key, d);
             const float ramp = errorModel.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
             for (int axis = 0; axis < 3; ++axis) {
-                if (local(axis) < ramp) {
+                // Local coordinate: p - dimension * key, as the grid computes it.
+                const float local = p[axis] - dimension[axis] * static_cast<float>(key[axis]);
+                if (local < ramp) {
                     KeyType lower = key;
-                    --lower(axis);
-                    recordHit(map, lower, d);
+                    --lower[axis];
+                    hits.record(lower, d);
                 }
-                if (local(axis) > dimension(axis) - ramp) {
+                if (local > dimension[axis] - ramp) {
                     KeyType upper = key;
-                    ++upper(axis);
-                    recordHit(map, upper, d);
+                    ++upper[axis];
+                    hits.record(upper, d);
                 }
             }
             ++stats.acceptedPoints;

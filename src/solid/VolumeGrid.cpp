@@ -96,16 +96,6 @@ namespace {
 // Grid tables never rehash to more than one node per bucket on average.
 constexpr float kGridMaxLoadFactor = 1.0f;
 
-// floor(v) as a key component. A non-finite or out-of-range coordinate maps to INT_MIN, a key no
-// block can have in practice, so a query there finds nothing instead of converting out of range.
-inline int floorToKey(float v) {
-    const float f = std::floor(v);
-    if (!(f >= static_cast<float>(INT_MIN) && f < static_cast<float>(INT_MAX))) {
-        return INT_MIN;
-    }
-    return static_cast<int>(f);
-}
-
 }  // namespace
 
 template <typename B, template <typename> class P, typename L>

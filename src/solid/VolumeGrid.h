@@ -13,6 +13,8 @@
 #ifndef VELMORA_SOLID_VOLUMEGRID_H
 #define VELMORA_SOLID_VOLUMEGRID_H
 
+#include <climits>
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -30,6 +32,16 @@ namespace Solid {
 using KeyType = AR::Math::Vector<int, 3>;
 // The set of block keys passed between the stages of the frame pipeline.
 using IndexSet = AR::Common::FlatSet<KeyType, AR::Common::hash<KeyType>>;
+
+// floor(v) as a key component. A non-finite or out-of-range coordinate maps to INT_MIN, a key no
+// block can have in practice, so a query there finds nothing instead of converting out of range.
+inline int floorToKey(float v) {
+    const float f = std::floor(v);
+    if (!(f >= static_cast<float>(INT_MIN) && f < static_cast<float>(INT_MAX))) {
+        return INT_MIN;
+    }
+    return static_cast<int>(f);
+}
 
 // Slab allocator of block memory: mega blocks of 2048 blocks, each block followed by an 8-byte
 // trailer naming its slot. Blocks are handed out one at a time and given back only all at once.
