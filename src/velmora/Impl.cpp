@@ -11,7 +11,7 @@ namespace Velmora {
 // Lattice points per block edge: 8 cells plus the border plane shared with the upper neighbour.
 constexpr int kBlockLatticePoints = 9;
 
-// Five cells is the narrowest band that still reaches across a block face for every pixel ray.
+// The truncation band must span at least this many cells.
 constexpr float kMinTruncationCells = 5.0f;
 
 Impl::Impl() : mState(std::make_unique<State>()) {
@@ -39,7 +39,7 @@ XrResultVLM Impl::checkConfig(const Config& config) {
 }
 
 XrResultVLM Impl::checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics) {
-    // Written as "not above zero" per field on purpose: a NaN passes, as hosts rely on.
+    // A field fails only when it compares as zero or below, so a NaN passes this test.
     if (intrinsics.principalPointX <= 0.0 || intrinsics.principalPointY <= 0.0 ||
         intrinsics.focalLengthX <= 0.0 || intrinsics.focalLengthY <= 0.0) {
         return kErrorIntrinsicsInvalid;
