@@ -23,7 +23,6 @@
 #include "solid/IO.h"
 #include "support/AnalyticScene.h"
 #include "support/GridBytes.h"
-#include "support/ImplTestAccess.h"
 #include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
@@ -96,7 +95,7 @@ Solid::Vec3 inFrontOfSurface(int view) {
 }
 
 Impl::State& state(Impl& scene) {
-    return ImplTestAccess::state(scene);
+    return scene.internalState();
 }
 
 using Solid::Test::expectSameBlocks;
