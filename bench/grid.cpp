@@ -2,7 +2,7 @@
 // of a value lookup (read lock, table find, block mutex, trilinear read).
 #include <benchmark/benchmark.h>
 
-#include "solid/VolumeGrid.h"
+#include "solid/volume/VolumeGrid.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include <memory>
 #include <vector>
 
-#include "solid/GridIntegration.h"
-#include "solid/IntegrationFast.h"
+#include "solid/fusion/GridIntegration.h"
+#include "solid/fusion/IntegrationFast.h"
 #include "support/RenderedBlocks.h"
 #include "velmora/Velmora.h"
 #include "vision/DepthFusion.h"

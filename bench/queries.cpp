@@ -12,9 +12,9 @@
 #include <memory>
 #include <vector>
 
-#include "solid/GridIntegration.h"
-#include "solid/Raycast.h"
-#include "solid/SensorErrorModel.h"
+#include "solid/fusion/GridIntegration.h"
+#include "solid/fusion/SensorErrorModel.h"
+#include "solid/query/Raycast.h"
 #include "velmora/Velmora.h"
 
 namespace {

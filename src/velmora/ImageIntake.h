@@ -5,7 +5,7 @@
 #ifndef VELMORA_VELMORA_IMAGEINTAKE_H
 #define VELMORA_VELMORA_IMAGEINTAKE_H
 
-#include "solid/Frames.h"
+#include "solid/volume/Frames.h"
 #include "velmora/Velmora.h"
 
 namespace Velmora {

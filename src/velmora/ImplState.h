@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "cv/Camera.h"
-#include "solid/Frames.h"
-#include "solid/VolumeGrid.h"
+#include "solid/volume/Frames.h"
+#include "solid/volume/VolumeGrid.h"
 #include "velmora/Impl.h"
 
 namespace Velmora {

@@ -6,7 +6,7 @@
 
 #include "common/Logger.h"
 #include "common/Path.h"
-#include "solid/IO.h"
+#include "solid/volume/IO.h"
 #include "velmora/ImplState.h"
 
 namespace Velmora {

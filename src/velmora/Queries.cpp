@@ -8,8 +8,8 @@
 
 #include "common/Assert.h"
 #include "common/Trace.h"
-#include "solid/CollisionDetection.h"
-#include "solid/Placement.h"
+#include "solid/query/CollisionDetection.h"
+#include "solid/query/Placement.h"
 #include "velmora/ImplState.h"
 
 namespace Velmora {

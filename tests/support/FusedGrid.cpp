@@ -1,9 +1,9 @@
 #include "support/FusedGrid.h"
 
 #include "math/Pose.h"
-#include "solid/BorderCopy.h"
-#include "solid/GridIntegration.h"
-#include "solid/SensorErrorModel.h"
+#include "solid/fusion/BorderCopy.h"
+#include "solid/fusion/GridIntegration.h"
+#include "solid/fusion/SensorErrorModel.h"
 #include "velmora/ImageIntake.h"
 
 namespace Velmora {

@@ -4,8 +4,8 @@
 #ifndef VELMORA_TESTS_SUPPORT_FUSEDGRID_H
 #define VELMORA_TESTS_SUPPORT_FUSEDGRID_H
 
-#include "solid/Frames.h"
-#include "solid/VolumeGrid.h"
+#include "solid/volume/Frames.h"
+#include "solid/volume/VolumeGrid.h"
 #include "support/AnalyticScene.h"
 
 namespace Velmora {

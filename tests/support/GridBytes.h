@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "solid/VolumeGrid.h"
+#include "solid/volume/VolumeGrid.h"
 
 namespace Solid {
 namespace Test {

@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "solid/Frames.h"
-#include "solid/Volume.h"
-#include "solid/VolumeGrid.h"
+#include "solid/volume/Frames.h"
+#include "solid/volume/Volume.h"
+#include "solid/volume/VolumeGrid.h"
 #include "support/AnalyticScene.h"
 
 namespace Solid {

@@ -5,8 +5,8 @@
 
 #include <vector>
 
-#include "solid/Frames.h"
-#include "solid/Volume.h"
+#include "solid/volume/Frames.h"
+#include "solid/volume/Volume.h"
 
 namespace Solid {
 namespace Test {

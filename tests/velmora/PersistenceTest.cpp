@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "common/Logger.h"
-#include "solid/IO.h"
+#include "solid/volume/IO.h"
 #include "support/AnalyticScene.h"
 #include "support/GridBytes.h"
 #include "support/SceneSetup.h"

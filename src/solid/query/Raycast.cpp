@@ -1,0 +1,242 @@
+#include "solid/query/Raycast.h"
+
+#include <cmath>
+#include <cstdlib>
+
+#include "common/Logger.h"
+#include "common/Timing.h"
+#include "math/MatrixFunctions.h"
+
+namespace Solid {
+
+namespace {
+
+// tDelta of an axis along which the walk does not move: larger than any tMax of a moving axis.
+constexpr float kNoStepDelta = 1e30f;
+// The walker starts half a block into its first block on every axis.
+constexpr float kWalkerStartFraction = 0.5f;
+// Step back in front of the first block, in block edges: its diagonal, sqrt(3).
+constexpr float kBlockDiagonalFactor = 1.7320508f;
+// Block coordinates of the walker are kept within +-2^24, where a float still counts single
+// blocks, so that their differences cannot overflow.
+constexpr float kMaxWalkKey = 16777216.0f;
+
+// Truncation toward zero of a finite block coordinate, clamped into the walker's range.
+inline int truncToWalkKey(float v) {
+    if (v > kMaxWalkKey) {
+        return static_cast<int>(kMaxWalkKey);
+    }
+    if (v < -kMaxWalkKey) {
+        return -static_cast<int>(kMaxWalkKey);
+    }
+    return static_cast<int>(v);
+}
+
+inline bool isFinite(const Vec3& v) {
+    return std::isfinite(v(0)) && std::isfinite(v(1)) && std::isfinite(v(2));
+}
+
+// The block walker of one segment: a coarse digital line from the block of the start to the
+// block of the end, which assumes the segment starts and ends at block centres.
+class BlockWalker {
+public:
+    BlockWalker(const Vec3& from, const Vec3& to, const Vec3& inverseDimension) {
+        for (int a = 0; a < 3; ++a) {
+            mCurrent[a] = truncToWalkKey(from[a] * inverseDimension[a]);
+            mEnd[a] = truncToWalkKey(to[a] * inverseDimension[a]);
+            const int delta = mEnd[a] - mCurrent[a];
+            mStep[a] = (delta > 0) - (delta < 0);
+            // Signed on purpose: tMax and tDelta share the sign of the step, and the axis choice
+            // compares magnitudes.
+            mTDelta[a] = delta != 0 ? 1.0f / static_cast<float>(delta) : kNoStepDelta;
+            mTMax[a] = kWalkerStartFraction * mTDelta[a];
+        }
+    }
+
+    // Whether `current` is still a block of the walk: the remaining distance to `end`, compared
+    // axis by axis in the order x, y, z, has not been overshot.
+    bool hasNext() const {
+        if (mStep[0] == 0 && mStep[1] == 0 && mStep[2] == 0) {
+            // Start and end in one block: exactly that block, before the first advance.
+            for (int a = 0; a < 3; ++a) {
+                if (mTMax[a] != kWalkerStartFraction * mTDelta[a]) {
+                    return false;
+                }
+            }
+            return true;
+        }
+        const int remainingX = (mEnd[0] - mCurrent[0]) * mStep[0];
+        if (remainingX != 0) {
+            return remainingX > 0;
+        }
+        const int remainingY = (mEnd[1] - mCurrent[1]) * mStep[1];
+        if (remainingY != 0) {
+            return remainingY > 0;
+        }
+        return (mEnd[2] - mCurrent[2]) * mStep[2] >= 0;
+    }
+
+    const KeyType& current() const { return mCurrent; }
+
+    // Moves to the next block along the axis of the smallest |tMax|; ties go to x, then y.
+    void advance() {
+        int axis = 0;
+        if (std::fabs(mTMax[1]) < std::fabs(mTMax[0])) {
+            axis = 1;
+        }
+        if (std::fabs(mTMax[2]) < std::fabs(mTMax[axis])) {
+            axis = 2;
+        }
+        mCurrent[axis] += mStep[axis];
+        mTMax[axis] += mTDelta[axis];
+    }
+
+private:
+    KeyType mCurrent;
+    KeyType mEnd;
+    KeyType mStep;  // -1, 0 or +1 per axis
+    Vec3 mTMax;
+    Vec3 mTDelta;
+};
+
+}  // namespace
+
+template <typename B, template <typename> class P, typename L>
+bool findFirstBlock(const VolumeGrid<B, P, L>& grid, const Vec3& from, const Vec3& to,
+                    KeyType& found) {
+    if (!isFinite(from) || !isFinite(to)) {
+        return false;
+    }
+    BlockWalker walker(from, to, grid.inverseDimension());
+    for (unsigned visited = 0; visited < kMaxWalkBlocks && walker.hasNext(); ++visited) {
+        // The lookup holds the read lock only while it searches; the block's mutex is let go at
+        // once, as only its existence matters here.
+        const bool exists = static_cast<bool>(grid.get(walker.current()));
+        if (exists) {
+            found = walker.current();
+            return true;
+        }
+        walker.advance();
+    }
+    return false;
+}
+
+template <typename B, template <typename> class P, typename L>
+Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, const Vec3& direction,
+                         float nearPlane, float farPlane, float stepFactor) {
+    Vec4 result(0.0f, 0.0f, 0.0f, 0.0f);
+    float d = nearPlane;
+    Vec3 position = origin + direction * d;
+    AR_LOG_VERBOSE("nearPlane %f farPlane %f", nearPlane, farPlane);
+
+    const float smallStep = grid.config().spacing(0);
+    const float largeStep = smallStep * stepFactor;
+    AR_ASSERT(largeStep > 0.0f);
+    float step = largeStep;
+    Vec3 increment = direction * step;
+    float previous = kUnobservedValue;
+    bool coarse = true;
+    KeyType key;
+    typename VolumeGrid<B, P, L>::PathReader reader(grid);
+
+    for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
+        const float value = reader.value(position, key);
+        AR_LOG_VERBOSE("searching intersection: value %f d %f currentPos %f %f %f", value, d,
+                       position(0), position(1), position(2));
+        if (value != kUnobservedValue) {
+            if (value < 0.0f) {
+                AR_LOG_VERBOSE("negative value found");
+                if (previous > 0.0f) {
+                    // The crossing between the last positive value, taken one step back, and
+                    // this one; `previous` may be older than one step when unknown samples lay
+                    // between, which the interpolation accepts.
+                    const float t = (previous * d - (d - step) * value) / (previous - value);
+                    const Vec3 hit = origin + direction * t;
+                    result = Vec4(hit(0), hit(1), hit(2), t);
+                    AR_LOG_VERBOSE("surface found (via interpolation) at %f %f %f at depth %f",
+                                   hit(0), hit(1), hit(2), t);
+                }
+                // Otherwise the ray began behind a surface: no search past a back face.
+                return result;
+            }
+            if (value == 0.0f) {
+                result = Vec4(position(0), position(1), position(2), d);
+                AR_LOG_VERBOSE("surface found at %f %f %f at depth %f", position(0), position(1),
+                               position(2), d);
+                return result;
+            }
+            if (value < kFineMarchThreshold && coarse) {
+                AR_LOG_VERBOSE("Switching from large step size %f to small step size %f", largeStep,
+                               smallStep);
+                step = smallStep;
+                increment = direction * step;
+                coarse = false;
+            }
+            previous = value;
+        }
+        const float next = d + step;
+        if (next == d) {
+            break;  // the ray parameter no longer moves at this magnitude
+        }
+        d = next;
+        position += increment;
+    }
+    return result;
+}
+
+template <typename B, template <typename> class P, typename L>
+void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, float stepFactor,
+             DepthFrame& depthFrame, IntegrationStats& stats) {
+    AR::Common::Timing timing;
+    timing.beginSection(true);
+    // Pixel (x, y, 1) times the inverse of intrinsics x world-to-camera gives a world direction
+    // whose camera-space depth component is 1, so the ray parameter is the axial depth.
+    const Matrix4 M = depthFrame.projection * depthFrame.pose;
+    const Matrix4 Minv = AR::Math::inverse(M);
+    stats.raycastRays = 0;
+    const Vec3 cameraPosition(Minv(0, 3), Minv(1, 3), Minv(2, 3));
+    const float blockSize = grid.config().dimension(0);
+    const float margin = kBlockDiagonalFactor * blockSize;
+
+    AR::CV::Image<float>& depth = depthFrame.depth;
+    const int width = depth.width();
+    const int height = depth.height();
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const float u = static_cast<float>(x);
+            const float v = static_cast<float>(y);
+            const Vec3 direction(Minv(0, 0) * u + Minv(0, 1) * v + Minv(0, 2),
+                                 Minv(1, 0) * u + Minv(1, 1) * v + Minv(1, 2),
+                                 Minv(2, 0) * u + Minv(2, 1) * v + Minv(2, 2));
+            KeyType block;
+            if (!findFirstBlock(grid, cameraPosition, cameraPosition + direction * farPlane,
+                                block)) {
+                depth(x, y) = 0.0f;
+                continue;
+            }
+            ++stats.raycastRays;
+            const Vec3 corner(static_cast<float>(block(0)) * blockSize,
+                              static_cast<float>(block(1)) * blockSize,
+                              static_cast<float>(block(2)) * blockSize);
+            float start = AR::Math::dot(corner - cameraPosition, direction) - margin;
+            if (start < nearPlane) {
+                start = nearPlane;
+            }
+            const Vec4 hit =
+                raycastSparseVolume(grid, cameraPosition, direction, start, farPlane, stepFactor);
+            depth(x, y) = hit(3);
+        }
+    }
+    timing.endSection();
+    stats.raycastTime = timing.getDurationMilliseconds(false);
+}
+
+#define VELMORA_INSTANTIATE_RAYCAST(G)                                                          \
+    template Vec4 raycastSparseVolume(const G&, const Vec3&, const Vec3&, float, float, float); \
+    template void raycast(const G&, float, float, float, DepthFrame&, IntegrationStats&);       \
+    template bool findFirstBlock(const G&, const Vec3&, const Vec3&, KeyType&);
+
+VELMORA_INSTANTIATE_RAYCAST(DepthGrid)
+VELMORA_INSTANTIATE_RAYCAST(LabelDepthGrid)
+
+}  // namespace Solid

@@ -1,0 +1,240 @@
+// The sparse store of the scene: a hash table from integer block keys to blocks, block memory
+// from a slab allocator, a reader-writer lock for the table and a mutex per block.
+//
+// A world position p belongs to the block key = floor(p / dimension) (a true floor, so negative
+// coordinates go down); its local position is p - dimension * key. A point on a block face
+// belongs to the upper block, at local coordinate 0.
+//
+// Locks, always in this order: the grid lock, then a block mutex; the storage mutex is a leaf.
+// A lookup read-locks the grid, finds the block, locks its mutex and releases the grid lock, so
+// the caller works on a locked block with no grid lock held. Blocks are only ever added (until
+// `reset`), and never move, so a block found stays valid. `reset` must not run while blocks are
+// in use. The grid is not copyable.
+#ifndef VELMORA_SOLID_VOLUME_VOLUMEGRID_H
+#define VELMORA_SOLID_VOLUME_VOLUMEGRID_H
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+
+#include "common/FlatSet.h"
+#include "common/Hash.h"
+#include "common/RWLock.h"
+#include "common/Vector.h"
+#include "solid/volume/Volume.h"
+
+namespace Solid {
+
+using KeyType = AR::Math::Vector<int, 3>;
+// The set of block keys passed between the stages of the frame pipeline.
+using IndexSet = AR::Common::FlatSet<KeyType, AR::Common::hash<KeyType>>;
+
+// floor(v) as a key component. A non-finite or out-of-range coordinate maps to INT_MIN, a key no
+// block can have in practice, so a query there finds nothing instead of converting out of range.
+inline int floorToKey(float v) {
+    const float f = std::floor(v);
+    if (!(f >= static_cast<float>(INT_MIN) && f < static_cast<float>(INT_MAX))) {
+        return INT_MIN;
+    }
+    return static_cast<int>(f);
+}
+
+// Slab allocator of block memory: mega blocks of 2048 blocks, each block followed by an 8-byte
+// trailer naming its slot. Blocks are handed out one at a time and given back only all at once.
+class VolumeGridCentralStorage {
+public:
+    static constexpr uint32_t kBlocksPerMegaBlock = 2048;
+    static constexpr uint32_t kMegaBlockShift = 11;  // log2 of kBlocksPerMegaBlock
+    // Bytes after the samples of a block: its mega block number and block number, 32 bits each.
+    static constexpr uint32_t kTrailerBytes = 8;
+    // Block starts are aligned for the vector kernels.
+    static constexpr uint32_t kBlockAlignment = 16;
+
+    struct MegaBlock {
+        uint32_t numBlocks;
+        uint8_t* base;
+    };
+    struct Index {
+        uint16_t megaBlock;
+        uint16_t block;
+    };
+
+    VolumeGridCentralStorage() = default;
+    ~VolumeGridCentralStorage();
+    VolumeGridCentralStorage(const VolumeGridCentralStorage&) = delete;
+    VolumeGridCentralStorage& operator=(const VolumeGridCentralStorage&) = delete;
+
+    // Sets the bytes of samples per block; before the first block.
+    void setBlockSize(uint32_t blockSize);
+    // Memory for one block, 16-byte aligned; aborts on an unconfigured storage.
+    void* acquireBlock();
+    // Blocks handed out and not on the free list.
+    size_t getNumBlocks() const;
+    // Frees every mega block; all blocks handed out become invalid.
+    void releaseAll();
+
+    uint32_t blockSize() const;
+    uint32_t blockStride() const;
+
+private:
+    void releaseAllUnlocked();
+    void writeTrailer(uint8_t* block, uint32_t megaBlock, uint32_t index) const;
+
+    uint32_t mBlockSize = 0;
+    uint32_t mBlockStride = 0;
+    uint32_t mNumItemsInCurrentMegaBlock = 0;
+    AR::Common::Vector<MegaBlock> mMegaBlocks;
+    AR::Common::Vector<Index> mFreeList;  // reusable slots, last in first out
+    mutable std::mutex mMutex;
+};
+
+// A block found in a grid, with its mutex held until the pointer goes away. Empty when there is
+// no such block. Owns no block memory.
+template <typename BlockType>
+class LockedBlockPtr {
+public:
+    // What the grid's table holds per block: the block view and its own mutex.
+    struct Entry {
+        BlockType block;
+        std::unique_ptr<std::mutex> mutex;
+    };
+
+    LockedBlockPtr() = default;
+    explicit LockedBlockPtr(Entry& entry) : mBlock(&entry.block), mLock(*entry.mutex) {}
+
+    explicit operator bool() const { return mBlock != nullptr; }
+    BlockType& operator*() const { return *mBlock; }
+    BlockType* operator->() const { return mBlock; }
+    BlockType* get() const { return mBlock; }
+
+private:
+    BlockType* mBlock = nullptr;
+    std::unique_lock<std::mutex> mLock;
+};
+
+template <typename BlockType, template <typename> class PtrType, typename GridLockType>
+class VolumeGrid {
+public:
+    using Block = BlockType;
+    using SampleType = typename BlockType::SampleType;
+    using Ptr = PtrType<BlockType>;
+    using Entry = typename Ptr::Entry;
+    using Table = std::unordered_map<KeyType, Entry, AR::Common::hash<KeyType>>;
+
+    VolumeGrid();
+    VolumeGrid(const VolumeGrid&) = delete;
+    VolumeGrid& operator=(const VolumeGrid&) = delete;
+
+    // Configuration: blocks of `size` lattice points `spacing` metres apart. Once, before the
+    // first block.
+    void set(const Size& size, const Vec3& spacing);
+    // Deletes all blocks and returns all memory.
+    void reset();
+
+    // Creates the block at `key` unless it exists; true if it was created. Takes the write lock.
+    bool ensure(const KeyType& key);
+    // The same with the write lock already held by the caller.
+    bool ensureUnlocked(const KeyType& key);
+
+    // The block at `key` with its mutex held, or an empty pointer.
+    Ptr get(const KeyType& key) const;
+    // The same for a caller that already holds the grid lock, read or write (a loader creates
+    // and fills blocks under one write lock).
+    Ptr getUnlocked(const KeyType& key) const;
+
+    // Trilinear value at world position `p`; -2.0 where no block or an unobserved sample is.
+    // `key` receives the block key of `p` in any case.
+    float value(const Vec3& p, KeyType& key) const;
+    bool valueAndGradient(const Vec3& p, float& value, Vec3& gradient) const;
+    std::optional<SampleType> getSample(const Vec3& p, KeyType& key) const;
+
+    // Reads values along a path, such as a ray. It remembers the block of its last read (or that
+    // there was none), so that reads staying in one block skip the table and its lock; each read
+    // still holds the block's mutex for just that read. Blocks never move or vanish while the grid
+    // lives (`reset` must not run beside readers), so a remembered block stays valid. A block
+    // created while a reader remembers its absence is seen from the next block on, as if the
+    // lookup had happened a moment earlier. One reader per thread.
+    class PathReader {
+    public:
+        explicit PathReader(const VolumeGrid& grid) : mGrid(grid) {}
+        // As `VolumeGrid::value`.
+        float value(const Vec3& p, KeyType& key);
+
+    private:
+        const VolumeGrid& mGrid;
+        KeyType mKey;
+        const Entry* mEntry = nullptr;
+        bool mValid = false;  // mKey and mEntry describe a lookup
+    };
+
+    // Calls `f(key, block)` for each block, under the read lock, with the block's mutex held.
+    // The order is that of the hash table and carries no meaning.
+    template <typename F>
+    void for_each(F&& f) const {
+        AR::Common::ReadLockGuard<GridLockType> guard(mLock);
+        for_eachUnlocked(f);
+    }
+    // The same with write access to the samples.
+    template <typename F>
+    void for_each(F&& f) {
+        AR::Common::ReadLockGuard<GridLockType> guard(mLock);
+        for (auto& item : mGrid) {
+            std::lock_guard<std::mutex> blockLock(*item.second.mutex);
+            f(item.first, item.second.block);
+        }
+    }
+    // The same for a caller that already holds the grid lock, so that a count from
+    // `sizeUnlocked` and the blocks it counts come from one locked view.
+    template <typename F>
+    void for_eachUnlocked(F&& f) const {
+        for (const auto& item : mGrid) {
+            std::lock_guard<std::mutex> blockLock(*item.second.mutex);
+            f(item.first, item.second.block);
+        }
+    }
+
+    // Number of blocks, read under the read lock.
+    size_t size() const;
+    // Number of blocks; the caller holds the grid lock.
+    size_t sizeUnlocked() const { return mGrid.size(); }
+
+    // Block key of world position `p`, and `p` relative to the origin of that block.
+    KeyType keyOf(const Vec3& p) const;
+    Vec3 localPosition(const Vec3& p, const KeyType& key) const;
+    // World position of the origin (lattice point 0, 0, 0) of block `key`.
+    Vec3 blockOrigin(const KeyType& key) const;
+
+    const VolumeConfig& config() const { return mConfig; }
+    const Vec3& dimension() const { return mConfig.dimension; }
+    const Vec3& inverseDimension() const { return mInverseDimension; }
+    const Vec3& gridSpacing() const { return mSpacing; }
+    GridLockType& lock() const { return mLock; }
+    const VolumeGridCentralStorage& centralStorage() const { return mCentralStorage; }
+
+private:
+    Table mGrid;
+    VolumeConfig mConfig;
+    VolumeGridCentralStorage mCentralStorage;
+    Vec3 mSpacing;
+    Vec3 mInverseDimension;
+    mutable GridLockType mLock;
+};
+
+using DepthVolume = Volume<Vec2S, ReferencedVolumeData>;
+using LabelDepthVolume = Volume<LabelDepthVolumeSample, ReferencedVolumeData>;
+using LabelVolume = Volume<LabelVolumeSample, ReferencedVolumeData>;
+using GridLock = AR::Common::RWLockImpl<true>;
+using DepthGrid = VolumeGrid<DepthVolume, LockedBlockPtr, GridLock>;
+using LabelDepthGrid = VolumeGrid<LabelDepthVolume, LockedBlockPtr, GridLock>;
+using LabelGrid = VolumeGrid<LabelVolume, LockedBlockPtr, GridLock>;
+
+// The members are defined in VolumeGrid.cpp for these three grids; the value readers exist for
+// the depth-bearing grids, `getSample` for the label-bearing ones.
+
+}  // namespace Solid
+
+#endif  // VELMORA_SOLID_VOLUME_VOLUMEGRID_H
