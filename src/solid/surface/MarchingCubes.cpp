@@ -1,0 +1,244 @@
+#include "solid/surface/MarchingCubes.h"
+
+#include "common/Trace.h"
+#include "solid/surface/CubeTables.h"
+
+namespace Solid {
+
+namespace CT = CubeTables;
+
+namespace {
+// Bits of the per-sample flags of calculateIsoSurface.
+constexpr uint8_t kObserved = 1;  // weight above the threshold
+constexpr uint8_t kAbove = 2;     // value above the level
+}  // namespace
+
+template <typename FLOAT_, typename VOLUME_>
+MarchingCubes<FLOAT_, VOLUME_>::MarchingCubes() {
+    for (int e = 0; e < CT::kNumEdges; ++e) {
+        const int* start = CT::kCornerOffset[CT::kEdgeCorners[e][0]];
+        const int* end = CT::kCornerOffset[CT::kEdgeCorners[e][1]];
+        mEdgeOrigins.push_back(Vec3(start[0], start[1], start[2]));
+        mEdgeDirections.push_back(Vec3(end[0] - start[0], end[1] - start[1], end[2] - start[2]));
+    }
+}
+
+template <typename FLOAT_, typename VOLUME_>
+int MarchingCubes<FLOAT_, VOLUME_>::plainCubeIndex(const Volume& volume, int x, int y, int z,
+                                                   TypeVec& values) {
+    int cubeIndex = 0;
+    for (int c = 0; c < CT::kNumCorners; ++c) {
+        const int* o = CT::kCornerOffset[c];
+        const auto& sample = depthPart(volume.at(x + o[0], y + o[1], z + o[2]));
+        values[c] = static_cast<FLOAT_>(sample[0]) * kDepthValueScale;
+        if (values[c] > 0.0f) {
+            cubeIndex |= 1 << c;
+        }
+    }
+    return cubeIndex;
+}
+
+template <typename FLOAT_, typename VOLUME_>
+void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Grid& grid, const IndexSet& blocks,
+                                                          int weightThreshold, MeshGridType& meshes,
+                                                          ExtractSurfaceStats& stats,
+                                                          const TestVertexFunc& func) {
+    for (const KeyType& key : blocks) {
+        PolygonMesh& mesh = meshes[key];
+        mesh.clearStreams();
+        PolygonMesh::Positions& points = mesh.positions();
+        PolygonMesh::Indices& indices = mesh.indices();
+        {
+            auto block = grid.get(key);
+            if (block) {
+                computeMarchingCubes(*block, weightThreshold, points, indices, key, func);
+            }
+        }
+        stats.numVertices += points.size();
+        stats.numIndices += indices.size();
+    }
+}
+
+template <typename FLOAT_, typename VOLUME_>
+void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Volume& volume, int weightThreshold,
+                                                          Vec3Vec& points, IdxVec& indices,
+                                                          const Index3& blockIndex,
+                                                          const TestVertexFunc& func) {
+    {
+        AR::Common::ScopedTrace trace("calcIsoSurface");
+        calculateIsoSurface(volume, weightThreshold, mBlockPoints, mBlockIndices, func,
+                            Index3(0, 0, 0));
+    }
+    AR::Common::ScopedTrace trace("transformGeo");
+    const Vec3& spacing = volume.spacing();
+    const Index3& bounds = volume.bounds();
+    Vec3 origin;
+    for (int a = 0; a < 3; ++a) {
+        origin[a] = spacing[a] * static_cast<float>(bounds[a] * blockIndex[a]);
+    }
+    const unsigned int base = points.size();
+    points.reserve(base + mBlockPoints.size());
+    for (const Vec3& p : mBlockPoints) {
+        points.push_back(p + origin);
+    }
+    indices.reserve(indices.size() + mBlockIndices.size());
+    for (unsigned int index : mBlockIndices) {
+        indices.push_back(index + base);
+    }
+}
+
+template <typename FLOAT_, typename VOLUME_>
+bool MarchingCubes<FLOAT_, VOLUME_>::calculateIsoSurface(const Volume& volume, int weightThreshold,
+                                                         Vec3Vec& points, IdxVec& indices,
+                                                         const TestVertexFunc& func,
+                                                         const Index3& offset) {
+    const Size& size = volume.size();
+    const int nx = size[0];
+    const int ny = size[1];
+    const int nz = size[2];
+    const int slice = nx * ny;
+    mCells.resize(static_cast<uint32_t>(2 * slice));
+    points.clear();
+    indices.clear();
+    if (nz < 2) {
+        return true;
+    }
+    // One pass over the samples first: per sample, whether its weight passes and whether its
+    // value lies above the level. A cell then needs eight byte reads to be rejected, and most
+    // cells of a block carry no surface.
+    const int numSamples = slice * nz;
+    mSampleFlags.resize(static_cast<uint32_t>(numSamples));
+    uint8_t* flags = mSampleFlags.data();
+    const auto* samples = volume.data();
+    uint8_t anyFlag = 0;
+    uint8_t allFlags = kObserved | kAbove;
+    for (int i = 0; i < numSamples; ++i) {
+        const auto& sample = depthPart(samples[i]);
+        flags[i] = static_cast<uint8_t>((sample[1] > weightThreshold ? kObserved : 0) |
+                                        (sample[0] > 0 ? kAbove : 0));
+        anyFlag |= flags[i];
+        allFlags &= flags[i];
+    }
+    // A block that is unobserved, or wholly on one side of the level, has no surface.
+    if (!(anyFlag & kObserved) || !(anyFlag & kAbove) || (allFlags & kAbove)) {
+        return true;
+    }
+    // Sample offsets of the eight corners from a cell's lowest sample, in corner-bit order.
+    int cornerStep[CT::kNumCorners];
+    for (int c = 0; c < CT::kNumCorners; ++c) {
+        const int* o = CT::kCornerOffset[c];
+        cornerStep[c] = o[0] + nx * o[1] + slice * o[2];
+    }
+    Cell* ring = mCells.data();
+    TypeVec values;
+    for (int z = 0; z < nz - 1; ++z) {
+        Cell* current = ring + (z & 1) * slice;
+        Cell* previous = ring + ((z + 1) & 1) * slice;
+        for (int y = 0; y < ny - 1; ++y) {
+            for (int x = 0; x < nx - 1; ++x) {
+                Cell& cell = current[y * nx + x];
+                for (int32_t& entry : cell.edge) {
+                    entry = -1;
+                }
+                const uint8_t* first = flags + x + nx * y + slice * z;
+                uint8_t all = kObserved;
+                int signs = 0;
+                for (int c = 0; c < CT::kNumCorners; ++c) {
+                    all &= first[cornerStep[c]];
+                    signs |= (first[cornerStep[c]] & kAbove) ? 1 << c : 0;
+                }
+                // The cube-index function returns the plain index or a veto, so a cell whose
+                // plain index has no triangles needs no call.
+                if (!all || signs == CT::kAllBelow || signs == CT::kAllAbove) {
+                    continue;
+                }
+                const int cubeIndex = func(volume, x, y, z, values);
+                if (cubeIndex == CT::kAllBelow || cubeIndex == CT::kAllAbove) {
+                    continue;
+                }
+                int32_t* c = cell.edge;
+                if (x > 0) {
+                    const int32_t* left = current[y * nx + x - 1].edge;
+                    c[3] = left[1];
+                    c[8] = left[9];
+                    c[7] = left[5];
+                    c[11] = left[10];
+                }
+                if (y > 0) {
+                    const int32_t* below = current[(y - 1) * nx + x].edge;
+                    if (c[8] == -1) {
+                        c[8] = below[11];
+                    }
+                    c[0] = below[2];
+                    c[9] = below[10];
+                    c[4] = below[6];
+                }
+                if (z > 0) {
+                    const int32_t* back = previous[y * nx + x].edge;
+                    if (c[3] == -1) {
+                        c[3] = back[7];
+                    }
+                    if (c[0] == -1) {
+                        c[0] = back[4];
+                    }
+                    c[1] = back[5];
+                    c[2] = back[6];
+                    if (c[1] == -1 && x < nx - 2) {
+                        c[1] = previous[y * nx + x + 1].edge[7];
+                    }
+                    if (c[2] == -1 && y < ny - 2) {
+                        c[2] = previous[(y + 1) * nx + x].edge[4];
+                    }
+                }
+                if (y > 0 && c[9] == -1 && x < nx - 2) {
+                    c[9] = current[(y - 1) * nx + x + 1].edge[11];
+                }
+                if (x > 0 && y > 0 && c[8] == -1) {
+                    c[8] = current[(y - 1) * nx + x - 1].edge[10];
+                }
+                calculateCellTriangles(cubeIndex, Vec3(x, y, z), values, cell, points, indices);
+            }
+        }
+    }
+    const Vec3& spacing = volume.spacing();
+    for (Vec3& p : points) {
+        for (int a = 0; a < 3; ++a) {
+            p[a] = spacing[a] * (p[a] + static_cast<float>(offset[a]));
+        }
+    }
+    return true;
+}
+
+template <typename FLOAT_, typename VOLUME_>
+bool MarchingCubes<FLOAT_, VOLUME_>::calculateCellTriangles(int cubeIndex, const Vec3& cellPosition,
+                                                            const TypeVec& values, Cell& cell,
+                                                            Vec3Vec& points, IdxVec& indices) {
+    AR_ASSERT(cubeIndex != CT::kAllBelow && cubeIndex != CT::kNumCubeIndices);
+    const int8_t* row = CT::kTriangleTable[cubeIndex];
+    for (int i = 0; i < CT::kRowLength && row[i] != CT::kEndOfRow; i += 3) {
+        for (int k = 0; k < 3; ++k) {
+            const int edge = row[i + k];
+            int32_t& entry = cell.edge[edge];
+            if (entry == -1) {
+                entry = static_cast<int32_t>(points.size());
+                points.push_back(cellPosition + calculatePoint(values, static_cast<size_t>(edge)));
+            }
+            indices.push_back(static_cast<unsigned int>(entry));
+        }
+    }
+    return true;
+}
+
+template <typename FLOAT_, typename VOLUME_>
+Vec3 MarchingCubes<FLOAT_, VOLUME_>::calculatePoint(const TypeVec& values, size_t edge) const {
+    AR_ASSERT(edge < static_cast<size_t>(CT::kNumEdges));
+    const FLOAT_ a = values[CT::kEdgeCorners[edge][0]];
+    const FLOAT_ b = values[CT::kEdgeCorners[edge][1]];
+    const FLOAT_ t = -a / (b - a);
+    return mEdgeOrigins[edge] + mEdgeDirections[edge] * t;
+}
+
+template class MarchingCubes<float, DepthVolume>;
+template class MarchingCubes<float, LabelDepthVolume>;
+
+}  // namespace Solid
