@@ -1,5 +1,8 @@
 #include "solid/surface/MarchingCubes.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "common/Trace.h"
 #include "solid/surface/CubeTables.h"
 
@@ -8,9 +11,8 @@ namespace Solid {
 namespace CT = CubeTables;
 
 namespace {
-// Bits of the per-sample flags of calculateIsoSurface.
-constexpr uint8_t kObserved = 1;  // weight above the threshold
-constexpr uint8_t kAbove = 2;     // value above the level
+// Longest row of samples that the row masks of calculateIsoSurface hold.
+constexpr int kMaxRowLength = 32;
 }  // namespace
 
 template <typename FLOAT_, typename VOLUME_>
@@ -103,55 +105,73 @@ bool MarchingCubes<FLOAT_, VOLUME_>::calculateIsoSurface(const Volume& volume, i
     if (nz < 2) {
         return true;
     }
-    // One pass over the samples first: per sample, whether its weight passes and whether its
-    // value lies above the level. A cell then needs eight byte reads to be rejected, and most
-    // cells of a block carry no surface.
-    const int numSamples = slice * nz;
-    mSampleFlags.resize(static_cast<uint32_t>(numSamples));
-    uint8_t* flags = mSampleFlags.data();
+    // One pass over the samples first: for each row of samples (fixed y and z), a bit mask of
+    // the samples whose weight passes and one of those above the level. Eight cells of a row
+    // are then tested at once by combining the masks of the four sample rows at their corners,
+    // and most rows of a block carry no surface at all.
+    AR_ASSERT(nx <= kMaxRowLength);
+    const int numRows = ny * nz;
+    mRowMasks.resize(static_cast<uint32_t>(2 * numRows));
+    uint32_t* observedRows = mRowMasks.data();
+    uint32_t* aboveRows = observedRows + numRows;
     const auto* samples = volume.data();
-    uint8_t anyFlag = 0;
-    uint8_t allFlags = kObserved | kAbove;
-    for (int i = 0; i < numSamples; ++i) {
-        const auto& sample = depthPart(samples[i]);
-        flags[i] = static_cast<uint8_t>((sample[1] > weightThreshold ? kObserved : 0) |
-                                        (sample[0] > 0 ? kAbove : 0));
-        anyFlag |= flags[i];
-        allFlags &= flags[i];
+    uint32_t anyObserved = 0;
+    uint32_t anyAbove = 0;
+    uint32_t allAbove = ~0u;
+    for (int r = 0; r < numRows; ++r) {
+        uint32_t observed = 0;
+        uint32_t above = 0;
+        for (int x = 0; x < nx; ++x) {
+            const auto& sample = depthPart(samples[r * nx + x]);
+            observed |= static_cast<uint32_t>(sample[1] > weightThreshold) << x;
+            above |= static_cast<uint32_t>(sample[0] > 0) << x;
+        }
+        observedRows[r] = observed;
+        aboveRows[r] = above;
+        anyObserved |= observed;
+        anyAbove |= above;
+        allAbove &= above;
     }
+    const uint32_t fullRow = (1u << nx) - 1;
     // A block that is unobserved, or wholly on one side of the level, has no surface.
-    if (!(anyFlag & kObserved) || !(anyFlag & kAbove) || (allFlags & kAbove)) {
+    if (anyObserved == 0 || anyAbove == 0 || allAbove == fullRow) {
         return true;
     }
-    // Sample offsets of the eight corners from a cell's lowest sample, in corner-bit order.
-    int cornerStep[CT::kNumCorners];
-    for (int c = 0; c < CT::kNumCorners; ++c) {
-        const int* o = CT::kCornerOffset[c];
-        cornerStep[c] = o[0] + nx * o[1] + slice * o[2];
-    }
+    const uint32_t cellRow = (1u << (nx - 1)) - 1;  // one bit per cell of a row
     Cell* ring = mCells.data();
     TypeVec values;
     for (int z = 0; z < nz - 1; ++z) {
         Cell* current = ring + (z & 1) * slice;
         Cell* previous = ring + ((z + 1) & 1) * slice;
         for (int y = 0; y < ny - 1; ++y) {
+            // Every cell starts blank, whether or not it goes on to make triangles: later cells
+            // read their neighbours' entries.
+            Cell* rowCells = current + y * nx;
             for (int x = 0; x < nx - 1; ++x) {
-                Cell& cell = current[y * nx + x];
-                for (int32_t& entry : cell.edge) {
-                    entry = -1;
-                }
-                const uint8_t* first = flags + x + nx * y + slice * z;
-                uint8_t all = kObserved;
-                int signs = 0;
-                for (int c = 0; c < CT::kNumCorners; ++c) {
-                    all &= first[cornerStep[c]];
-                    signs |= (first[cornerStep[c]] & kAbove) ? 1 << c : 0;
-                }
-                // The cube-index function returns the plain index or a veto, so a cell whose
-                // plain index has no triangles needs no call.
-                if (!all || signs == CT::kAllBelow || signs == CT::kAllAbove) {
-                    continue;
-                }
+                std::fill(std::begin(rowCells[x].edge), std::end(rowCells[x].edge), -1);
+            }
+            // Corner c of cell x is bit x of the mask of row rows[c] (the sample rows at (y, z),
+            // (y+1, z), (y, z+1), (y+1, z+1)), shifted down by one for the corners at x + 1.
+            const int r0 = y + ny * z;
+            const int rows[CT::kNumCorners] = {r0,      r0,      r0 + 1,      r0 + 1,
+                                               r0 + ny, r0 + ny, r0 + ny + 1, r0 + ny + 1};
+            uint32_t observedAll = cellRow;
+            uint32_t aboveAny = 0;
+            uint32_t aboveAll = cellRow;
+            for (int c = 0; c < CT::kNumCorners; ++c) {
+                const int shift = CT::kCornerOffset[c][0];
+                const uint32_t above = aboveRows[rows[c]] >> shift;
+                observedAll &= observedRows[rows[c]] >> shift;
+                aboveAny |= above;
+                aboveAll &= above;
+            }
+            // The cube-index function returns the plain index or a veto, so a cell whose plain
+            // index has no triangles needs no call.
+            uint32_t candidates = observedAll & aboveAny & ~aboveAll & cellRow;
+            while (candidates != 0) {
+                const int x = __builtin_ctz(candidates);
+                candidates &= candidates - 1;
+                Cell& cell = rowCells[x];
                 const int cubeIndex = func(volume, x, y, z, values);
                 if (cubeIndex == CT::kAllBelow || cubeIndex == CT::kAllAbove) {
                     continue;

@@ -88,7 +88,8 @@ private:
     // Block-local results, reused from block to block.
     Vec3Vec mBlockPoints;
     IdxVec mBlockIndices;
-    AR::Common::Vector<uint8_t> mSampleFlags;  // per sample: weight passes, value above zero
+    // Per row of samples: a bit mask of the weights that pass, then of the values above zero.
+    AR::Common::Vector<uint32_t> mRowMasks;
 };
 
 }  // namespace Solid

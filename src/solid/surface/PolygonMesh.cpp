@@ -50,11 +50,24 @@ void PolygonMesh::clearStreams() {
 
 namespace {
 
+// Appends `source` to `target` with `transform` applied to each element: one resize, then plain
+// writes.
+template <typename E, typename F>
+void appendAll(const AttributeVector<E>& source, AttributeVector<E>& target, F&& transform) {
+    if (source.empty()) {
+        return;
+    }
+    const uint32_t base = target.size();
+    target.resize(base + source.size());
+    E* out = target.data() + base;
+    for (const E& value : source) {
+        *out++ = transform(value);
+    }
+}
+
 template <typename E>
 void appendAll(const AttributeVector<E>& source, AttributeVector<E>& target) {
-    for (const E& value : source) {
-        target.push_back(value);
-    }
+    appendAll(source, target, [](const E& value) { return value; });
 }
 
 }  // namespace
@@ -66,9 +79,7 @@ void appendMesh(const PolygonMesh& source, PolygonMesh& target) {
     const PolygonMesh::Indices* indices = source.findIndices();
     if (positions != nullptr && indices != nullptr) {
         const unsigned int base = targetPositions.size();
-        for (unsigned int index : *indices) {
-            targetIndices.push_back(index + base);
-        }
+        appendAll(*indices, targetIndices, [base](unsigned int index) { return index + base; });
         appendAll(*positions, targetPositions);
     }
     const PolygonMesh::InstanceIds* ids = source.findInstanceIds();
