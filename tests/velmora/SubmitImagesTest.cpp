@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -117,6 +118,45 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
 
     Impl fresh;
     EXPECT_EQ(submit(fresh, {depth}, camera.pose()), kErrorNotInitialized);
+}
+
+// Every field of intrinsics and pose is checked for finiteness before anything changes, with
+// the intrinsics code taking precedence; the same frame with good values does fuse.
+TEST_F(SubmitImagesCodes, NonFiniteIntrinsicsAndPosesAreRefusedBeforeFusion) {
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nonFinite[] = {std::nanf(""), inf, -inf};
+    for (int mode : {0, 1}) {
+        auto scene = makeScene(mode);
+        std::vector<Image> images =
+            mode == 0 ? std::vector<Image>{depth, label} : std::vector<Image>{depth};
+        const span<const Image> frameImages{images.data(), uint32_t(images.size())};
+        for (int field = 0; field < 7; ++field) {
+            for (float bad : nonFinite) {
+                XrPosefVLM pose = camera.pose();
+                float* values[] = {&pose.orientation.x, &pose.orientation.y, &pose.orientation.z,
+                                   &pose.orientation.w, &pose.position.x,    &pose.position.y,
+                                   &pose.position.z};
+                *values[field] = bad;
+                EXPECT_EQ(scene->submitImages(1, camera.intrinsics(), pose, frameImages),
+                          kErrorPoseInvalid)
+                    << "mode " << mode << " pose field " << field << " value " << bad;
+                if (field < 4) {
+                    IntrinsicLinearCameraCalibrationVLM intrinsics = camera.intrinsics();
+                    double* intrinsicValues[] = {
+                        &intrinsics.principalPointX, &intrinsics.principalPointY,
+                        &intrinsics.focalLengthX, &intrinsics.focalLengthY};
+                    *intrinsicValues[field] = bad;
+                    EXPECT_EQ(scene->submitImages(1, intrinsics, pose, frameImages),
+                              kErrorIntrinsicsInvalid)
+                        << "mode " << mode << " intrinsics field " << field << " value " << bad;
+                }
+            }
+        }
+        EXPECT_EQ(blockCount(*scene), 0u) << "mode " << mode;
+        EXPECT_EQ(scene->submitImages(1, camera.intrinsics(), camera.pose(), frameImages),
+                  kSuccess);
+        EXPECT_GT(blockCount(*scene), 0u) << "mode " << mode;
+    }
 }
 
 TEST_F(SubmitImagesCodes, CombinedModeUsesTheLaterLabelImage) {
