@@ -45,7 +45,7 @@ PinholeCamera roomCamera(double angle) {
 }
 
 size_t blockCount(Impl& scene) {
-    Impl::State& s = scene.internalState();
+    Impl::State& s = internalState(scene);
     size_t n = 0;
     if (s.mVolumeGrid)
         n += s.mVolumeGrid->size();
@@ -165,7 +165,7 @@ TEST_F(SubmitImagesCodes, CombinedModeUsesTheLaterLabelImage) {
     Image second = label;
     second.pixelData = otherLabels.data();
     ASSERT_EQ(submit(*combined, {depth, label, second}, camera.pose()), kSuccess);
-    Impl::State& s = combined->internalState();
+    Impl::State& s = internalState(*combined);
     ASSERT_GT(s.mLabelDepthVolumeGrid->size(), 0u);
     int counted17 = 0, countedOther = 0;
     s.mLabelDepthVolumeGrid->for_each([&](const Solid::KeyType&, Solid::LabelDepthVolume& block) {
@@ -229,7 +229,7 @@ TEST(SubmitImagesFusion, RoomMatchesTrueDistanceInBothModes) {
                                     span<const Image>{images.data(), uint32_t(images.size())}),
                 kSuccess);
         }
-        Impl::State& s = scene->internalState();
+        Impl::State& s = internalState(*scene);
         int checked = 0;
         if (mode == 1) {
             checkAgainstTruth(*s.mVolumeGrid, room, checked);
@@ -266,7 +266,7 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
     ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
                                   span<const Image>{images.data(), 1}),
               kSuccess);
-    Solid::DepthGrid& grid = *scene->internalState().mVolumeGrid;
+    Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
     const float half = 0.5f * grid.config().spacing(0);
     int pixelsChecked = 0;
     for (int v = 0; v < frame.height; v += 7) {
@@ -336,7 +336,7 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
 TEST(SubmitImagesConcurrency, ReaderDuringFusion) {
     const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
     auto scene = makeScene(1);
-    Solid::DepthGrid& grid = *scene->internalState().mVolumeGrid;
+    Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
     std::atomic<bool> done{false};
     std::atomic<long> reads{0};
     std::atomic<int> outOfRange{0};
