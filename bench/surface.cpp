@@ -51,7 +51,7 @@ Impl& fusedRoom(int cellMm) {
 
 void meshRoom(benchmark::State& state, bool merge) {
     Impl& room = fusedRoom(static_cast<int>(state.range(0)));
-    const Solid::DepthGrid& grid = *room.internalState().mVolumeGrid;
+    const Solid::DepthGrid& grid = *internalState(room).mVolumeGrid;
     Solid::IndexSet blocks;
     grid.for_each(
         [&](const Solid::KeyType& key, const Solid::DepthVolume&) { blocks.insert(key); });
