@@ -295,8 +295,8 @@ void Delaunator<T>::link(uint32_t a, uint32_t b) {
 }
 
 template <typename T>
-uint32_t Delaunator<T>::add_triangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a,
-                                     uint32_t b, uint32_t c) {
+uint32_t Delaunator<T>::add_triangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a, uint32_t b,
+                                     uint32_t c) {
     const uint32_t t = static_cast<uint32_t>(triangles.size());
     triangles.push_back(i0);
     triangles.push_back(i1);

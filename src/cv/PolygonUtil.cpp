@@ -82,11 +82,10 @@ Common::Vector<int> computeConvexHull(const Vec2* points, unsigned int count) {
         return a.angle != b.angle ? a.angle < b.angle : a.distance > b.distance;
     });
     // Of points in the same direction only the farthest can be on the hull.
-    sorted.erase(std::unique(sorted.begin(), sorted.end(),
-                             [](const Candidate& a, const Candidate& b) {
-                                 return a.angle == b.angle;
-                             }),
-                 sorted.end());
+    sorted.erase(
+        std::unique(sorted.begin(), sorted.end(),
+                    [](const Candidate& a, const Candidate& b) { return a.angle == b.angle; }),
+        sorted.end());
 
     hull.push_back(pivot);
     if (sorted.empty()) {

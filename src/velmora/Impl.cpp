@@ -71,9 +71,8 @@ XrResultVLM Impl::init(const Config& config) {
     s.mTruncation = config.truncation;
     if (config.detectPlanes) {
         // Without plane detection the plane fields of the configuration are not read at all.
-        s.mPlaneDetector.configure(config.truncation, config.planeMaxStdError,
-                                   config.planeMaxAngle, config.planeSolverIterations,
-                                   config.planeContourAlpha);
+        s.mPlaneDetector.configure(config.truncation, config.planeMaxStdError, config.planeMaxAngle,
+                                   config.planeSolverIterations, config.planeContourAlpha);
     }
     s.mLabelPlanes = config.labelPlanes;
     {

@@ -65,18 +65,18 @@ TEST(ConvexHull, KnownAnswers) {
         {"one point is a closed degenerate hull", {Vec2(2.0f, 3.0f)}, {0, 0}},
         {"two points", {Vec2(1.0f, 1.0f), Vec2(0.0f, 0.0f)}, {1, 0, 1}},
         {"square with interior points",
-         {Vec2(0.5f, 0.5f), Vec2(1.0f, 0.0f), Vec2(0.2f, 0.7f), Vec2(0.0f, 0.0f),
-          Vec2(1.0f, 1.0f), Vec2(0.6f, 0.3f), Vec2(0.0f, 1.0f)},
+         {Vec2(0.5f, 0.5f), Vec2(1.0f, 0.0f), Vec2(0.2f, 0.7f), Vec2(0.0f, 0.0f), Vec2(1.0f, 1.0f),
+          Vec2(0.6f, 0.3f), Vec2(0.0f, 1.0f)},
          {3, 1, 4, 6, 3}},
         {"collinear points on an edge are dropped",
-         {Vec2(0.0f, 0.0f), Vec2(0.5f, 0.0f), Vec2(1.0f, 0.0f), Vec2(1.0f, 1.0f),
-          Vec2(0.0f, 1.0f), Vec2(0.0f, 0.5f)},
+         {Vec2(0.0f, 0.0f), Vec2(0.5f, 0.0f), Vec2(1.0f, 0.0f), Vec2(1.0f, 1.0f), Vec2(0.0f, 1.0f),
+          Vec2(0.0f, 0.5f)},
          {0, 2, 3, 4, 0}},
         {"duplicates count once",
-         {Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(0.0f, 1.0f),
-          Vec2(0.0f, 1.0f)},
+         {Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(0.0f, 1.0f), Vec2(0.0f, 1.0f)},
          {0, 1, 3, 0}},
-        {"all on one line: the ends", {Vec2(0.0f, 0.0f), Vec2(1.0f, 1.0f), Vec2(2.0f, 2.0f)},
+        {"all on one line: the ends",
+         {Vec2(0.0f, 0.0f), Vec2(1.0f, 1.0f), Vec2(2.0f, 2.0f)},
          {0, 2, 0}},
     };
     for (const HullCase& c : cases) {
@@ -134,8 +134,8 @@ TEST(DelaunayTriangulation, DegenerateInputs) {
                                       Vec2(0.0f, 1.0f), Vec2(1.0f, 1.0f)};
     EXPECT_EQ(triangulate(square).size(), 2u);
     // A cloud wholly in negative coordinates still triangulates.
-    const std::vector<Vec2> negative = {Vec2(-9.0f, -9.0f), Vec2(-7.0f, -9.5f),
-                                        Vec2(-8.0f, -6.0f), Vec2(-6.5f, -7.0f)};
+    const std::vector<Vec2> negative = {Vec2(-9.0f, -9.0f), Vec2(-7.0f, -9.5f), Vec2(-8.0f, -6.0f),
+                                        Vec2(-6.5f, -7.0f)};
     const auto triangles = triangulate(negative);
     EXPECT_EQ(triangles.size(), 2u);
     expectDelaunay(negative, triangles);
@@ -212,9 +212,9 @@ TEST(AlphaShapes, HolesAndThresholds) {
     // Alpha below the spacing: no triangle passes, no shape.
     EXPECT_TRUE(PU::computeAlphaShapes(points, 0.5f, 1e-6f).empty());
     // Collinear points: nothing.
-    EXPECT_TRUE(PU::computeAlphaShapes({Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(2.0f, 0.0f)},
-                                       5.0f, 1e-6f)
-                    .empty());
+    EXPECT_TRUE(
+        PU::computeAlphaShapes({Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(2.0f, 0.0f)}, 5.0f, 1e-6f)
+            .empty());
 }
 
 TEST(AlphaTriangles, EdgeLengthDecides) {

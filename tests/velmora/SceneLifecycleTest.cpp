@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "velmora/Impl.h"
+#include "velmora/ImplState.h"
 #include "velmora/Velmora.h"
 
 namespace Velmora {
@@ -143,6 +144,8 @@ TEST(SceneLifecycle, PlanesDisabledAndZeroPlacementDirection) {
     config.detectPlanes = true;
     ASSERT_EQ(withPlanes->init(config), kSuccess);
     EXPECT_EQ(withPlanes->getPlanes(planes, links), kSuccess);
+    EXPECT_TRUE(static_cast<Impl*>(withPlanes.get())->internalState().mPlaneDetector.isEnabled());
+    EXPECT_FALSE(static_cast<Impl*>(scene.get())->internalState().mPlaneDetector.isEnabled());
 }
 
 }  // namespace

@@ -324,10 +324,10 @@ PlaneIDSet PlaneDetector::mergePlanes(const IndexSet& updatedBlocks) {
 
 std::ostream& operator<<(std::ostream& out, const PlaneDetector::Node& node) {
     const auto& p = node.plane.getData();
-    const char* state = !node.isValid()  ? "invalid"
-                        : node.isLeaf()  ? "leaf"
-                        : node.isRoot()  ? "root"
-                                         : "intermediate";
+    const char* state = !node.isValid() ? "invalid"
+                        : node.isLeaf() ? "leaf"
+                        : node.isRoot() ? "root"
+                                        : "intermediate";
     out << "#" << node.id << "\t" << p[0] << " " << p[1] << " " << p[2] << " " << p[3] << "\t"
         << state;
     return out;

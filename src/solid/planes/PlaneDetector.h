@@ -56,11 +56,11 @@ public:
     using Plane = AR::CV::Geometry::Plane3D<float>;
 
     struct Node {
-        PlaneID id = INVALID;      // the node's index while valid, 0 once reset
-        PlaneID parent = INVALID;  // id for a root or lone leaf, else the node that absorbed it
-        Plane plane;               // the fitted plane
-        Equations equations;       // accumulated normal equations of its blocks
-        IndexSet blocks;           // the blocks the node covers
+        PlaneID id = INVALID;        // the node's index while valid, 0 once reset
+        PlaneID parent = INVALID;    // id for a root or lone leaf, else the node that absorbed it
+        Plane plane;                 // the fitted plane
+        Equations equations;         // accumulated normal equations of its blocks
+        IndexSet blocks;             // the blocks the node covers
         std::vector<Vec3> geometry;  // sample points projected onto the plane, world metres
         std::vector<Vec3> contour;   // the outline, world metres
         uint16_t label = 0;          // semantic class
@@ -136,8 +136,8 @@ public:
 
 private:
     bool mEnabled = false;
-    size_t mIdxCount = 0;                               // next PlaneID, == mPlanes.size()
-    AR::Common::FlatMap<Index3, PlaneID> mGridIdxs;     // the leaf of each block that has one
+    size_t mIdxCount = 0;                                 // next PlaneID, == mPlanes.size()
+    AR::Common::FlatMap<Index3, PlaneID> mGridIdxs;       // the leaf of each block that has one
     AR::Common::FlatMap<Index3, IndexSet> mBlockSamples;  // chosen samples per block
     std::vector<Node> mPlanes;
     std::vector<Index3> mNeighbourOffsets;  // the 26 neighbours, lexicographic, without (0,0,0)

@@ -147,7 +147,8 @@ TEST(Plane3DEquations, SumsSolveAndErrors) {
     EXPECT_NEAR(plane.getDepth(), -0.5f, 1e-4f);
     EXPECT_NEAR(sum.stdError(plane), 0.0f, 1e-3f);
     // A plane 0.1 m off gives that residual everywhere: sqrt(n / (n - 1)) * 0.1.
-    const AR::CV::Geometry::Plane3D<float> shifted(AR::Math::Vector<float, 4>(0.f, 0.f, 1.f, -0.4f));
+    const AR::CV::Geometry::Plane3D<float> shifted(
+        AR::Math::Vector<float, 4>(0.f, 0.f, 1.f, -0.4f));
     EXPECT_NEAR(sum.stdError(shifted), 0.1f * std::sqrt(45.0f / 44.0f), 1e-3f);
     const auto back = sum - b;
     EXPECT_EQ(back.size(), a.size());
