@@ -149,8 +149,8 @@ TEST(SceneLifecycle, PlanesDisabledAndZeroPlacementDirection) {
     config.detectPlanes = true;
     ASSERT_EQ(withPlanes->init(config), kSuccess);
     EXPECT_EQ(withPlanes->getPlanes(planes, links), kSuccess);
-    EXPECT_TRUE(static_cast<Impl*>(withPlanes.get())->internalState().mPlaneDetector.isEnabled());
-    EXPECT_FALSE(static_cast<Impl*>(scene.get())->internalState().mPlaneDetector.isEnabled());
+    EXPECT_TRUE(internalState(*static_cast<Impl*>(withPlanes.get())).mPlaneDetector.isEnabled());
+    EXPECT_FALSE(internalState(*static_cast<Impl*>(scene.get())).mPlaneDetector.isEnabled());
 }
 
 }  // namespace
