@@ -62,7 +62,7 @@ void BM_SubmitImages(benchmark::State& state) {
     };
     for (size_t f = 0; f < frames.size(); ++f)
         submit(f);  // warm-up: the blocks exist
-    Impl::State& s = scene.internalState();
+    Impl::State& s = internalState(scene);
     size_t touched = 0;
     size_t f = 0;
     for (auto _ : state) {

@@ -59,11 +59,12 @@ public:
     static XrResultVLM checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics);
 
     // Everything of the scene that needs internal types: grids, detectors, caches. Its type is
-    // not public; the accessor serves the library's own tools and tests.
+    // defined only inside the library.
     struct State;
-    State& internalState() { return *mState; }
 
 private:
+    friend struct StateAccess;  // the library's own reach into State (src/velmora/ImplState.h)
+
     bool isInitialized() const;
 
     bool mInitialized = false;      // guarded by mInitMutex

@@ -60,6 +60,16 @@ struct Impl::State {
     void publish(const Solid::IndexSet& blocks);
 };
 
+// The library's own code, its tests and benchmarks reach the scene state through here; the
+// installed header keeps it out of a host's view.
+struct StateAccess {
+    static Impl::State& of(Impl& scene) { return *scene.mState; }
+};
+
+inline Impl::State& internalState(Impl& scene) {
+    return StateAccess::of(scene);
+}
+
 }  // namespace Velmora
 
 #endif  // VELMORA_VELMORA_IMPLSTATE_H

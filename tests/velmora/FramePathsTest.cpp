@@ -62,7 +62,7 @@ void countLabels(Impl::State& s, const AnalyticScene& room, int& onSurface, int&
 TEST(FramePaths, SplitLabelsVoteOnTheSurfaceAndConsumeTheQueue) {
     const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
     auto scene = makeScene(1);
-    Impl::State& s = scene->internalState();
+    Impl::State& s = internalState(*scene);
     const PinholeCamera camera = wallCamera();
     const RenderedFrame frame = render(room, camera);
 
@@ -102,7 +102,7 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
     const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
     for (int32_t mode : {0, 1}) {
         auto scene = makeScene(mode);
-        Impl::State& s = scene->internalState();
+        Impl::State& s = internalState(*scene);
         const PinholeCamera camera = wallCamera();
         const RenderedFrame frame = render(room, camera);
         std::vector<Image> fuse = {frame.depthImage()};
@@ -160,7 +160,7 @@ TEST(FramePaths, CombinedColourIsKeptAlongsideFusion) {
     ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
                                   span<const Image>{images.data(), 3}),
               kSuccess);
-    Impl::State& s = scene->internalState();
+    Impl::State& s = internalState(*scene);
     ASSERT_EQ(s.mTexture.keyframes.size(), 1u);
     const Solid::RGBDFrame& key = s.mTexture.keyframes[0];
     // The keyframe's depth is the submitted one, its camera the submitted pose.

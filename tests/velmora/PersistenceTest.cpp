@@ -94,10 +94,6 @@ Solid::Vec3 inFrontOfSurface(int view) {
                        static_cast<float>(p[2]));
 }
 
-Impl::State& state(Impl& scene) {
-    return scene.internalState();
-}
-
 using Solid::Test::expectSameBlocks;
 using Solid::Test::keysInTableOrder;
 
@@ -152,9 +148,9 @@ TEST(Persistence, RoundTripOfBothModesKeepsEverySampleByte) {
         ASSERT_EQ(fuseView(*combined, kModeCombined, view), kSuccess);
         ASSERT_EQ(fuseView(*split, kModeSplit, view), kSuccess);
     }
-    fillLabelGrid(*state(*split).mLabelVolumeGrid);
-    ASSERT_GT(state(*combined).mLabelDepthVolumeGrid->size(), 10u);
-    ASSERT_GT(state(*split).mVolumeGrid->size(), 10u);
+    fillLabelGrid(*internalState(*split).mLabelVolumeGrid);
+    ASSERT_GT(internalState(*combined).mLabelDepthVolumeGrid->size(), 10u);
+    ASSERT_GT(internalState(*split).mVolumeGrid->size(), 10u);
 
     EXPECT_EQ(combined->saveVolumes(combinedBase), 1);
     EXPECT_EQ(split->saveVolumes(splitBase), 1);
@@ -168,32 +164,35 @@ TEST(Persistence, RoundTripOfBothModesKeepsEverySampleByte) {
 
     auto combinedLoaded = makeScene(kModeCombined);
     EXPECT_EQ(combinedLoaded->loadVolumes(combinedBase), 1);
-    expectSameBlocks(*state(*combined).mLabelDepthVolumeGrid,
-                     *state(*combinedLoaded).mLabelDepthVolumeGrid);
-    expectAllBlocksChanged(state(*combinedLoaded), *state(*combinedLoaded).mLabelDepthVolumeGrid);
+    expectSameBlocks(*internalState(*combined).mLabelDepthVolumeGrid,
+                     *internalState(*combinedLoaded).mLabelDepthVolumeGrid);
+    expectAllBlocksChanged(internalState(*combinedLoaded),
+                           *internalState(*combinedLoaded).mLabelDepthVolumeGrid);
 
     auto splitLoaded = makeScene(kModeSplit);
     EXPECT_EQ(splitLoaded->loadVolumes(splitBase), 1);
-    expectSameBlocks(*state(*split).mVolumeGrid, *state(*splitLoaded).mVolumeGrid);
-    expectSameBlocks(*state(*split).mLabelVolumeGrid, *state(*splitLoaded).mLabelVolumeGrid);
-    expectAllBlocksChanged(state(*splitLoaded), *state(*splitLoaded).mVolumeGrid);
+    expectSameBlocks(*internalState(*split).mVolumeGrid, *internalState(*splitLoaded).mVolumeGrid);
+    expectSameBlocks(*internalState(*split).mLabelVolumeGrid,
+                     *internalState(*splitLoaded).mLabelVolumeGrid);
+    expectAllBlocksChanged(internalState(*splitLoaded), *internalState(*splitLoaded).mVolumeGrid);
     // The label grid's own blocks are not the depth grid's and are not marked.
-    EXPECT_FALSE(state(*splitLoaded).mSurfaces.updatedBlocks.contains(Solid::KeyType(50, 50, 50)));
+    EXPECT_FALSE(
+        internalState(*splitLoaded).mSurfaces.updatedBlocks.contains(Solid::KeyType(50, 50, 50)));
 
     // The files of the other mode under the same name are not looked at.
     auto splitFromCombined = makeScene(kModeSplit);
     EXPECT_EQ(splitFromCombined->loadVolumes(combinedBase), 1);
-    EXPECT_EQ(state(*splitFromCombined).mVolumeGrid->size(), 0u);
-    EXPECT_EQ(state(*splitFromCombined).mLabelVolumeGrid->size(), 0u);
+    EXPECT_EQ(internalState(*splitFromCombined).mVolumeGrid->size(), 0u);
+    EXPECT_EQ(internalState(*splitFromCombined).mLabelVolumeGrid->size(), 0u);
     auto combinedFromSplit = makeScene(kModeCombined);
     EXPECT_EQ(combinedFromSplit->loadVolumes(splitBase), 1);
-    EXPECT_EQ(state(*combinedFromSplit).mLabelDepthVolumeGrid->size(), 0u);
+    EXPECT_EQ(internalState(*combinedFromSplit).mLabelDepthVolumeGrid->size(), 0u);
 
     // A loaded scene fuses on: the same view again changes the loaded samples.
     ASSERT_EQ(fuseView(*combinedLoaded, kModeCombined, 0), kSuccess);
     ASSERT_EQ(fuseView(*combined, kModeCombined, 0), kSuccess);
-    expectSameBlocks(*state(*combined).mLabelDepthVolumeGrid,
-                     *state(*combinedLoaded).mLabelDepthVolumeGrid);
+    expectSameBlocks(*internalState(*combined).mLabelDepthVolumeGrid,
+                     *internalState(*combinedLoaded).mLabelDepthVolumeGrid);
 }
 
 TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
@@ -208,8 +207,9 @@ TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
         const std::string base = dir.file("whole" + std::to_string(mode));
         ASSERT_EQ(source->saveVolumes(base), 1);
         const std::string whole = readFile(base + suffix);
-        const size_t blocks = mode == kModeCombined ? state(*source).mLabelDepthVolumeGrid->size()
-                                                    : state(*source).mVolumeGrid->size();
+        const size_t blocks = mode == kModeCombined
+                                  ? internalState(*source).mLabelDepthVolumeGrid->size()
+                                  : internalState(*source).mVolumeGrid->size();
 
         for (const size_t cut : {size_t{10}, whole.size() / 3, whole.size() / 2 + 5,
                                  whole.size() - 2, whole.size() - 1}) {
@@ -219,7 +219,7 @@ TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
             auto scene = makeScene(mode);
             // A cut file is no failure: it loads up to the cut.
             EXPECT_EQ(scene->loadVolumes(cutBase), 1);
-            Impl::State& s = state(*scene);
+            Impl::State& s = internalState(*scene);
             const size_t loaded =
                 mode == kModeCombined ? s.mLabelDepthVolumeGrid->size() : s.mVolumeGrid->size();
             EXPECT_LE(loaded, blocks);
@@ -228,10 +228,10 @@ TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
             }
             if (cut == whole.size() - 1) {
                 if (mode == kModeCombined) {
-                    expectSameBlocks(*state(*source).mLabelDepthVolumeGrid,
+                    expectSameBlocks(*internalState(*source).mLabelDepthVolumeGrid,
                                      *s.mLabelDepthVolumeGrid);
                 } else {
-                    expectSameBlocks(*state(*source).mVolumeGrid, *s.mVolumeGrid);
+                    expectSameBlocks(*internalState(*source).mVolumeGrid, *s.mVolumeGrid);
                 }
             }
 
@@ -260,7 +260,8 @@ TEST(Persistence, EmptyBaseNameWritesTheBareSuffix) {
     auto loaded = makeScene(kModeCombined);
     EXPECT_EQ(loaded->loadVolumes(""), 1);
     fs::current_path(previous);
-    expectSameBlocks(*state(*scene).mLabelDepthVolumeGrid, *state(*loaded).mLabelDepthVolumeGrid);
+    expectSameBlocks(*internalState(*scene).mLabelDepthVolumeGrid,
+                     *internalState(*loaded).mLabelDepthVolumeGrid);
 }
 
 // Captures the lines the logger hands out.
@@ -300,10 +301,10 @@ TEST(Persistence, UninitialisedUnopenableAndMissingFiles) {
 
     // Missing files are skipped and leave the grids as they are, but the blocks still count as
     // changed.
-    const size_t before = state(*split).mVolumeGrid->size();
+    const size_t before = internalState(*split).mVolumeGrid->size();
     EXPECT_EQ(split->loadVolumes(base), 1);
-    EXPECT_EQ(state(*split).mVolumeGrid->size(), before);
-    expectAllBlocksChanged(state(*split), *state(*split).mVolumeGrid);
+    EXPECT_EQ(internalState(*split).mVolumeGrid->size(), before);
+    expectAllBlocksChanged(internalState(*split), *internalState(*split).mVolumeGrid);
 }
 
 // Saving beside a producer: every file written is a whole grid, each block taken under its mutex.
@@ -325,7 +326,7 @@ TEST(PersistenceConcurrency, SaveBesideFusionWritesWholeFiles) {
         EXPECT_EQ(scene->saveVolumes(bases.back()), 1);
     }
     producer.join();
-    const size_t finalBlocks = state(*scene).mVolumeGrid->size();
+    const size_t finalBlocks = internalState(*scene).mVolumeGrid->size();
     for (const std::string& base : bases) {
         Solid::DepthGrid grid;
         std::ifstream file(base + ".depthgrid", std::ios::binary);

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -44,7 +45,7 @@ PinholeCamera roomCamera(double angle) {
 }
 
 size_t blockCount(Impl& scene) {
-    Impl::State& s = scene.internalState();
+    Impl::State& s = internalState(scene);
     size_t n = 0;
     if (s.mVolumeGrid)
         n += s.mVolumeGrid->size();
@@ -119,13 +120,52 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
     EXPECT_EQ(submit(fresh, {depth}, camera.pose()), kErrorNotInitialized);
 }
 
+// Every field of intrinsics and pose is checked for finiteness before anything changes, with
+// the intrinsics code taking precedence; the same frame with good values does fuse.
+TEST_F(SubmitImagesCodes, NonFiniteIntrinsicsAndPosesAreRefusedBeforeFusion) {
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nonFinite[] = {std::nanf(""), inf, -inf};
+    for (int mode : {0, 1}) {
+        auto scene = makeScene(mode);
+        std::vector<Image> images =
+            mode == 0 ? std::vector<Image>{depth, label} : std::vector<Image>{depth};
+        const span<const Image> frameImages{images.data(), uint32_t(images.size())};
+        for (int field = 0; field < 7; ++field) {
+            for (float bad : nonFinite) {
+                XrPosefVLM pose = camera.pose();
+                float* values[] = {&pose.orientation.x, &pose.orientation.y, &pose.orientation.z,
+                                   &pose.orientation.w, &pose.position.x,    &pose.position.y,
+                                   &pose.position.z};
+                *values[field] = bad;
+                EXPECT_EQ(scene->submitImages(1, camera.intrinsics(), pose, frameImages),
+                          kErrorPoseInvalid)
+                    << "mode " << mode << " pose field " << field << " value " << bad;
+                if (field < 4) {
+                    IntrinsicLinearCameraCalibrationVLM intrinsics = camera.intrinsics();
+                    double* intrinsicValues[] = {
+                        &intrinsics.principalPointX, &intrinsics.principalPointY,
+                        &intrinsics.focalLengthX, &intrinsics.focalLengthY};
+                    *intrinsicValues[field] = bad;
+                    EXPECT_EQ(scene->submitImages(1, intrinsics, pose, frameImages),
+                              kErrorIntrinsicsInvalid)
+                        << "mode " << mode << " intrinsics field " << field << " value " << bad;
+                }
+            }
+        }
+        EXPECT_EQ(blockCount(*scene), 0u) << "mode " << mode;
+        EXPECT_EQ(scene->submitImages(1, camera.intrinsics(), camera.pose(), frameImages),
+                  kSuccess);
+        EXPECT_GT(blockCount(*scene), 0u) << "mode " << mode;
+    }
+}
+
 TEST_F(SubmitImagesCodes, CombinedModeUsesTheLaterLabelImage) {
     auto combined = makeScene(0);
     std::vector<uint8_t> otherLabels(frame.labels.size(), 17);
     Image second = label;
     second.pixelData = otherLabels.data();
     ASSERT_EQ(submit(*combined, {depth, label, second}, camera.pose()), kSuccess);
-    Impl::State& s = combined->internalState();
+    Impl::State& s = internalState(*combined);
     ASSERT_GT(s.mLabelDepthVolumeGrid->size(), 0u);
     int counted17 = 0, countedOther = 0;
     s.mLabelDepthVolumeGrid->for_each([&](const Solid::KeyType&, Solid::LabelDepthVolume& block) {
@@ -189,7 +229,7 @@ TEST(SubmitImagesFusion, RoomMatchesTrueDistanceInBothModes) {
                                     span<const Image>{images.data(), uint32_t(images.size())}),
                 kSuccess);
         }
-        Impl::State& s = scene->internalState();
+        Impl::State& s = internalState(*scene);
         int checked = 0;
         if (mode == 1) {
             checkAgainstTruth(*s.mVolumeGrid, room, checked);
@@ -226,7 +266,7 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
     ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
                                   span<const Image>{images.data(), 1}),
               kSuccess);
-    Solid::DepthGrid& grid = *scene->internalState().mVolumeGrid;
+    Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
     const float half = 0.5f * grid.config().spacing(0);
     int pixelsChecked = 0;
     for (int v = 0; v < frame.height; v += 7) {
@@ -296,7 +336,7 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
 TEST(SubmitImagesConcurrency, ReaderDuringFusion) {
     const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
     auto scene = makeScene(1);
-    Solid::DepthGrid& grid = *scene->internalState().mVolumeGrid;
+    Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
     std::atomic<bool> done{false};
     std::atomic<long> reads{0};
     std::atomic<int> outOfRange{0};
