@@ -162,7 +162,7 @@ TEST_P(InstancesTest, EachBoxIsOneInstanceWithItsLabelAndBounds) {
         }
     }
     // The links: one per identity created, 0 included; a live instance is its own parent.
-    const uint32_t created = scene->internalState().mInstanceExtractor.numCreatedNodes();
+    const uint32_t created = internalState(*scene).mInstanceExtractor.numCreatedNodes();
     ASSERT_EQ(report.links.size(), created);
     for (uint32_t id = 0; id < created; ++id)
         EXPECT_EQ(report.links[id].first, makeObjectUuid(0, kUuidKindInstance, id));
@@ -230,7 +230,7 @@ TEST_P(InstancesTest, ARelabelledPieceGivesItsIdentitiesBack) {
     EXPECT_EQ(meeting(after, 9, box.min, box.max).size(), 1u);
     EXPECT_EQ(idOf(after.links[oldId].second), 0u);
     // Every local identity is back in the pool or held by exactly one piece.
-    const Solid::InstanceExtractor& extractor = scene->internalState().mInstanceExtractor;
+    const Solid::InstanceExtractor& extractor = internalState(*scene).mInstanceExtractor;
     size_t held = 0;
     for (const auto& block : extractor.blockInstances())
         held += block.second.size();
@@ -283,7 +283,7 @@ TEST(InstancesProtocol, EveryWayOfSizingTheSpans) {
     span<ObjectInstance> nullInstances{nullptr, 1};
     span<SubsumedLink> noRoom{};
     ASSERT_EQ(scene->getObjectInstances(nullInstances, noRoom), kErrorInvalidArgument);
-    EXPECT_TRUE(scene->internalState().mInstanceUpdatedBlocks.empty());
+    EXPECT_TRUE(internalState(*scene).mInstanceUpdatedBlocks.empty());
     const Report truth = readInstances(*scene);
     ASSERT_EQ(truth.result, kSuccess);
     const int instanceCount = int(truth.instances.size());
