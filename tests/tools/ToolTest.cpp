@@ -31,7 +31,7 @@ const std::string kSmallSize = std::to_string(kSmallWidth) + "x" + std::to_strin
 
 TEST(ToolCommandLine, HelpAndUsageErrors) {
     ScratchDir scratch;
-    for (const char* command : {"render-scene", "fuse", "demo", "mesh"}) {
+    for (const char* command : {"render-scene", "fuse", "demo", "mesh", "accuracy"}) {
         const ToolRun help = runTool(scratch, {command, "--help"});
         EXPECT_EQ(help.exitCode, kExitOk) << command;
         EXPECT_TRUE(contains(help.out, "Usage:")) << help.out;
@@ -292,6 +292,19 @@ TEST(ToolEndToEnd, DemoRendersFusesSavesAndReports) {
     EXPECT_GT(accuracy["truthPoints"].get<size_t>(), 0u);
     EXPECT_TRUE(json["stageSeconds"].contains("meshing"));
     EXPECT_EQ(json["files"].size(), 5u);
+
+    // The same figures for the demo's mesh file, measured on its own.
+    const ToolRun measured =
+        runTool(scratch, {"accuracy", scratch / "out/scene.ply", "--frames", "3", "--size",
+                          kSmallSize, "--stats", scratch / "a.json"});
+    ASSERT_EQ(measured.exitCode, kExitOk) << measured.err;
+    EXPECT_EQ(summaryRow(measured.out, "completeness"), summaryRow(run.out, "completeness"));
+    const nlohmann::json alone = nlohmann::json::parse(readText(scratch / "a.json"));
+    EXPECT_EQ(alone["distance"], accuracy["distance"]);
+    EXPECT_EQ(alone["truthPoints"], accuracy["truthPoints"]);
+    const ToolRun missing = runTool(scratch, {"accuracy", scratch / "absent.ply"});
+    EXPECT_EQ(missing.exitCode, kExitFailure);
+    EXPECT_TRUE(contains(missing.err, "absent.ply: cannot open")) << missing.err;
 }
 
 // fuse writes every output asked for; `mesh` on the volumes it saved writes the same mesh.
