@@ -10,6 +10,7 @@
 
 #include "cv/Camera.h"
 #include "solid/instances/InstanceExtractor.h"
+#include "solid/planes/PlaneDetector.h"
 #include "solid/volume/Frames.h"
 #include "solid/volume/VolumeGrid.h"
 #include "velmora/Impl.h"
@@ -49,7 +50,7 @@ struct Impl::State {
     std::mutex mInstanceMutex;                    // held for the whole of getObjectInstances
     std::mutex mInstanceUpdatedMutex;             // guards mInstanceUpdatedBlocks
     Solid::InstanceExtractor mInstanceExtractor;  // used under mInstanceMutex only
-    bool mDetectPlanes = false;                   // plane detection enabled by Config::detectPlanes
+    Solid::PlaneDetector mPlaneDetector;          // enabled and configured by Config::detectPlanes
     Solid::IndexSet mPlaneUpdatedBlocks;          // changed since the last getPlanes
     std::mutex mPlaneMutex;                       // held for the whole of getPlanes
     std::mutex mPlaneUpdatedMutex;                // guards mPlaneUpdatedBlocks
