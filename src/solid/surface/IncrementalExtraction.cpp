@@ -5,6 +5,8 @@
 #include "common/Logger.h"
 #include "common/Timing.h"
 #include "solid/fusion/BorderCopy.h"
+#include "solid/instances/InstanceExtractor.h"
+#include "solid/surface/IncrementalExtractionImpl.h"
 #include "solid/surface/MarchingCubes2.h"
 
 namespace Solid {
@@ -168,5 +170,15 @@ template bool annotateMesh(PolygonMesh&, const LabelGrid&,
 template bool annotateMesh(PolygonMesh&, const LabelDepthGrid&,
                            const std::function<SurfaceInstanceId(const LabelDepthVolumeSample&)>&,
                            PolygonMesh::InstanceIds*, SurfaceInstanceId);
+
+// The functions that read the instance extractor, for the system's one extractor.
+template IndexSet getBlockForSurfaceExtraction(const DepthGrid&, const InstanceExtractor&,
+                                               const IndexSet&, SurfaceInstanceId, bool);
+template IndexSet getBlockForSurfaceExtraction(const LabelDepthGrid&, const InstanceExtractor&,
+                                               const IndexSet&, SurfaceInstanceId, bool);
+template void extractSurfaceForInstanceID(LabelDepthGrid&, const InstanceExtractor&,
+                                          const IndexSet&, SurfaceInstanceId, bool, MeshGridType&);
+template void extractSurfaceForInstanceID(DepthGrid&, const LabelGrid&, const InstanceExtractor&,
+                                          const IndexSet&, SurfaceInstanceId, MeshGridType&);
 
 }  // namespace Solid
