@@ -83,8 +83,12 @@ bool annotateMesh(
     const Vec3& inverseSpacing = grid.config().inverseSpacing;
     const Index3& bounds = grid.config().bounds;
     // A vertex shared by several triangles gets one lookup: the sample nearest to it is the same
-    // for each of them.
+    // for each of them. Consecutive vertices mostly lie in one block, which stays locked (and
+    // found) until a vertex of another block comes.
     std::vector<bool> done(positions.size(), false);
+    KeyType currentKey;
+    typename Grid::Ptr current;
+    bool looked = false;
     for (unsigned int vertexIndex : indices) {
         AR_ASSERT(vertexIndex < positions.size());
         if (done[vertexIndex]) {
@@ -96,8 +100,14 @@ bool annotateMesh(
         for (int a = 0; a < 3; ++a) {
             key[a] = floorToKey(p[a] * inverseDimension[a]);
         }
+        if (!looked || key != currentKey) {
+            current = typename Grid::Ptr();  // unlock before the next lookup
+            current = grid.get(key);
+            currentKey = key;
+            looked = true;
+        }
         SurfaceInstanceId value = defaultValue;
-        if (auto block = grid.get(key)) {
+        if (current) {
             int sample[3];
             for (int a = 0; a < 3; ++a) {
                 const float local = p[a] - dimension[a] * static_cast<float>(key[a]);
@@ -105,7 +115,7 @@ bool annotateMesh(
                 sample[a] = std::clamp(
                     static_cast<int>(std::floor(0.5f + local * inverseSpacing[a])), 0, bounds[a]);
             }
-            value = predicate(block->at(sample[0], sample[1], sample[2]));
+            value = predicate(current->at(sample[0], sample[1], sample[2]));
         }
         (*annotations)[vertexIndex] = value;
     }
