@@ -126,18 +126,6 @@ XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
     return kSuccess;
 }
 
-XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    if (!mState->mPlaneDetector.isEnabled()) {
-        return kErrorPlanesDisabled;
-    }
-    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans
-    // stay untouched.
-    return kSuccess;
-}
-
 const char* Impl::getVersion() const {
     AR_LOG_DEBUG("Impl::getVersion()");
     return mVersion.c_str();
