@@ -4,12 +4,21 @@
 // are in the grid, shared block borders agree, and readers may run during fusion.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "common/Logger.h"
+#include "common/Trace.h"
 #include "support/AnalyticScene.h"
 #include "support/SceneSetup.h"
 #include "velmora/Impl.h"
@@ -117,6 +126,43 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
 
     Impl fresh;
     EXPECT_EQ(submit(fresh, {depth}, camera.pose()), kErrorNotInitialized);
+}
+
+class LogText : public AR::Common::LogTarget {
+public:
+    void write(int, const char* line, size_t length) override { text.append(line, length); }
+    std::string text;
+};
+
+TEST_F(SubmitImagesCodes, WithTracingOnTheSpanOfSubmitImagesReachesTheMarker) {
+    using AR::Common::Trace;
+    // In a fresh process the first init makes the process's tracer: the kernel's marker is open
+    // afterwards, or the log says why it is not.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            LogText log;
+            AR::Common::Logger::getInstance().addTarget(&log);
+            makeScene(1);
+            const bool said = log.text.find("error opening trace file") != std::string::npos;
+            std::exit(Trace::isEnabled() || said ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+
+    const std::string path = testing::TempDir() + "velmora-submit-trace";
+    std::ofstream(path).close();
+    Trace::disable();
+    ASSERT_TRUE(Trace::enableAt(path.c_str()));
+    auto split = makeScene(1);
+    EXPECT_EQ(submit(*split, {depth}, camera.pose()), kSuccess);
+    Trace::disable();
+    std::stringstream trace;
+    trace << std::ifstream(path).rdbuf();
+    const std::string records = trace.str();
+    EXPECT_EQ(records.rfind("B|" + std::to_string(getpid()) + "|submitImages", 0), 0u) << records;
+    EXPECT_NE(records.find("|Integration"), std::string::npos);
+    EXPECT_EQ(records.back(), 'E');
+    std::remove(path.c_str());
 }
 
 TEST_F(SubmitImagesCodes, CombinedModeUsesTheLaterLabelImage) {
