@@ -121,9 +121,6 @@ TEST(ToolEndToEnd, RenderThenFuse) {
         ASSERT_EQ(scene->init(config), Velmora::kSuccess);
         auto* impl = static_cast<Velmora::Impl*>(scene.get());
         ASSERT_EQ(impl->loadVolumes(scratch / "volumes/scene"), 1);
-        Velmora::span<Velmora::ObjectInstance> instances{};
-        Velmora::span<Velmora::SubsumedLink> links{};
-        EXPECT_EQ(scene->getObjectInstances(instances, links), Velmora::kSuccess);
         if (split) {
             // Somewhere in the room is a fused sample: some point must be known.
             bool known = false;

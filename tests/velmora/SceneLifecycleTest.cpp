@@ -138,11 +138,6 @@ TEST(SceneLifecycle, PlanesDisabledAndZeroPlacementDirection) {
     EXPECT_EQ(scene->getPlacementInfo({0, 0, 0}, {0, 0, 0}, {1, 0, 0}, info, 5.0f),
               kErrorDirectionZero);
 
-    auto withPlanes = makeScene();
-    Config config = makeConfig(0.02f, 0.1f, 1);
-    config.detectPlanes = true;
-    ASSERT_EQ(withPlanes->init(config), kSuccess);
-    EXPECT_EQ(withPlanes->getPlanes(planes, links), kSuccess);
 }
 
 }  // namespace
