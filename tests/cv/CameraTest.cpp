@@ -143,55 +143,6 @@ TYPED_TEST(CameraTyped, ValidationMessagesAndFailedInit) {
     }
 }
 
-TEST(HermiteSplineTest, FitReachesItsTargetAndDropsASteepLastBin) {
-    using Spline = HermiteSplineInterpolation<double>;
-    using Range = AR::Math::Vector<double, 2>;
-    // A cubic is reproduced exactly by one bin.
-    Spline cubic;
-    const double cubicError = cubic.setupHermiteCoeffs(
-        [](double x, double& y, double& dy) {
-            y = 1 + x * (2 - x * (0.5 - 0.25 * x));
-            dy = 2 - x + 0.75 * x * x;
-            return true;
-        },
-        Range(-1.0, 3.0), true, 1024, kFitTarget, 32);
-    EXPECT_LT(cubicError, 1e-12);
-    EXPECT_EQ(cubic.segments().size(), 1u);
-
-    // exp over [0, 4]: the returned error meets the target, and so does a dense independent
-    // sample (allowing for points between the fit's own test points).
-    Spline smooth;
-    const double smoothError = smooth.setupHermiteCoeffs(
-        [](double x, double& y, double& dy) {
-            y = std::exp(x);
-            dy = y;
-            return true;
-        },
-        Range(0.0, 4.0), true, 1024, kFitTarget, 32);
-    EXPECT_LT(smoothError, kFitTarget);
-    EXPECT_GE(smooth.segments().size(), 32u);
-    double worst = 0;
-    for (int i = 0; i < 4000; ++i) {
-        const double x = 4.0 * i / 4000.0;
-        double y = 0;
-        ASSERT_TRUE(smooth.evaluate(x, y));
-        worst = std::max(worst, std::fabs(y - std::exp(x)) / std::exp(x));
-    }
-    EXPECT_LT(worst, 1.5 * kFitTarget);
-    EXPECT_GT(worst, 0.0);
-
-    // A function that fails in its range leaves no spline.
-    Spline broken;
-    const double brokenError = broken.setupHermiteCoeffs(
-        [](double x, double& y, double& dy) {
-            y = dy = 1;
-            return x < 0.5;
-        },
-        Range(0.0, 1.0), true, 1024, kFitTarget, 32);
-    EXPECT_TRUE(std::isinf(brokenError));
-    EXPECT_FALSE(broken.isInit());
-}
-
 TEST(HermiteSplineDeathTest, UnfittedOrInvertedRangeAborts) {
     HermiteSplineInterpolation<float> spline;
     float y = 0;

@@ -338,40 +338,5 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
     EXPECT_GT(pairs, 10);
 }
 
-// A reader samples the depth grid all over the room while frames are fused.
-TEST(SubmitImagesConcurrency, ReaderDuringFusion) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    auto scene = makeScene(1);
-    Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
-    std::atomic<bool> done{false};
-    std::atomic<long> reads{0};
-    std::atomic<int> outOfRange{0};
-    std::thread reader([&] {
-        unsigned state = 7;
-        while (!done.load() || reads.load() == 0) {
-            state = state * 1664525u + 1013904223u;
-            const Solid::Vec3 p(float(state % 4000) * 0.001f, float((state >> 12) % 3000) * 0.001f,
-                                float((state >> 4) % 2600) * 0.001f);
-            Solid::KeyType key;
-            const float v = grid.value(p, key);
-            if (v != -2.0f && (v < -1.0001f || v > 1.0001f))
-                ++outOfRange;
-            ++reads;
-        }
-    });
-    for (int f = 0; f < 3; ++f) {
-        const PinholeCamera camera = roomCamera(2.0 * f);
-        const RenderedFrame frame = render(room, camera);
-        std::vector<Image> images = {frame.depthImage()};
-        EXPECT_EQ(scene->submitImages(f, camera.intrinsics(), camera.pose(),
-                                      span<const Image>{images.data(), 1}),
-                  kSuccess);
-    }
-    done = true;
-    reader.join();
-    EXPECT_EQ(outOfRange.load(), 0);
-    EXPECT_GT(grid.size(), 0u);
-}
-
 }  // namespace
 }  // namespace Velmora

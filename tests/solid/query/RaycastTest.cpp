@@ -251,48 +251,5 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
     EXPECT_EQ(found, KeyType(0, 0, 4));
 }
 
-// Collects the finished lines of the logger.
-class LineCapture : public AR::Common::LogTarget {
-public:
-    void write(int, const char* text, size_t length) override { lines.emplace_back(text, length); }
-    size_t count(const std::string& part) const {
-        size_t n = 0;
-        for (const std::string& line : lines) {
-            n += line.find(part) != std::string::npos;
-        }
-        return n;
-    }
-    std::vector<std::string> lines;
-};
-
-TEST(RaycastLog, VerboseTraceOfAMarchSwitchesStepOnce) {
-    DepthGrid grid;
-    Velmora::Test::configureGrid(grid, kCellSize);
-    Velmora::Test::fuseView(grid, wallScene(), wallCamera(), kTruncation);
-    const Vec3 eye(0.8f, 1.0f, 1.0f);
-    AR::Common::Logger& logger = AR::Common::Logger::getInstance();
-    LineCapture capture;
-    logger.addTarget(&capture);
-
-    // At the default level nothing of the march is logged.
-    raycastSparseVolume(grid, eye, Vec3(1.0f, 0.0f, 0.0f), kNearPlane, kFarPlane, 3.0f);
-    EXPECT_TRUE(capture.lines.empty());
-
-    logger.setLevel(AR::Common::Logger::LEVEL_VERBOSE);
-    const Vec4 hit =
-        raycastSparseVolume(grid, eye, Vec3(1.0f, 0.0f, 0.0f), kNearPlane, kFarPlane, 3.0f);
-    logger.setLevel(AR::Common::Logger::kDefaultLevel);
-    logger.removeTarget(&capture);
-
-    ASSERT_GT(hit(3), 0.0f);
-    EXPECT_EQ(capture.count("nearPlane 0.050000 farPlane 5.000000"), 1u);
-    EXPECT_EQ(capture.count("Switching from large step size 0.060000 to small step size 0.020000"),
-              1u);
-    EXPECT_EQ(capture.count("negative value found"), 1u);
-    EXPECT_EQ(capture.count("surface found (via interpolation) at"), 1u);
-    // One line per sample read, the last one being the first negative value.
-    EXPECT_GE(capture.count("searching intersection: value"), 20u);
-}
-
 }  // namespace
 }  // namespace Solid
