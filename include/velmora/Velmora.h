@@ -33,13 +33,13 @@ using XrTimeVLM = int64_t;
 constexpr XrResultVLM kSuccess = 0;
 // A caller's buffer is too small; the required counts were written back, nothing else filled.
 constexpr XrResultVLM kErrorBufferTooSmall = -11;
-// The pose orientation is not a unit quaternion.
+// The pose orientation is not a unit quaternion, or a pose value is not finite.
 constexpr XrResultVLM kErrorPoseInvalid = -39;
 // The object is not initialised.
 constexpr XrResultVLM kErrorNotInitialized = -2000000;
 // `init` called on an object that is already initialised.
 constexpr XrResultVLM kErrorAlreadyInitialized = -2000001;
-// Intrinsics invalid: one of the four values is not above zero.
+// Intrinsics invalid: one of the four values is not finite or not above zero.
 constexpr XrResultVLM kErrorIntrinsicsInvalid = -2000002;
 // `Config::cellSize` is not above zero.
 constexpr XrResultVLM kErrorCellSizeInvalid = -2000003;

@@ -36,9 +36,17 @@ constexpr float kNoNumSamplesFilter = 0.0f;
 constexpr float kNoBestSampleDistanceFilter = 0.0f;
 constexpr size_t kRunOnce = 1;
 
-bool isUnitQuaternion(const XrQuaternionfVLM& q) {
+// A pose describes a camera only when every value is finite and the orientation has unit length.
+// The test comes before anything is changed; a NaN also fails the length test.
+bool isValidPose(const XrPosefVLM& pose) {
+    const XrQuaternionfVLM& q = pose.orientation;
+    const XrVector3fVLM& t = pose.position;
+    for (const float value : {q.x, q.y, q.z, q.w, t.x, t.y, t.z}) {
+        if (!std::isfinite(value)) {
+            return false;
+        }
+    }
     const float error = q.x * q.x + q.y * q.y + q.z * q.z + q.w * q.w - 1.0f;
-    // A NaN fails this test.
     return static_cast<double>(std::fabs(error)) < kMaxQuaternionNormError;
 }
 
@@ -206,7 +214,7 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
     if (images.size < 1 || images.size > 3 || images.data == nullptr) {
         return kErrorInvalidArgument;
     }
-    if (!isUnitQuaternion(pose.orientation)) {
+    if (!isValidPose(pose)) {
         return kErrorPoseInvalid;
     }
     for (uint32_t i = 0; i < images.size; ++i) {

@@ -1,5 +1,6 @@
 #include "velmora/Impl.h"
 
+#include <cmath>
 #include <cstdio>
 
 #include "common/Logger.h"
@@ -40,10 +41,13 @@ XrResultVLM Impl::checkConfig(const Config& config) {
 }
 
 XrResultVLM Impl::checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics) {
-    // A field fails only when it compares as zero or below, so a NaN passes this test.
-    if (intrinsics.principalPointX <= 0.0 || intrinsics.principalPointY <= 0.0 ||
-        intrinsics.focalLengthX <= 0.0 || intrinsics.focalLengthY <= 0.0) {
-        return kErrorIntrinsicsInvalid;
+    // Each value must be finite and above zero: a NaN or an infinity would reach block keys and
+    // camera models as values no camera has.
+    for (const double value : {intrinsics.principalPointX, intrinsics.principalPointY,
+                               intrinsics.focalLengthX, intrinsics.focalLengthY}) {
+        if (!(std::isfinite(value) && value > 0.0)) {
+            return kErrorIntrinsicsInvalid;
+        }
     }
     return kSuccess;
 }

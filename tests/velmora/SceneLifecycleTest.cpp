@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 #include "velmora/Impl.h"
@@ -74,21 +75,25 @@ TEST(SceneLifecycle, UnknownModeInitialises) {
     EXPECT_EQ(impl->saveVolumes("/nonexistent-dir/never-written"), 1);
 }
 
-TEST(SceneLifecycle, IntrinsicsMustBeAboveZeroButNaNPasses) {
-    IntrinsicLinearCameraCalibrationVLM good{319.5, 239.5, 525.0, 525.0};
+TEST(SceneLifecycle, EveryIntrinsicsFieldMustBeFiniteAndAboveZero) {
+    const IntrinsicLinearCameraCalibrationVLM good{319.5, 239.5, 525.0, 525.0};
     EXPECT_EQ(Impl::checkIntrinsics(good), kSuccess);
-    for (int field = 0; field < 4; ++field) {
-        for (double bad : {0.0, -1.0}) {
+    // A tiny but positive focal length is a camera, however odd.
+    EXPECT_EQ(Impl::checkIntrinsics({319.5, 239.5, 1e-300, 1e300}), kSuccess);
+    double IntrinsicLinearCameraCalibrationVLM::*const fields[] = {
+        &IntrinsicLinearCameraCalibrationVLM::principalPointX,
+        &IntrinsicLinearCameraCalibrationVLM::principalPointY,
+        &IntrinsicLinearCameraCalibrationVLM::focalLengthX,
+        &IntrinsicLinearCameraCalibrationVLM::focalLengthY};
+    const double inf = std::numeric_limits<double>::infinity();
+    for (auto field : fields) {
+        for (double bad : {0.0, -0.0, -1.0, std::nan(""), inf, -inf}) {
             IntrinsicLinearCameraCalibrationVLM c = good;
-            double* values[] = {&c.principalPointX, &c.principalPointY, &c.focalLengthX,
-                                &c.focalLengthY};
-            *values[field] = bad;
-            EXPECT_EQ(Impl::checkIntrinsics(c), kErrorIntrinsicsInvalid) << field;
+            c.*field = bad;
+            EXPECT_EQ(Impl::checkIntrinsics(c), kErrorIntrinsicsInvalid)
+                << "field " << (&(c.*field) - &c.principalPointX) << " value " << bad;
         }
     }
-    IntrinsicLinearCameraCalibrationVLM withNaN = good;
-    withNaN.focalLengthX = NAN;
-    EXPECT_EQ(Impl::checkIntrinsics(withNaN), kSuccess);
 }
 
 TEST(SceneLifecycle, OperationsBeforeInit) {

@@ -1,20 +1,19 @@
 // Frame submission: every result code and the order of the checks (a refused call changes
 // nothing), and fusion of rendered frames of an analytic room in both run modes: values near
 // the surface match the true signed distance, unobserved space reads -2.0, the ramp neighbours
-// are in the grid, shared block borders agree, and readers may run during fusion.
+// are in the grid, shared block borders agree, and with tracing on the call leaves its span.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/Logger.h"
@@ -163,6 +162,45 @@ TEST_F(SubmitImagesCodes, WithTracingOnTheSpanOfSubmitImagesReachesTheMarker) {
     EXPECT_NE(records.find("|Integration"), std::string::npos);
     EXPECT_EQ(records.back(), 'E');
     std::remove(path.c_str());
+}
+
+// Every field of intrinsics and pose is checked for finiteness before anything changes, with
+// the intrinsics code taking precedence; the same frame with good values does fuse.
+TEST_F(SubmitImagesCodes, NonFiniteIntrinsicsAndPosesAreRefusedBeforeFusion) {
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nonFinite[] = {std::nanf(""), inf, -inf};
+    for (int mode : {0, 1}) {
+        auto scene = makeScene(mode);
+        std::vector<Image> images =
+            mode == 0 ? std::vector<Image>{depth, label} : std::vector<Image>{depth};
+        const span<const Image> frameImages{images.data(), uint32_t(images.size())};
+        for (int field = 0; field < 7; ++field) {
+            for (float bad : nonFinite) {
+                XrPosefVLM pose = camera.pose();
+                float* values[] = {&pose.orientation.x, &pose.orientation.y, &pose.orientation.z,
+                                   &pose.orientation.w, &pose.position.x,    &pose.position.y,
+                                   &pose.position.z};
+                *values[field] = bad;
+                EXPECT_EQ(scene->submitImages(1, camera.intrinsics(), pose, frameImages),
+                          kErrorPoseInvalid)
+                    << "mode " << mode << " pose field " << field << " value " << bad;
+                if (field < 4) {
+                    IntrinsicLinearCameraCalibrationVLM intrinsics = camera.intrinsics();
+                    double* intrinsicValues[] = {
+                        &intrinsics.principalPointX, &intrinsics.principalPointY,
+                        &intrinsics.focalLengthX, &intrinsics.focalLengthY};
+                    *intrinsicValues[field] = bad;
+                    EXPECT_EQ(scene->submitImages(1, intrinsics, pose, frameImages),
+                              kErrorIntrinsicsInvalid)
+                        << "mode " << mode << " intrinsics field " << field << " value " << bad;
+                }
+            }
+        }
+        EXPECT_EQ(blockCount(*scene), 0u) << "mode " << mode;
+        EXPECT_EQ(scene->submitImages(1, camera.intrinsics(), camera.pose(), frameImages),
+                  kSuccess);
+        EXPECT_GT(blockCount(*scene), 0u) << "mode " << mode;
+    }
 }
 
 TEST_F(SubmitImagesCodes, CombinedModeUsesTheLaterLabelImage) {

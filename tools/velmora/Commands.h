@@ -37,6 +37,21 @@ struct DemoOptions {
     size_t frames = kDefaultSceneFrames;
     uint32_t width = kDefaultWidth;
     uint32_t height = kDefaultHeight;
+    std::string statsPath;  // empty: no JSON
+    // Paths left empty take their default place in `outDir` (demoOutputs).
+    OutputOptions outputs;
+};
+
+// The files that `demo` writes into `outDir` unless told otherwise: scene.ply, planes.json,
+// instances.json and preview.png (with preview-planes.png beside it).
+OutputOptions demoOutputs(const std::string& outDir, const OutputOptions& requested);
+
+struct MeshCommandOptions {
+    std::string volumePrefix;
+    FuseMode mode = FuseMode::kSplit;
+    float cellSize = FuseOptions{}.cellSize;
+    float truncation = FuseOptions{}.truncation;
+    OutputOptions outputs;
 };
 
 // Each returns the exit code; messages go to `err`, results to `out`.
@@ -44,6 +59,9 @@ int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream
 int runFuse(const FuseCommandOptions& options, std::ostream& out, std::ostream& err,
             bool interactive);
 int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bool interactive);
+// Loads saved volumes into a fresh scene and writes the requested outputs.
+int runMesh(const MeshCommandOptions& options, std::ostream& out, std::ostream& err,
+            bool interactive);
 
 // Parsers of the compound arguments; false on malformed text.
 bool parseSize(const std::string& text, uint32_t& width, uint32_t& height);      // "640x480"
