@@ -78,9 +78,9 @@ XrResultVLM Impl::init(const Config& config) {
     }
     s.mTruncation = config.truncation;
     if (config.detectPlanes) {
-        // TODO(unfiled: plane detection): hand truncation and the plane settings to the plane
-        // detector.
-        s.mDetectPlanes = true;
+        // Without plane detection the plane fields of the configuration are not read at all.
+        s.mPlaneDetector.configure(config.truncation, config.planeMaxStdError, config.planeMaxAngle,
+                                   config.planeSolverIterations, config.planeContourAlpha);
     }
     s.mLabelPlanes = config.labelPlanes;
     {
@@ -134,7 +134,7 @@ XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subs
     if (!isInitialized()) {
         return kErrorNotInitialized;
     }
-    if (!mState->mDetectPlanes) {
+    if (!mState->mPlaneDetector.isEnabled()) {
         return kErrorPlanesDisabled;
     }
     // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cv/Camera.h"
+#include "solid/planes/PlaneDetector.h"
 #include "solid/volume/Frames.h"
 #include "solid/volume/VolumeGrid.h"
 #include "velmora/Impl.h"
@@ -47,7 +48,7 @@ struct Impl::State {
     Solid::IndexSet mInstanceUpdatedBlocks;  // changed since the last getObjectInstances
     std::mutex mInstanceMutex;               // held for the whole of getObjectInstances
     std::mutex mInstanceUpdatedMutex;        // guards mInstanceUpdatedBlocks
-    bool mDetectPlanes = false;              // plane detection enabled by Config::detectPlanes
+    Solid::PlaneDetector mPlaneDetector;     // enabled and configured by Config::detectPlanes
     Solid::IndexSet mPlaneUpdatedBlocks;     // changed since the last getPlanes
     std::mutex mPlaneMutex;                  // held for the whole of getPlanes
     std::mutex mPlaneUpdatedMutex;           // guards mPlaneUpdatedBlocks

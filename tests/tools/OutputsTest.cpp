@@ -173,6 +173,49 @@ TEST(PlyFiles, WrittenMeshesReadBack) {
     EXPECT_NE(error.find("cannot create"), std::string::npos) << error;
 }
 
+// The reader of `velmora accuracy` takes the tool's own files and those of other programs: ASCII,
+// double coordinates, extra properties, polygons, elements after the faces.
+TEST(PlyFiles, OtherProgramsMeshesReadAndBrokenFilesAreNamed) {
+    ScratchDir scratch;
+    const HostMesh written = cannedScene().mesh;
+    std::string error;
+    ASSERT_TRUE(writePly(scratch / "own.ply", written, error)) << error;
+    HostMesh mesh;
+    ASSERT_TRUE(readPlyMesh(scratch / "own.ply", mesh, error)) << error;
+    EXPECT_EQ(mesh.positions, written.positions);
+    EXPECT_EQ(mesh.indices, written.indices);
+
+    const std::string ascii =
+        "ply\nformat ascii 1.0\nelement vertex 4\nproperty double x\nproperty double y\n"
+        "property double z\nproperty double nx\nelement face 1\n"
+        "property list uchar int vertex_indices\nelement edge 1\nproperty int a\nend_header\n"
+        "0 0 0 9\n1 0 0 9\n1 1 0.5 9\n0 1 0 9\n4 0 1 2 3\n7\n";
+    writeText(scratch / "ascii.ply", ascii);
+    ASSERT_TRUE(readPlyMesh(scratch / "ascii.ply", mesh, error)) << error;
+    ASSERT_EQ(mesh.positions.size(), 4u);
+    EXPECT_EQ(mesh.positions[2], (std::array<float, 3>{1, 1, 0.5f}));
+    EXPECT_EQ(mesh.indices, (std::vector<uint32_t>{0, 1, 2, 0, 2, 3}));
+
+    const std::pair<std::string, const char*> broken[] = {
+        {"solid x\n", "not a PLY file"},
+        {"ply\nformat binary_big_endian 1.0\nend_header\n", "unsupported PLY format"},
+        {"ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n", "without end_header"},
+        {"ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nend_header\n1\n",
+         "ends inside the vertex data"},
+        {"ply\nformat ascii 1.0\nelement vertex 1\nproperty half x\nend_header\n1\n",
+         "unsupported PLY property"},
+        {"ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nelement face 1\n"
+         "property list uchar int v\nend_header\n1\n3 0 0 1\n",
+         "a face names vertex 1 of 1"},
+    };
+    for (const auto& [text, message] : broken) {
+        writeText(scratch / "broken.ply", text);
+        EXPECT_FALSE(readPlyMesh(scratch / "broken.ply", mesh, error)) << message;
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+    }
+    EXPECT_FALSE(readPlyMesh(scratch / "absent.ply", mesh, error));
+}
+
 TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
     const CannedScene scene = cannedScene();
     const nlohmann::json planes = nlohmann::json::parse(planesJson(scene.planes));

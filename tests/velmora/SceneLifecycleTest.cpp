@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "velmora/Impl.h"
+#include "velmora/ImplState.h"
 #include "velmora/Velmora.h"
 
 namespace Velmora {
@@ -143,6 +144,13 @@ TEST(SceneLifecycle, PlanesDisabledAndZeroPlacementDirection) {
     EXPECT_EQ(scene->getPlacementInfo({0, 0, 0}, {0, 0, 0}, {1, 0, 0}, info, 5.0f),
               kErrorDirectionZero);
 
+    auto withPlanes = makeScene();
+    Config config = makeConfig(0.02f, 0.1f, 1);
+    config.detectPlanes = true;
+    ASSERT_EQ(withPlanes->init(config), kSuccess);
+    EXPECT_EQ(withPlanes->getPlanes(planes, links), kSuccess);
+    EXPECT_TRUE(internalState(*static_cast<Impl*>(withPlanes.get())).mPlaneDetector.isEnabled());
+    EXPECT_FALSE(internalState(*static_cast<Impl*>(scene.get())).mPlaneDetector.isEnabled());
 }
 
 }  // namespace

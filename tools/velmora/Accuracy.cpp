@@ -203,7 +203,7 @@ AccuracyReport evaluateBuiltinScene(const HostMesh& mesh, const HostPlanes& plan
     return report;
 }
 
-void printAccuracy(const AccuracyReport& report, std::ostream& out) {
+void printAccuracy(const AccuracyReport& report, bool withPlanesAndObjects, std::ostream& out) {
     constexpr double kMillimetresPerMetre = 1000.0;
     constexpr double kPercent = 100.0;
     char text[200];
@@ -219,6 +219,9 @@ void printAccuracy(const AccuracyReport& report, std::ostream& out) {
                   "completeness", report.completeness * kPercent,
                   kCompletenessDistance * kMillimetresPerMetre);
     out << text;
+    if (!withPlanesAndObjects) {
+        return;
+    }
     std::snprintf(text, sizeof(text), "  %-18s %zu of %zu\n", "planes matched",
                   report.planesMatched, report.planes.size());
     out << text;

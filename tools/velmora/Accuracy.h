@@ -69,8 +69,9 @@ std::vector<Vec3> seenTrueSurface(const BuiltinSceneRun& run);
 AccuracyReport evaluateBuiltinScene(const HostMesh& mesh, const HostPlanes& planes,
                                     const HostInstances& instances, const BuiltinSceneRun& run);
 
-// The report as lines of the summary, and as the "accuracy" object of the statistics.
-void printAccuracy(const AccuracyReport& report, std::ostream& out);
+// The report as lines of the summary (the plane and object matches only when
+// `withPlanesAndObjects`), and as the "accuracy" object of the statistics.
+void printAccuracy(const AccuracyReport& report, bool withPlanesAndObjects, std::ostream& out);
 nlohmann::json accuracyJson(const AccuracyReport& report);
 
 }  // namespace VelmoraTool

@@ -54,11 +54,22 @@ struct MeshCommandOptions {
     OutputOptions outputs;
 };
 
+struct AccuracyCommandOptions {
+    std::string meshPath;
+    size_t frames = kDefaultSceneFrames;
+    uint32_t width = kDefaultWidth;
+    uint32_t height = kDefaultHeight;
+    std::string statsPath;  // empty: no JSON
+};
+
 // Each returns the exit code; messages go to `err`, results to `out`.
 int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream& err);
 int runFuse(const FuseCommandOptions& options, std::ostream& out, std::ostream& err,
             bool interactive);
 int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bool interactive);
+// Measures a mesh file from any program against the built-in scene's true surfaces, as seen by
+// the frames of a run of the given length and size.
+int runAccuracy(const AccuracyCommandOptions& options, std::ostream& out, std::ostream& err);
 // Loads saved volumes into a fresh scene and writes the requested outputs.
 int runMesh(const MeshCommandOptions& options, std::ostream& out, std::ostream& err,
             bool interactive);

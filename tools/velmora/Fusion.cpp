@@ -421,7 +421,7 @@ void printSummary(const FuseReport& report, std::ostream& out) {
         row("stage times", format("fusion %.2f s", report.fusionSeconds));
     }
     if (report.accuracy) {
-        printAccuracy(*report.accuracy, out);
+        printAccuracy(*report.accuracy, true, out);
     }
 }
 

@@ -21,10 +21,15 @@ constexpr double kFieldOfView = 0.87;
 // so that a few stray vertices do not shrink the scene to a dot.
 constexpr double kBoundsTrim = 0.002;
 // The picture leaves this share of its size free around the scene.
-constexpr double kMargin = 1.08;
+constexpr double kMargin = 1.1;
+// Bisection steps of the viewing distance, and the corners of a box.
+constexpr int kFitSteps = 30;
+constexpr int kBoxCorners = 8;
+// Smallest radius of the bounds, metres, so that a scene of one point still gets a viewpoint.
+constexpr double kMinRadius = 1e-3;
 // Light: a share from all directions and a share from a direction above and behind the viewer.
-constexpr double kAmbient = 0.35;
-constexpr double kDiffuse = 0.65;
+constexpr double kAmbient = 0.4;
+constexpr double kDiffuse = 0.6;
 constexpr Vec3d kLightDirection{-0.3, -0.5, 1.0};  // towards the light, world frame
 // Background: a vertical gradient between two blue-greys.
 constexpr std::array<double, 3> kBackgroundTop{236, 240, 246};
@@ -360,21 +365,45 @@ PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t heig
     }
     const Vec3d centre{(low[0] + high[0]) / 2, (low[1] + high[1]) / 2, (low[2] + high[2]) / 2};
     const Vec3d half = sub(high, centre);
-    const double radius = std::max(std::sqrt(dot(half, half)), 1e-3);
+    const double radius = std::max(std::sqrt(dot(half, half)), kMinRadius);
     PreviewCamera camera;
     camera.width = width;
     camera.height = height;
     camera.focal = (width / 2.0) / std::tan(kFieldOfView / 2.0);
-    // The narrower side of the picture must hold the sphere around the bounds.
-    const double narrowHalfAngle = std::atan((std::min(width, height) / 2.0) / camera.focal);
-    const double distance = kMargin * radius / std::sin(narrowHalfAngle);
     const Vec3d towardsViewer = normalised(kViewDirection);
-    for (int axis = 0; axis < 3; ++axis) {
-        camera.position[axis] = centre[axis] + distance * towardsViewer[axis];
-    }
     camera.forward = {-towardsViewer[0], -towardsViewer[1], -towardsViewer[2]};
     camera.right = normalised(cross(camera.forward, {0.0, 0.0, 1.0}));
     camera.down = cross(camera.forward, camera.right);
+    // The nearest distance at which the eight corners of the bounds fit into the picture with its
+    // margin, found by bisection between a distance that is surely too near (the bounding sphere
+    // touching the camera) and one that surely fits (the sphere inside the narrower view cone).
+    auto place = [&](double distance) {
+        for (int axis = 0; axis < 3; ++axis) {
+            camera.position[axis] = centre[axis] + distance * towardsViewer[axis];
+        }
+    };
+    auto fits = [&]() {
+        for (int corner = 0; corner < kBoxCorners; ++corner) {
+            const std::array<float, 3> p{static_cast<float>(corner & 1 ? high[0] : low[0]),
+                                         static_cast<float>(corner & 2 ? high[1] : low[1]),
+                                         static_cast<float>(corner & 4 ? high[2] : low[2])};
+            double x = 0.0, y = 0.0, depth = 0.0;
+            if (!camera.project(p, x, y, depth) ||
+                std::fabs(x - (width - 1) / 2.0) * kMargin > width / 2.0 ||
+                std::fabs(y - (height - 1) / 2.0) * kMargin > height / 2.0) {
+                return false;
+            }
+        }
+        return true;
+    };
+    const double narrowHalfAngle = std::atan((std::min(width, height) / 2.0) / camera.focal);
+    double near = radius, far = kMargin * radius / std::sin(narrowHalfAngle);
+    for (int step = 0; step < kFitSteps; ++step) {
+        const double middle = (near + far) / 2.0;
+        place(middle);
+        (fits() ? far : near) = middle;
+    }
+    place(far);
     return camera;
 }
 

@@ -159,7 +159,24 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     addOutputOptions(meshCommand, mesh.outputs);
 
-    for (CLI::App* command : {renderCommand, fuseCommand, demoCommand, meshCommand}) {
+    AccuracyCommandOptions accuracy;
+    std::string accuracySize = "640x480";
+    CLI::App* accuracyCommand = app.add_subcommand(
+        "accuracy",
+        "Measure a mesh file (PLY, from velmora or any other program) against the built-in "
+        "scene's true surfaces: distance of the vertices to the surface, and the share of the "
+        "surface seen by the frames that lies within 2 cm of a vertex.");
+    accuracyCommand->add_option("MESH", accuracy.meshPath, "PLY file, world metres")->required();
+    accuracyCommand->add_option("--frames", accuracy.frames, "Frames of the run that saw the scene")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    accuracyCommand->add_option("--size", accuracySize, "Image size of that run")
+        ->capture_default_str()
+        ->check(sizeValidator());
+    accuracyCommand->add_option("--stats", accuracy.statsPath, "Write the figures as JSON");
+
+    for (CLI::App* command :
+         {renderCommand, fuseCommand, demoCommand, meshCommand, accuracyCommand}) {
         command->footer(kExitCodes);
     }
 
@@ -190,6 +207,10 @@ int main(int argc, char** argv) {
             fuse.intrinsics = intrinsics;
         }
         return runFuse(fuse, std::cout, std::cerr, interactive);
+    }
+    if (accuracyCommand->parsed()) {
+        parseSize(accuracySize, accuracy.width, accuracy.height);
+        return runAccuracy(accuracy, std::cout, std::cerr);
     }
     if (meshCommand->parsed()) {
         mesh.mode = meshMode == "combined" ? FuseMode::kCombined : FuseMode::kSplit;
