@@ -1,6 +1,6 @@
-// Block selection, one pixel at a time: which blocks it hits (its own and the face neighbours the ramp
-// reaches, never a diagonal one), the pixel step, the best-distance filter, and the three block
-// filters; and the border copy into all seven lower neighbours.
+// Block selection one pixel at a time: the blocks it hits (its own and the face neighbours the
+// ramp reaches, never a diagonal one), the pixel step, the best-distance filter and the three
+// block filters; and the border copy into all seven lower neighbours.
 #include <gtest/gtest.h>
 
 #include <set>
