@@ -6,9 +6,16 @@ with Open3D's VoxelBlockGrid on the CPU and with the legacy ScalableTSDFVolume, 
 size and truncation, with one and with two threads. Prints the median per-frame time of each and
 its ratio to Velmora's.
 
+With --mesh, times whole-scene meshing instead: Open3D's `extract_triangle_mesh` on a tensor
+VoxelBlockGrid that fused all frames of the sequence (one thread), against the benchmark
+`bench_surface`, which meshes and merges every block of the same frames fused by Velmora. The
+sequence must then be the built-in scene rendered with the benchmark's frame count
+(`velmora render-scene DIR --frames 60`).
+
 With --scene-table, prints the side-by-side table on the built-in scene (see scene_table).
 
 Usage: bench/compare_open3d.py SEQUENCE_DIR [--velmora PATH] [--cell-size M] [--truncation M]
+       bench/compare_open3d.py SEQUENCE_DIR --mesh [--bench-surface PATH] [--cell-size M] ...
        bench/compare_open3d.py --scene-table [--frames N] [--size WxH] [--velmora PATH] ...
 Needs Debian's python3-open3d and python3-numpy (run with /usr/bin/python3).
 """
@@ -105,6 +112,74 @@ def run_open3d(frames, intrinsics, cell, truncation, threads, legacy, keep=False
     return times
 
 
+# Repetitions of Open3D's mesh extraction; the median is reported.
+MESH_REPETITIONS = 5
+
+
+def run_open3d_mesh(frames, intrinsics, cell, truncation):
+    """Median milliseconds of extract_triangle_mesh after fusing all frames, and its triangles."""
+    import numpy as np
+    import open3d as o3d
+
+    o3d.utility.set_verbosity_level(o3d.utility.VerbosityLevel.Error)
+    device = o3d.core.Device("CPU:0")
+    grid = o3d.t.geometry.VoxelBlockGrid(attr_names=("tsdf", "weight"),
+                                         attr_dtypes=(o3d.core.float32, o3d.core.float32),
+                                         attr_channels=((1), (1)), voxel_size=cell,
+                                         block_resolution=8, block_count=50000, device=device)
+    fx, fy, cx, cy = intrinsics
+    intrinsic = o3d.core.Tensor([[fx, 0, cx], [0, fy, cy], [0, 0, 1]], o3d.core.Dtype.Float64)
+    for depth_path, pose in frames:
+        depth = o3d.t.io.read_image(depth_path).to(device)
+        extrinsic = o3d.core.Tensor(np.linalg.inv(np.array(pose).reshape(4, 4)),
+                                    o3d.core.Dtype.Float64)
+        coords = grid.compute_unique_block_coordinates(depth, intrinsic, extrinsic, 1000.0, 5.0,
+                                                       truncation / cell)
+        grid.integrate(coords, depth, intrinsic, extrinsic, 1000.0, 5.0, truncation / cell)
+    wall = []
+    cpu = []
+    triangles = 0
+    for _ in range(MESH_REPETITIONS):
+        start_wall, start_cpu = time.perf_counter(), time.process_time()
+        # Weight 1: every observed voxel counts, as Velmora's weight threshold 0 does.
+        mesh = grid.extract_triangle_mesh(weight_threshold=1.0)
+        wall.append((time.perf_counter() - start_wall) * 1000.0)
+        cpu.append((time.process_time() - start_cpu) * 1000.0)
+        triangles = mesh.triangle.indices.shape[0]
+    return statistics.median(wall), statistics.median(cpu), triangles
+
+
+def run_velmora_mesh(binary, cell):
+    """Wall and CPU milliseconds and triangles of meshing and merging the fused room."""
+    cell_mm = int(round(cell * 1000))
+    out = subprocess.run([binary, "--benchmark_format=json",
+                          f"--benchmark_filter=BM_MarchingCubesWholeRoomMerged/{cell_mm}$"],
+                         check=True, capture_output=True, text=True).stdout
+    result = json.loads(out)["benchmarks"][0]
+    return result["real_time"], result["cpu_time"], int(result["triangles"])
+
+
+def compare_meshing(args, frames, intrinsics):
+    velmora_wall, velmora_cpu, velmora_triangles = run_velmora_mesh(args.bench_surface,
+                                                                    args.cell_size)
+    code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
+            "f, k = c.load_sequence(%r); print(json.dumps(c.run_open3d_mesh(f, k, %r, %r)))" %
+            (os.path.dirname(os.path.abspath(__file__)), args.sequence, args.cell_size,
+             args.truncation))
+    env = dict(os.environ, OMP_NUM_THREADS="1")
+    out = subprocess.run([sys.executable, "-c", code], check=True, env=env, capture_output=True,
+                         text=True).stdout
+    open3d_wall, open3d_cpu, open3d_triangles = json.loads(out.strip().splitlines()[-1])
+    # On a shared machine the CPU times are the steadier figures; both are printed.
+    print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m, "
+          "whole-scene mesh")
+    print(f"{'mesher':55s} {'wall ms':>9s} {'cpu ms':>9s} {'triangles':>10s} {'wall ratio':>10s} "
+          f"{'cpu ratio':>10s}")
+    print(f"{'velmora MarchingCubes + mergeMesh (1 thread)':55s} {velmora_wall:9.2f} "
+          f"{velmora_cpu:9.2f} {velmora_triangles:10d} {1.0:10.2f} {1.0:10.2f}")
+    print(f"{'Open3D VoxelBlockGrid.extract_triangle_mesh (1 thread)':55s} {open3d_wall:9.2f} "
+          f"{open3d_cpu:9.2f} {open3d_triangles:10d} {open3d_wall / velmora_wall:10.2f} "
+          f"{open3d_cpu / velmora_cpu:10.2f}")
 def run_open3d_scene(frames, intrinsics, cell, truncation, legacy, mesh_path):
     """Fuses the frames and meshes the whole scene with one Open3D integrator; writes the mesh to
     mesh_path and returns the per-frame milliseconds, the meshing milliseconds and the triangles."""
@@ -194,6 +269,9 @@ def main():
                                                           "build", "demo", "tools", "velmora"))
     parser.add_argument("--cell-size", type=float, default=0.02)
     parser.add_argument("--truncation", type=float, default=0.10)
+    parser.add_argument("--mesh", action="store_true", help="compare whole-scene meshing")
+    parser.add_argument("--bench-surface", default=os.path.join(
+        os.path.dirname(__file__), "..", "build", "dev", "bench", "bench_surface"))
     args = parser.parse_args()
     if args.scene_table:
         scene_table(args)
@@ -204,6 +282,9 @@ def main():
     frames, intrinsics = load_sequence(args.sequence)
     if not frames:
         sys.exit(f"{args.sequence}: no frames with a pose")
+    if args.mesh:
+        compare_meshing(args, frames, intrinsics)
+        return
     rows = [("velmora fuse (split, depth only, 1 thread)",
              run_velmora(args.velmora, args.sequence, args.cell_size, args.truncation))]
     for legacy in (False, True):

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "common/Logger.h"
+#include "common/Trace.h"
 #include "velmora/ImplState.h"
 #include "velmora/Version.h"
 
@@ -59,6 +60,9 @@ XrResultVLM Impl::init(const Config& config) {
     if (configResult != kSuccess) {
         return configResult;
     }
+    // The process keeps one tracer: the first scene to start opens the kernel's marker (or logs
+    // why it cannot), and the spans of every scene go there from then on.
+    AR::Common::processTrace();
     State& s = *mState;
     s.mMode = config.mode;
     const Solid::Size blockSize(kBlockLatticePoints, kBlockLatticePoints, kBlockLatticePoints);
@@ -113,16 +117,6 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
         buffers.data[i].vertexCount = 0;
         buffers.data[i].indexCount = 0;
     }
-    return kSuccess;
-}
-
-XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
-                                     span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    // TODO(unfiled: object instances): block instances and their merge; with no instances the spans
-    // stay untouched.
     return kSuccess;
 }
 
