@@ -116,16 +116,6 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
     return kSuccess;
 }
 
-XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
-                                     span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    // TODO(unfiled: object instances): block instances and their merge; with no instances the spans
-    // stay untouched.
-    return kSuccess;
-}
-
 XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subsumed*/) {
     if (!isInitialized()) {
         return kErrorNotInitialized;
