@@ -238,6 +238,8 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
     EXPECT_EQ(instances["instances"][1]["id"], "00000000000000000200000002000000");
     EXPECT_EQ(instances["instances"][1]["label"], 8);
     EXPECT_EQ(instances["instances"][0]["boundsMin"], nlohmann::json::array({1.0, 0.5, 0.0}));
+    // Floats read as the decimals they stand for, to the micrometre.
+    EXPECT_EQ(instances["instances"][1]["boundsMax"], nlohmann::json::array({3.0, 2.5, 1.01}));
     EXPECT_EQ(instances["subsumed"].size(), 2u);
 }
 
