@@ -248,7 +248,7 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
 TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
     CannedScene scene = cannedScene();
     const PreviewCamera camera =
-        overviewCamera(scene.mesh, kPreviewWidth, kPreviewHeight, {0.0, 0.0, 1.0});
+        overviewCamera(scene.mesh.positions, kPreviewWidth, kPreviewHeight, {0.0, 0.0, 1.0});
     for (const std::array<float, 3>& p : scene.mesh.positions) {
         double x = 0, y = 0, depth = 0;
         ASSERT_TRUE(camera.project(p, x, y, depth));
@@ -286,6 +286,9 @@ TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
                     floorColor[c] / static_cast<double>(floorColor[0]), 0.05);
     }
     EXPECT_NE(instanceColor(1), instanceColor(2));
+    // Without a mesh the pictures show the plane outlines.
+    EXPECT_EQ(sceneExtent(scene.mesh, scene.planes), scene.mesh.positions);
+    EXPECT_EQ(sceneExtent({}, scene.planes), scene.planes.planes[0].contour);
     EXPECT_EQ(instanceColor(0), instanceColor(0));
 }
 
@@ -295,7 +298,7 @@ TEST(Previews, ViewpointFollowsTheUpDirection) {
     const HostMesh mesh = cannedScene().mesh;
     for (const std::array<double, 3>& up :
          std::vector<std::array<double, 3>>{{0, 0, 1}, {0, 1, 0}, {-1, 0, 0}, {0, 0.6, 0.8}}) {
-        const PreviewCamera camera = overviewCamera(mesh, 64, 48, up);
+        const PreviewCamera camera = overviewCamera(mesh.positions, 64, 48, up);
         const double forwardUp =
             camera.forward[0] * up[0] + camera.forward[1] * up[1] + camera.forward[2] * up[2];
         const double downUp =
