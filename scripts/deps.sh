@@ -1,6 +1,8 @@
 # Debian packages the project needs, installed by name when missing. Sourced by the entry scripts.
+# clang and libclang-rt-dev (libFuzzer and the sanitizer runtimes) build the fuzz targets.
 VELMORA_PACKAGES=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-                  libtinyxml-dev libpng-dev libcli11-dev nlohmann-json3-dev clang-format)
+                  libtinyxml-dev libpng-dev libcli11-dev nlohmann-json3-dev clang-format
+                  clang libclang-rt-dev)
 # On x86-64 hosts, the Arm cross toolchain and the user-mode emulators that run the NEON kernels
 # of src/vision and its tests on an x86-64 without AVX2 (see scripts/test).
 if [ "$(uname -m)" = x86_64 ]; then

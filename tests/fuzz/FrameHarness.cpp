@@ -200,6 +200,7 @@ void submit(Impl& scene, FuzzInput& in, XrTimeVLM time) {
 }  // namespace
 
 void runFrameInput(const uint8_t* data, size_t size) {
+    const QuietLog quiet;
     FuzzInput in(data, size);
     forgetInstances();
     Config config{};

@@ -41,6 +41,20 @@ void forgetInstances();
 // Every kind of query once, with arguments from `in`.
 void runEveryQuery(Impl& scene, FuzzInput& in);
 
+// Silences the library's log for the life of an input (warnings such as a placement on a surface
+// facing away would otherwise cost more than the calls); assertion reports still get out. The
+// previous level comes back at the end, for the tests that replay inputs beside others.
+class QuietLog {
+public:
+    QuietLog();
+    ~QuietLog();
+    QuietLog(const QuietLog&) = delete;
+    QuietLog& operator=(const QuietLog&) = delete;
+
+private:
+    int mPreviousLevel;
+};
+
 // Ends the process with `what` when `condition` is false.
 void fuzzCheck(bool condition, const char* what);
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "common/Logger.h"
 #include "fuzz/FuzzHarness.h"
 #include "fuzz/FuzzInput.h"
 #include "velmora/Impl.h"
@@ -303,6 +304,14 @@ void runQueryOfKind(Impl& scene, FuzzInput& in, int kind) {
 }
 
 }  // namespace
+
+QuietLog::QuietLog() : mPreviousLevel(AR::Common::Logger::getInstance().getLevel()) {
+    AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::LEVEL_NONE);
+}
+
+QuietLog::~QuietLog() {
+    AR::Common::Logger::getInstance().setLevel(mPreviousLevel);
+}
 
 void fuzzCheck(bool condition, const char* what) {
     if (!condition) {

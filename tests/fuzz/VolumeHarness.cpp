@@ -209,6 +209,7 @@ int stageAll(Impl& scene, const std::string& base, const std::string& depth,
 }  // namespace
 
 void runVolumeInput(const uint8_t* data, size_t size) {
+    const QuietLog quiet;
     FuzzInput in(data, size);
     forgetInstances();
     const uint8_t files = in.byte();
