@@ -45,26 +45,6 @@ SceneObject objectOfLabel(uint8_t label) {
 
 }  // namespace
 
-TEST(BuiltinScene, IntrinsicsAndObjectTable) {
-    const Intrinsics full = sceneIntrinsics(640, 480);
-    EXPECT_EQ(full.fx, 525.0);
-    EXPECT_EQ(full.fy, 525.0);
-    EXPECT_EQ(full.cx, 319.5);
-    EXPECT_EQ(full.cy, 239.5);
-    const Intrinsics quarter = sceneIntrinsics(160, 120);
-    EXPECT_DOUBLE_EQ(quarter.fx, 131.25);
-    EXPECT_DOUBLE_EQ(quarter.cx, 79.5);
-    // Every object has its own label, below the library's class count, and not the "no class" 0.
-    std::set<uint8_t> labels;
-    for (int i = 0; i < static_cast<int>(SceneObject::kCount); ++i) {
-        const uint8_t label = objectInfo(static_cast<SceneObject>(i)).label;
-        EXPECT_GT(label, 0);
-        EXPECT_LT(label, kLabelCount);
-        labels.insert(label);
-    }
-    EXPECT_EQ(labels.size(), static_cast<size_t>(SceneObject::kCount));
-}
-
 // Depth is the z coordinate in the camera frame, not the length of the ray: a wall facing the
 // camera has one depth everywhere, the distance to it.
 TEST(BuiltinScene, DepthOfAWallFacingTheCameraIsItsDistance) {
@@ -196,4 +176,57 @@ TEST(BuiltinScene, NoiseHasTheRequestedSpreadAndFollowsTheSeed) {
     source.load(0, again, problem);
     source.load(2, again, problem);
     EXPECT_EQ(first.depthMm, again.depthMm);
+}
+
+// The truth the accuracy report measures against: distances to the nearest surface, the planes
+// through the surfaces, and bounds that hold every hit on an object.
+TEST(BuiltinScene, TruthAgreesWithTheRenderedSurfaces) {
+    const struct {
+        Vec3 point;
+        double distance;
+    } distances[] = {
+        {{0.03, 1.5, 1.5}, 0.03},          // west wall
+        {{3.9, 1.5, 1.5}, 0.1},            // east wall
+        {{2.0, 1.5, 2.5}, 0.1},            // ceiling
+        {{0.65, 0.6, 0.5}, 0.05},          // above the small box's top at 0.45
+        {{0.65, 0.6, 0.3}, 0.15},          // inside the small box, nearest its top
+        {{2.25, 1.35, 0.91 + 0.2}, 0.05},  // above the ball
+        {{2.0 - 0.1, 1.1, 0.8}, 0.04},     // above the table top
+        {{-0.02, 1.5, 1.5}, 0.02},         // behind the west wall
+    };
+    for (const auto& c : distances) {
+        EXPECT_NEAR(surfaceDistance(c.point), c.distance, 1e-9)
+            << c.point[0] << " " << c.point[1] << " " << c.point[2];
+    }
+    for (const TruePlane& plane : truePlanes()) {
+        const Vec3& n = plane.normal;
+        EXPECT_NEAR(
+            n[0] * plane.centre[0] + n[1] * plane.centre[1] + n[2] * plane.centre[2] + plane.offset,
+            0.0, 1e-12)
+            << plane.name;
+        EXPECT_NEAR(surfaceDistance(plane.centre), 0.0, 1e-9) << plane.name;
+        // The normal points to free space: a step along it leaves the surface.
+        const Vec3 off{plane.centre[0] + 0.01 * n[0], plane.centre[1] + 0.01 * n[1],
+                       plane.centre[2] + 0.01 * n[2]};
+        EXPECT_NEAR(surfaceDistance(off), 0.01, 1e-9) << plane.name;
+    }
+    // Every ray that hits an object ends inside its bounds.
+    const std::vector<TrueObject> objects = trueObjects();
+    for (size_t frame = 0; frame < 12; ++frame) {
+        const Matrix4d pose = cameraPose(frame, 12);
+        for (int step = 0; step < 400; ++step) {
+            const Vec3 direction{pose[2] + 0.02 * (step % 20 - 10),
+                                 pose[6] + 0.02 * (step / 20 - 10), pose[10]};
+            const RayHit hit = castRay({pose[3], pose[7], pose[11]}, direction);
+            for (const TrueObject& object : objects) {
+                if (object.object != hit.object) {
+                    continue;
+                }
+                for (int axis = 0; axis < 3; ++axis) {
+                    EXPECT_GE(hit.point[axis], object.boundsMin[axis] - 1e-9);
+                    EXPECT_LE(hit.point[axis], object.boundsMax[axis] + 1e-9);
+                }
+            }
+        }
+    }
 }

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "velmora/Impl.h"
+#include "velmora/ImplState.h"
 #include "velmora/Velmora.h"
 
 namespace Velmora {
@@ -149,6 +150,8 @@ TEST(SceneLifecycle, PlanesDisabledAndZeroPlacementDirection) {
     config.detectPlanes = true;
     ASSERT_EQ(withPlanes->init(config), kSuccess);
     EXPECT_EQ(withPlanes->getPlanes(planes, links), kSuccess);
+    EXPECT_TRUE(internalState(*static_cast<Impl*>(withPlanes.get())).mPlaneDetector.isEnabled());
+    EXPECT_FALSE(internalState(*static_cast<Impl*>(scene.get())).mPlaneDetector.isEnabled());
 }
 
 }  // namespace

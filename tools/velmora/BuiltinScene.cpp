@@ -140,7 +140,82 @@ double intersectSphere(const Vec3& centre, double radius, const Vec3& origin,
     return t >= kMinHitDistance ? t : std::numeric_limits<double>::infinity();
 }
 
+// Distance from `point` to the surface of a solid box.
+double boxDistance(const Box& box, const Vec3& point) {
+    const double c = std::cos(box.yaw), s = std::sin(box.yaw);
+    const Vec3 o = sub(point, box.centre);
+    const Vec3 local{c * o[0] + s * o[1], -s * o[0] + c * o[1], o[2]};
+    double outside = 0.0;
+    double inside = -std::numeric_limits<double>::infinity();
+    for (int axis = 0; axis < 3; ++axis) {
+        const double excess = std::fabs(local[axis]) - box.half[axis];
+        outside += std::max(excess, 0.0) * std::max(excess, 0.0);
+        inside = std::max(inside, excess);
+    }
+    return inside > 0.0 ? std::sqrt(outside) : -inside;
+}
+
 }  // namespace
+
+double surfaceDistance(const Vec3& point) {
+    double distance = std::min({point[0], kRoomLength - point[0], point[1], kRoomWidth - point[1],
+                                point[2], kRoomHeight - point[2]});
+    distance = std::fabs(distance);
+    for (const Box& box : kBoxes) {
+        distance = std::min(distance, boxDistance(box, point));
+    }
+    const Vec3 toBall = sub(point, ballCentre());
+    return std::min(distance, std::fabs(std::sqrt(dot(toBall, toBall)) - kBallRadius));
+}
+
+const std::vector<TruePlane>& truePlanes() {
+    static const std::vector<TruePlane> planes = {
+        {"floor", {0, 0, 1}, 0.0, {kRoomLength / 2, kRoomWidth / 2, 0.0}},
+        {"ceiling", {0, 0, -1}, kRoomHeight, {kRoomLength / 2, kRoomWidth / 2, kRoomHeight}},
+        {"west wall", {1, 0, 0}, 0.0, {0.0, kRoomWidth / 2, kRoomHeight / 2}},
+        {"east wall", {-1, 0, 0}, kRoomLength, {kRoomLength, kRoomWidth / 2, kRoomHeight / 2}},
+        {"south wall", {0, 1, 0}, 0.0, {kRoomLength / 2, 0.0, kRoomHeight / 2}},
+        {"north wall", {0, -1, 0}, kRoomWidth, {kRoomLength / 2, kRoomWidth, kRoomHeight / 2}},
+        {"table top", {0, 0, 1}, -kTableTop, {kRoomLength / 2, kRoomWidth / 2, kTableTop}},
+    };
+    return planes;
+}
+
+std::vector<TrueObject> trueObjects() {
+    const SceneObject objects[] = {SceneObject::kTable, SceneObject::kBoxSmall,
+                                   SceneObject::kBoxTall};
+    std::vector<TrueObject> result;
+    for (SceneObject object : objects) {
+        TrueObject truth{
+            object,
+            {std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(),
+             std::numeric_limits<double>::infinity()},
+            {-std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+             -std::numeric_limits<double>::infinity()}};
+        for (const Box& box : kBoxes) {
+            if (box.object != object) {
+                continue;
+            }
+            // The corners of the turned box bound it; its yaw is about z only.
+            const double c = std::cos(box.yaw), s = std::sin(box.yaw);
+            const double extent[3] = {std::fabs(c) * box.half[0] + std::fabs(s) * box.half[1],
+                                      std::fabs(s) * box.half[0] + std::fabs(c) * box.half[1],
+                                      box.half[2]};
+            for (int axis = 0; axis < 3; ++axis) {
+                truth.boundsMin[axis] =
+                    std::min(truth.boundsMin[axis], box.centre[axis] - extent[axis]);
+                truth.boundsMax[axis] =
+                    std::max(truth.boundsMax[axis], box.centre[axis] + extent[axis]);
+            }
+        }
+        result.push_back(truth);
+    }
+    const Vec3 ball = ballCentre();
+    result.push_back({SceneObject::kBall,
+                      {ball[0] - kBallRadius, ball[1] - kBallRadius, ball[2] - kBallRadius},
+                      {ball[0] + kBallRadius, ball[1] + kBallRadius, ball[2] + kBallRadius}});
+    return result;
+}
 
 const SceneObjectInfo& objectInfo(SceneObject object) {
     return kObjects[static_cast<size_t>(object)];

@@ -56,6 +56,29 @@ constexpr double kCheckerShade = 0.6;
 Vec3 ballCentre();
 double ballRadius();
 
+// The analytic truth that a reconstruction is measured against.
+//
+// Distance, metres, from `point` (inside the room) to the nearest surface of the scene.
+double surfaceDistance(const Vec3& point);
+
+// A large flat surface of the scene: normal . x + offset = 0, the normal pointing to free space;
+// `centre` lies on the surface, in the middle of its visible part.
+struct TruePlane {
+    const char* name;
+    Vec3 normal;
+    double offset;
+    Vec3 centre;
+};
+const std::vector<TruePlane>& truePlanes();
+
+// An object standing in the room, with its axis-aligned world bounds (metres).
+struct TrueObject {
+    SceneObject object;
+    Vec3 boundsMin;
+    Vec3 boundsMax;
+};
+std::vector<TrueObject> trueObjects();
+
 // The default camera of the scene: 640 x 480 pixels, fx = fy = 525, principal point at the
 // image centre (319.5, 239.5). Other sizes scale the same field of view.
 constexpr uint32_t kDefaultWidth = 640;

@@ -1,11 +1,18 @@
 #include "velmora/Commands.h"
 
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <sstream>
 
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "velmora/Impl.h"
+#include "velmora/Ply.h"
 #include "velmora/Sequence.h"
 
 namespace VelmoraTool {
@@ -13,6 +20,35 @@ namespace {
 
 // Base name of the volume files that `demo` writes into its output directory.
 constexpr const char* kDemoVolumeName = "scene";
+
+// The endings of the volume files of each run mode.
+constexpr const char* kSplitDepthEnding = ".depthgrid";
+constexpr const char* kSplitLabelEnding = ".labelgrid";
+constexpr const char* kCombinedEnding = ".depthlabelgrid";
+
+std::string inFolder(const std::string& folder, const std::string& requested, const char* name) {
+    return requested.empty() ? (std::filesystem::path(folder) / name).string() : requested;
+}
+
+// Why `prefix` cannot be loaded in `mode`, or an empty text when it can.
+std::string volumeProblem(const std::string& prefix, FuseMode mode) {
+    namespace fs = std::filesystem;
+    const bool split = fs::is_regular_file(prefix + kSplitDepthEnding);
+    const bool combined = fs::is_regular_file(prefix + kCombinedEnding);
+    if (mode == FuseMode::kSplit && !split) {
+        return combined ? prefix + kCombinedEnding +
+                              " holds a combined-mode volume; load it with --mode combined"
+                        : "no volume files with this prefix (expected " + prefix +
+                              kSplitDepthEnding + ")";
+    }
+    if (mode == FuseMode::kCombined && !combined) {
+        return split
+                   ? prefix + kSplitDepthEnding +
+                         " holds a split-mode volume; load it with --mode split"
+                   : "no volume files with this prefix (expected " + prefix + kCombinedEnding + ")";
+    }
+    return "";
+}
 
 bool parseUnsigned(const std::string& text, uint64_t& value) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
@@ -72,6 +108,17 @@ bool parseIntrinsics(const std::string& text, Intrinsics& intrinsics) {
     return true;
 }
 
+bool parseAxis(const std::string& text, std::array<double, 3>& axis) {
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::string name = negative ? text.substr(1) : text;
+    if (name.size() != 1 || name[0] < 'x' || name[0] > 'z') {
+        return false;
+    }
+    axis = {0.0, 0.0, 0.0};
+    axis[name[0] - 'x'] = negative ? -1.0 : 1.0;
+    return true;
+}
+
 int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream& err) {
     RecordedSequenceWriter writer;
     std::string error;
@@ -126,8 +173,97 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bo
     FuseOptions fuse;
     fuse.labelEvery = kDemoLabelEvery;
     fuse.savePrefix = (std::filesystem::path(options.outDir) / kDemoVolumeName).string();
+    fuse.statsPath = options.statsPath;
+    fuse.outputs = demoOutputs(options.outDir, options.outputs);
+    fuse.accuracyOf = BuiltinSceneRun{options.frames, options.width, options.height};
     out << "velmora demo: fusing " << scene.describe() << "\n";
     return runFusion(scene, fuse, out, err, err, interactive);
+}
+
+int runAccuracy(const AccuracyCommandOptions& options, std::ostream& out, std::ostream& err) {
+    HostMesh mesh;
+    std::string error;
+    if (!readPlyMesh(options.meshPath, mesh, error)) {
+        err << "velmora: " << options.meshPath << ": " << error << "\n";
+        return kExitFailure;
+    }
+    const AccuracyReport report =
+        evaluateBuiltinScene(mesh, {}, {}, {options.frames, options.width, options.height});
+    out << options.meshPath << ": " << mesh.triangleCount() << " triangles\n";
+    printAccuracy(report, false, out);
+    if (!options.statsPath.empty()) {
+        nlohmann::json stats = accuracyJson(report);
+        stats["triangles"] = mesh.triangleCount();
+        std::ofstream file(options.statsPath);
+        file << stats.dump(2) << "\n";
+        if (!file) {
+            err << "velmora: " << options.statsPath << ": cannot write the statistics\n";
+            return kExitFailure;
+        }
+    }
+    return kExitOk;
+}
+
+OutputOptions demoOutputs(const std::string& outDir, const OutputOptions& requested) {
+    OutputOptions outputs = requested;
+    outputs.meshPath = inFolder(outDir, requested.meshPath, "scene.ply");
+    outputs.planesPath = inFolder(outDir, requested.planesPath, "planes.json");
+    outputs.instancesPath = inFolder(outDir, requested.instancesPath, "instances.json");
+    outputs.previewPath = inFolder(outDir, requested.previewPath, "preview.png");
+    return outputs;
+}
+
+int runMesh(const MeshCommandOptions& options, std::ostream& out, std::ostream& err,
+            bool interactive) {
+    FuseOptions check;
+    check.cellSize = options.cellSize;
+    check.truncation = options.truncation;
+    std::string error;
+    if (!checkFuseOptions(check, error)) {
+        err << "velmora: " << error << "\n";
+        return kExitUsage;
+    }
+    if (!options.outputs.any()) {
+        err << "velmora: nothing to write: give --mesh, --planes, --instances, --preview or "
+               "--instance-meshes\n";
+        return kExitUsage;
+    }
+    const std::string problem = volumeProblem(options.volumePrefix, options.mode);
+    if (!problem.empty()) {
+        err << "velmora: " << options.volumePrefix << ": " << problem << "\n";
+        return kExitFailure;
+    }
+    if (!prepareOutputs(options.outputs, error)) {
+        err << "velmora: " << error << "\n";
+        return kExitFailure;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    std::unique_ptr<Velmora::IVelmora> scene(newVelmora());
+    const Velmora::XrResultVLM initResult =
+        scene->init(sceneConfig(options.cellSize, options.truncation, options.mode));
+    if (initResult != Velmora::kSuccess) {
+        err << "velmora: the library refused the configuration (init returned " << initResult
+            << ")\n";
+        return kExitFailure;
+    }
+    if (static_cast<Velmora::Impl*>(scene.get())->loadVolumes(options.volumePrefix) == 0) {
+        err << "velmora: " << options.volumePrefix << ": the volume files are unreadable\n";
+        return kExitFailure;
+    }
+    const double loadSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    OutputReport report;
+    const bool written =
+        writeOutputs(*scene, options.outputs, false, err, err, interactive, report);
+    out << "velmora mesh summary\n";
+    printSummaryRow(
+        out, "volumes",
+        options.volumePrefix +
+            (options.mode == FuseMode::kSplit
+                 ? std::string(" (split: ") + kSplitDepthEnding + ", " + kSplitLabelEnding + ")"
+                 : std::string(" (combined: ") + kCombinedEnding + ")"));
+    printOutputSummary(report, {{"loading", loadSeconds}}, out);
+    return written ? kExitOk : kExitFailure;
 }
 
 }  // namespace VelmoraTool

@@ -13,6 +13,7 @@
 #include <ostream>
 
 #include "velmora/Impl.h"
+#include "velmora/Preview.h"
 #include "velmora/Velmora.h"
 
 namespace VelmoraTool {
@@ -189,6 +190,27 @@ const char* modeName(FuseMode mode) {
 
 }  // namespace
 
+Velmora::Config sceneConfig(float cellSize, float truncation, FuseMode mode) {
+    // Plane detection settings of the tool's runs: a block joins a plane while its fit has a
+    // standard error below 1 cm and its normal lies within 10 degrees; contours are alpha shapes
+    // of 10 cm.
+    constexpr float kPlaneMaxStdError = 0.01f;
+    constexpr float kPlaneMaxAngle = 0.1745f;  // radians
+    constexpr uint32_t kPlaneSolverIterations = 10;
+    constexpr float kPlaneContourAlpha = 0.1f;
+    Velmora::Config config{};
+    config.cellSize = cellSize;
+    config.truncation = truncation;
+    config.mode = mode == FuseMode::kSplit ? 1 : 0;
+    config.detectPlanes = true;
+    config.planeMaxStdError = kPlaneMaxStdError;
+    config.planeMaxAngle = kPlaneMaxAngle;
+    config.planeSolverIterations = kPlaneSolverIterations;
+    config.planeContourAlpha = kPlaneContourAlpha;
+    config.labelPlanes = true;
+    return config;
+}
+
 bool checkFuseOptions(const FuseOptions& options, std::string& error) {
     if (!(options.cellSize > 0.0f)) {
         error = "--cell-size must be above zero";
@@ -249,13 +271,14 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
         errorOut << "velmora: " << source.describe() << ": no frames in the selected range\n";
         return kExitFailure;
     }
+    if (!prepareOutputs(options.outputs, error)) {
+        errorOut << "velmora: " << error << "\n";
+        return kExitFailure;
+    }
 
     std::unique_ptr<Velmora::IVelmora> scene(newVelmora());
-    Velmora::Config config{};
-    config.cellSize = options.cellSize;
-    config.truncation = options.truncation;
-    config.mode = options.mode == FuseMode::kSplit ? 1 : 0;
-    const Velmora::XrResultVLM initResult = scene->init(config);
+    const Velmora::XrResultVLM initResult =
+        scene->init(sceneConfig(options.cellSize, options.truncation, options.mode));
     if (initResult != Velmora::kSuccess) {
         errorOut << "velmora: the library refused the configuration (init returned " << initResult
                  << ")\n";
@@ -272,6 +295,7 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
     const Clock::time_point start = Clock::now();
     Progress progress(progressOut, interactive, selected.size());
     Frame frame;
+    std::array<double, 3> cameraUp{0.0, 0.0, 0.0};
     for (size_t done = 0; done < selected.size(); ++done) {
         const uint64_t number = source.frameNumber(selected[done]);
         std::string problem;
@@ -295,6 +319,11 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
                 ++report.skippedRejected;
                 status = FrameStatus::kBadInput;
             } else {
+                // The camera's up (its -y axis) in world coordinates, summed for the pictures.
+                for (int axis = 0; axis < 3; ++axis) {
+                    cameraUp[axis] -= frame.worldFromCamera[axis * 4 + 1];
+                }
+                report.colorFramesFused += withColor ? 1 : 0;
                 ++report.framesFused;
                 report.fusedFrameNumbers.push_back(number);
                 report.submitMs.push_back(ms);
@@ -312,6 +341,7 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
         progress.update(done + 1);
     }
     progress.finish();
+    report.fusionSeconds = secondsSince(start);
 
     int exitCode = kExitOk;
     if (!options.savePrefix.empty() && report.framesFused > 0) {
@@ -326,6 +356,21 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
         if (!report.saved) {
             errorOut << "velmora: " << options.savePrefix << ": saving the volumes failed\n";
             exitCode = kExitFailure;
+        }
+    }
+    OutputOptions outputs = options.outputs;
+    outputs.readAll = options.accuracyOf.has_value();
+    outputs.up = snapUp(cameraUp);
+    if (report.framesFused > 0 && (outputs.any() || outputs.readAll)) {
+        report.outputsRead = true;
+        if (!writeOutputs(*scene, outputs, report.colorFramesFused > 0, progressOut, errorOut,
+                          interactive, report.outputs)) {
+            exitCode = kExitFailure;
+        } else if (options.accuracyOf) {
+            const Clock::time_point accuracyStart = Clock::now();
+            report.accuracy = evaluateBuiltinScene(report.outputs.mesh, report.outputs.planes,
+                                                   report.outputs.instances, *options.accuracyOf);
+            report.outputs.stages.push_back({"accuracy", secondsSince(accuracyStart)});
         }
     }
     report.totalSeconds = secondsSince(start);
@@ -355,9 +400,7 @@ void printSummary(const FuseReport& report, std::ostream& out) {
     const size_t skipped =
         report.skippedTrackingLost + report.skippedBadInput + report.skippedRejected;
     auto row = [&out](const char* name, const std::string& value) {
-        char text[64];
-        std::snprintf(text, sizeof(text), "  %-18s ", name);
-        out << text << value << "\n";
+        printSummaryRow(out, name, value);
     };
     out << "velmora summary\n";
     row("source", report.source);
@@ -379,6 +422,14 @@ void printSummary(const FuseReport& report, std::ostream& out) {
     row("volumes", report.options.savePrefix.empty() ? std::string("not saved")
                    : report.saved ? "saved with prefix " + report.options.savePrefix
                                   : "saving failed");
+    if (report.outputsRead) {
+        printOutputSummary(report.outputs, {{"fusion", report.fusionSeconds}}, out);
+    } else {
+        row("stage times", format("fusion %.2f s", report.fusionSeconds));
+    }
+    if (report.accuracy) {
+        printAccuracy(*report.accuracy, true, out);
+    }
 }
 
 std::string statsJson(const FuseReport& report) {
@@ -393,7 +444,7 @@ std::string statsJson(const FuseReport& report) {
     for (const SkippedFrame& frame : report.skipped) {
         skipped.push_back({{"frame", frame.frameNumber}, {"reason", frame.reason}});
     }
-    const nlohmann::json stats = {
+    nlohmann::json stats = {
         {"source", report.source},
         {"mode", modeName(report.options.mode)},
         {"cellSize", asDecimal(report.options.cellSize)},
@@ -414,6 +465,21 @@ std::string statsJson(const FuseReport& report) {
         {"frames", frames},
         {"skipped", skipped},
     };
+    nlohmann::json stages = {{"fusion", report.fusionSeconds}};
+    for (const StageTime& stage : report.outputs.stages) {
+        stages[stage.name] = stage.seconds;
+    }
+    stats["stageSeconds"] = stages;
+    if (report.outputsRead) {
+        stats["triangles"] = report.outputs.mesh.triangleCount();
+        stats["vertices"] = report.outputs.mesh.positions.size();
+        stats["planes"] = report.outputs.planes.planes.size();
+        stats["instances"] = report.outputs.instances.instances.size();
+        stats["files"] = report.outputs.files;
+    }
+    if (report.accuracy) {
+        stats["accuracy"] = accuracyJson(*report.accuracy);
+    }
     return stats.dump(2);
 }
 

@@ -5,10 +5,14 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "velmora/Accuracy.h"
 #include "velmora/Frame.h"
+#include "velmora/Outputs.h"
+#include "velmora/Velmora.h"
 
 namespace VelmoraTool {
 
@@ -45,7 +49,14 @@ struct FuseOptions {
     uint32_t labelEvery = 1;
     std::string savePrefix;  // empty: do not save
     std::string statsPath;   // empty: no JSON
+    OutputOptions outputs;   // files written after fusion
+    // Set when the frames are the built-in scene's: the run ends with an accuracy report.
+    std::optional<BuiltinSceneRun> accuracyOf;
 };
+
+// The scene configuration of the tool's runs: planes and their labels on, so that planes,
+// instances and instance meshes can be asked for.
+Velmora::Config sceneConfig(float cellSize, float truncation, FuseMode mode);
 
 // Checks what the library would refuse at `init`; false with a message otherwise.
 bool checkFuseOptions(const FuseOptions& options, std::string& error);
@@ -73,6 +84,11 @@ struct FuseReport {
     double totalSeconds = 0.0;
     long peakRssKiB = 0;
     bool saved = false;
+    size_t colorFramesFused = 0;  // frames that went with a colour image
+    double fusionSeconds = 0.0;
+    bool outputsRead = false;  // the scene was read after fusion
+    OutputReport outputs;
+    std::optional<AccuracyReport> accuracy;
 };
 
 // Fuses the selected frames of `source`. Progress goes to `progressOut` (a bar when

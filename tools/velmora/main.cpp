@@ -1,4 +1,5 @@
-// velmora: render the built-in scene, fuse recorded RGB-D sequences, run the demo.
+// velmora: render the built-in scene, fuse recorded RGB-D sequences, run the demo, and turn
+// saved volumes into meshes, planes, instances and pictures.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -23,6 +24,23 @@ CLI::Validator sizeValidator() {
             return parseSize(text, w, h) ? std::string() : "expected WxH, e.g. 640x480";
         },
         "WxH");
+}
+
+// The output options shared by fuse, demo and mesh.
+void addOutputOptions(CLI::App* command, OutputOptions& outputs) {
+    command->add_option("--mesh", outputs.meshPath,
+                        "Write the whole-scene mesh as binary PLY (positions, vertex colours when "
+                        "colour frames were fused, instance_id per vertex)");
+    command->add_option("--instance-meshes", outputs.instanceMeshDir,
+                        "Write one PLY per object instance into DIR");
+    command->add_option("--planes", outputs.planesPath,
+                        "Write the planes as JSON: id, label, normal, offset, contour (metres), "
+                        "subsumed links");
+    command->add_option("--instances", outputs.instancesPath,
+                        "Write the object instances as JSON: id, label, bounds, subsumed links");
+    command->add_option("--preview", outputs.previewPath,
+                        "Write a picture of the whole scene as PNG, and beside it NAME-planes.png "
+                        "with the plane outlines drawn over it");
 }
 
 }  // namespace
@@ -101,13 +119,16 @@ int main(int argc, char** argv) {
                             "Save the volumes as PREFIX plus the ending of each grid");
     fuseCommand->add_option("--stats", fuse.fuse.statsPath,
                             "Write the summary and per-frame times as JSON");
+    addOutputOptions(fuseCommand, fuse.fuse.outputs);
 
     DemoOptions demo;
     std::string demoSize = "640x480";
     CLI::App* demoCommand = app.add_subcommand(
         "demo",
-        "Render the built-in scene in memory, fuse it, save the volumes, print the summary.");
-    demoCommand->add_option("--out", demo.outDir, "Directory of the saved volumes")
+        "Render the built-in scene in memory, fuse it, save the volumes, write the mesh, planes, "
+        "instances and pictures into the output directory, and report the accuracy against the "
+        "scene's true surfaces.");
+    demoCommand->add_option("--out", demo.outDir, "Directory of all outputs")
         ->capture_default_str();
     demoCommand->add_option("--frames", demo.frames, "Number of frames (one loop)")
         ->capture_default_str()
@@ -115,8 +136,54 @@ int main(int argc, char** argv) {
     demoCommand->add_option("--size", demoSize, "Image size")
         ->capture_default_str()
         ->check(sizeValidator());
+    demoCommand->add_option("--stats", demo.statsPath,
+                            "Write the summary, per-frame times and the accuracy as JSON");
+    addOutputOptions(demoCommand, demo.outputs);
 
-    for (CLI::App* command : {renderCommand, fuseCommand, demoCommand}) {
+    MeshCommandOptions mesh;
+    std::string meshMode = "split";
+    CLI::App* meshCommand = app.add_subcommand(
+        "mesh",
+        "Load volumes saved by fuse --save or demo into a fresh scene and write its mesh, planes, "
+        "instances and pictures.");
+    meshCommand
+        ->add_option("VOLUME_PREFIX", mesh.volumePrefix,
+                     "Prefix of the volume files, as given to --save (demo: OUT/scene)")
+        ->required();
+    meshCommand->add_option("--mode", meshMode, "Run mode the volumes were saved in")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"split", "combined"}));
+    meshCommand->add_option("--cell-size", mesh.cellSize, "Cell size, metres")
+        ->capture_default_str();
+    meshCommand->add_option("--truncation", mesh.truncation, "Truncation band, metres")
+        ->capture_default_str();
+    std::string meshUp = "z";
+    meshCommand
+        ->add_option("--up", meshUp,
+                     "World axis that points up, for the pictures: x, y, z, -x, -y or -z (fuse "
+                     "and demo take it from the camera poses)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"x", "y", "z", "-x", "-y", "-z"}));
+    addOutputOptions(meshCommand, mesh.outputs);
+
+    AccuracyCommandOptions accuracy;
+    std::string accuracySize = "640x480";
+    CLI::App* accuracyCommand = app.add_subcommand(
+        "accuracy",
+        "Measure a mesh file (PLY, from velmora or any other program) against the built-in "
+        "scene's true surfaces: distance of the vertices to the surface, and the share of the "
+        "surface seen by the frames that lies within 2 cm of a vertex.");
+    accuracyCommand->add_option("MESH", accuracy.meshPath, "PLY file, world metres")->required();
+    accuracyCommand->add_option("--frames", accuracy.frames, "Frames of the run that saw the scene")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    accuracyCommand->add_option("--size", accuracySize, "Image size of that run")
+        ->capture_default_str()
+        ->check(sizeValidator());
+    accuracyCommand->add_option("--stats", accuracy.statsPath, "Write the figures as JSON");
+
+    for (CLI::App* command :
+         {renderCommand, fuseCommand, demoCommand, meshCommand, accuracyCommand}) {
         command->footer(kExitCodes);
     }
 
@@ -147,6 +214,15 @@ int main(int argc, char** argv) {
             fuse.intrinsics = intrinsics;
         }
         return runFuse(fuse, std::cout, std::cerr, interactive);
+    }
+    if (accuracyCommand->parsed()) {
+        parseSize(accuracySize, accuracy.width, accuracy.height);
+        return runAccuracy(accuracy, std::cout, std::cerr);
+    }
+    if (meshCommand->parsed()) {
+        mesh.mode = meshMode == "combined" ? FuseMode::kCombined : FuseMode::kSplit;
+        parseAxis(meshUp, mesh.outputs.up);
+        return runMesh(mesh, std::cout, std::cerr, interactive);
     }
     parseSize(demoSize, demo.width, demo.height);
     return runDemo(demo, std::cout, std::cerr, interactive);

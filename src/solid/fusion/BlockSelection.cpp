@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <climits>
 #include <cmath>
+#include <cstring>
 
 #include "common/Logger.h"
 #include "common/Timing.h"
@@ -25,49 +27,255 @@ void keepEntries(BlockInfoMapType& map, Keep keep) {
     map.swap(kept);
 }
 
-// Records hits in the map. Neighbouring pixels mostly hit the same few blocks, so the entries of
-// the last keys are remembered; a remembered entry stays where it is until a new key enters the
-// map (an insertion may shift or grow the slots), which clears the memory. Keys enter the map in
-// the same order as without it, so its slot order is the same.
-class HitRecorder {
-public:
-    explicit HitRecorder(BlockInfoMapType& map) : mMap(map) {}
+// Face neighbours that a point's truncation band reaches into, one bit each in the order of
+// recording: bit 2a for the lower neighbour on axis a, bit 2a + 1 for the upper one.
+constexpr unsigned kNumNeighbourBits = 6;
 
-    void record(const KeyType& key, float depth) {
-        if (mMap.size() != mSizeSeen) {
-            mCount = 0;
+// The blocks of one frame with their hits, in the order of their first hit. Open addressing on
+// a power-of-two slot array; only this search uses it, so it needs no removal and no iteration
+// by slot.
+class HitTable {
+public:
+    explicit HitTable(uint32_t expectedCount) {
+        uint32_t capacity = kMinCapacity;
+        while (capacity < 2 * expectedCount) {
+            capacity *= 2;
         }
-        BlockInfo* info = nullptr;
-        for (int i = 0; i < mCount; ++i) {
-            if (mKeys[i] == key) {
-                info = mInfos[i];
+        resizeSlots(capacity);
+    }
+
+    // Index of the entry of `key`, created with no hits when absent.
+    uint32_t indexOf(const KeyType& key) {
+        uint32_t slot = slotOf(key);
+        for (;;) {
+            const int32_t entry = mSlots.data()[slot];
+            if (entry < 0) {
                 break;
             }
-        }
-        if (info == nullptr) {
-            info = &mMap[key];
-            if (mMap.size() != mSizeSeen) {
-                mCount = 0;
-                mSizeSeen = mMap.size();
+            if (mKeys.data()[entry] == key) {
+                return static_cast<uint32_t>(entry);
             }
-            const int slot = mCount < kRemembered ? mCount++ : (mNext++ % kRemembered);
-            mKeys[slot] = key;
-            mInfos[slot] = info;
+            slot = (slot + 1) & mMask;
         }
-        info->bestSampleDistance = std::min(info->bestSampleDistance, depth);
-        ++info->numHits;
+        const uint32_t index = mKeys.size();
+        mKeys.push_back(key);
+        mInfos.push_back(BlockInfo{});
+        mSlots.data()[slot] = static_cast<int32_t>(index);
+        if (2 * mKeys.size() > mSlots.size()) {
+            resizeSlots(2 * mSlots.size());
+        }
+        return index;
+    }
+
+    BlockInfo& info(uint32_t index) { return mInfos.data()[index]; }
+    uint32_t size() const { return mKeys.size(); }
+    const KeyType& key(uint32_t index) const { return mKeys.data()[index]; }
+
+private:
+    static constexpr uint32_t kMinCapacity = 64;
+
+    uint32_t slotOf(const KeyType& key) const { return mixBlockKey(key) & mMask; }
+
+    void resizeSlots(uint32_t capacity) {
+        mSlots.resize(0);
+        mSlots.resize(capacity);
+        for (uint32_t i = 0; i < capacity; ++i) {
+            mSlots.data()[i] = -1;
+        }
+        mMask = capacity - 1;
+        for (uint32_t index = 0; index < mKeys.size(); ++index) {
+            uint32_t slot = slotOf(mKeys.data()[index]);
+            while (mSlots.data()[slot] >= 0) {
+                slot = (slot + 1) & mMask;
+            }
+            mSlots.data()[slot] = static_cast<int32_t>(index);
+        }
+    }
+
+    AR::Common::Vector<KeyType> mKeys;
+    AR::Common::Vector<BlockInfo> mInfos;
+    AR::Common::Vector<int32_t> mSlots;  // entry index, or -1 for an empty slot
+    uint32_t mMask = 0;
+};
+
+// Hits of consecutive points. Points that fall in the same block with the same neighbour bits
+// hit the same keys in the same order, so a run of them is recorded once: the hit count is a sum
+// and the best distance a minimum, which do not depend on how the points are grouped. The first
+// point of a run hits its keys before any later point, so the keys enter the table in the order
+// of their first hit, as they would one point at a time.
+class RunRecorder {
+public:
+    explicit RunRecorder(HitTable& table) : mTable(table) {}
+
+    void add(const KeyType& key, unsigned neighbours, float depth) {
+        if (mCount != 0 && neighbours == mNeighbours && key == mKey) {
+            ++mCount;
+            mBest = std::min(mBest, depth);
+            return;
+        }
+        flush();
+        mKey = key;
+        mNeighbours = neighbours;
+        mCount = 1;
+        mBest = depth;
+    }
+
+    void flush() {
+        if (mCount == 0) {
+            return;
+        }
+        if (!(mCachedKey == mKey) || !mCacheValid) {
+            // The entries of a block and its face neighbours, looked up as runs need them.
+            for (int32_t& entry : mCachedEntries) {
+                entry = -1;
+            }
+            mCachedKey = mKey;
+            mCacheValid = true;
+        }
+        hit(0, mKey);
+        for (int axis = 0; axis < 3; ++axis) {
+            if (mNeighbours & (1u << (2 * axis))) {
+                KeyType lower = mKey;
+                --lower[axis];
+                hit(1 + 2 * axis, lower);
+            }
+            if (mNeighbours & (1u << (2 * axis + 1))) {
+                KeyType upper = mKey;
+                ++upper[axis];
+                hit(2 + 2 * axis, upper);
+            }
+        }
+        mCount = 0;
     }
 
 private:
-    // A pixel hits its block and up to six face neighbours.
-    static constexpr int kRemembered = 7;
-    BlockInfoMapType& mMap;
-    uint32_t mSizeSeen = 0;
-    int mCount = 0;
-    unsigned mNext = 0;
-    KeyType mKeys[kRemembered];
-    BlockInfo* mInfos[kRemembered] = {};
+    void hit(int cacheSlot, const KeyType& key) {
+        int32_t& entry = mCachedEntries[cacheSlot];
+        if (entry < 0) {
+            entry = static_cast<int32_t>(mTable.indexOf(key));
+        }
+        BlockInfo& info = mTable.info(static_cast<uint32_t>(entry));
+        info.bestSampleDistance = std::min(info.bestSampleDistance, mBest);
+        info.numHits += mCount;
+    }
+
+    HitTable& mTable;
+    KeyType mKey;
+    unsigned mNeighbours = 0;
+    uint32_t mCount = 0;  // points in the current run, 0 for none
+    float mBest = 0.0f;
+    KeyType mCachedKey;
+    bool mCacheValid = false;
+    int32_t mCachedEntries[1 + kNumNeighbourBits] = {};
 };
+
+// The world-from-pixel transform of the hit search: rows of invM, and the block shape.
+struct Unprojection {
+    float m[3][4];
+    float dimension[3];
+    float inverseDimension[3];
+};
+
+// Block key and neighbour bits of pixel (x, y) at depth d > 0, one pixel at a time. The product
+// invM * (x d, y d, d, 1) is summed per row from column 0 up, starting at 0, as the matrix-vector
+// product does. False when the point's block has no key.
+inline bool locatePoint(const Unprojection& u, float x, float y, float d, float ramp, KeyType& key,
+                        unsigned& neighbours) {
+    const float v[4] = {x * d, y * d, d, 1.0f};
+    float p[3];
+    for (int r = 0; r < 3; ++r) {
+        float sum = 0.0f;
+        for (int c = 0; c < 4; ++c) {
+            sum += u.m[r][c] * v[c];
+        }
+        p[r] = sum;
+        if (!floorToKeyInRange(sum * u.inverseDimension[r], key[r])) {
+            return false;
+        }
+    }
+    neighbours = 0;
+    for (int axis = 0; axis < 3; ++axis) {
+        // Local coordinate: p - dimension * key, as the grid computes it.
+        const float local = p[axis] - u.dimension[axis] * static_cast<float>(key[axis]);
+        if (local < ramp) {
+            neighbours |= 1u << (2 * axis);
+        }
+        if (local > u.dimension[axis] - ramp) {
+            neighbours |= 1u << (2 * axis + 1);
+        }
+    }
+    return true;
+}
+
+// Four neighbouring pixels of a row at once, each lane with the arithmetic of `locatePoint` in
+// its order (no contraction is allowed in this build), in the vector registers of the target
+// (SSE2 on x86-64, NEON on Arm: the baseline of both, so no dispatch is needed).
+constexpr int kLanes = 4;
+using Float4 = float __attribute__((vector_size(16)));
+using Int4 = int32_t __attribute__((vector_size(16)));
+
+inline Float4 splat(float v) {
+    return Float4{v, v, v, v};
+}
+
+struct LaneResults {
+    KeyType keys[kLanes];
+    unsigned neighbours[kLanes];
+    bool located[kLanes];  // d > 0 and a block with a key
+};
+
+inline void locateLanes(const Unprojection& u, int x, float y, const float* depths,
+                        const float* ramps, LaneResults& out) {
+    Float4 d;
+    std::memcpy(&d, depths, sizeof(d));
+    Float4 ramp;
+    std::memcpy(&ramp, ramps, sizeof(ramp));
+    const float xf = static_cast<float>(x);
+    // x + lane is exact: image columns are far below 2^24.
+    const Float4 xs = Float4{xf, xf + 1.0f, xf + 2.0f, xf + 3.0f};
+    const Float4 v0 = xs * d;
+    const Float4 v1 = splat(y) * d;
+    const Int4 valid = d > splat(0.0f);
+    Int4 located = valid;
+    Int4 keys[3];
+    Int4 neighbours = Int4{0, 0, 0, 0};
+    for (int r = 0; r < 3; ++r) {
+        Float4 sum = splat(0.0f);
+        sum = sum + splat(u.m[r][0]) * v0;
+        sum = sum + splat(u.m[r][1]) * v1;
+        sum = sum + splat(u.m[r][2]) * d;
+        sum = sum + splat(u.m[r][3]) * splat(1.0f);
+        const Float4 t = sum * splat(u.inverseDimension[r]);
+        const Int4 inRange = (t >= splat(kMinKeyCoordinate)) & (t < splat(kMaxKeyCoordinate));
+        located &= inRange;
+        const Float4 clamped = inRange ? t : splat(0.0f);
+        const Int4 truncated = __builtin_convertvector(clamped, Int4);
+        // A comparison gives -1 where true: one down where truncation went up.
+        keys[r] = truncated + (__builtin_convertvector(truncated, Float4) > clamped);
+        const Float4 local = sum - splat(u.dimension[r]) * __builtin_convertvector(keys[r], Float4);
+        const Float4 upperLimit = splat(u.dimension[r]) - ramp;
+        neighbours |= (local < ramp) & Int4{1, 1, 1, 1} << (2 * r);
+        neighbours |= (local > upperLimit) & Int4{1, 1, 1, 1} << (2 * r + 1);
+    }
+    for (int lane = 0; lane < kLanes; ++lane) {
+        out.located[lane] = located[lane] != 0;
+        out.neighbours[lane] = static_cast<unsigned>(neighbours[lane]);
+        out.keys[lane] = KeyType(keys[0][lane], keys[1][lane], keys[2][lane]);
+    }
+}
+
+// Drops the neighbours whose keys would leave the range of keys: they are never wrapped.
+inline unsigned neighboursInRange(const KeyType& key, unsigned neighbours) {
+    for (int axis = 0; axis < 3; ++axis) {
+        if (key[axis] == INT_MIN) {
+            neighbours &= ~(1u << (2 * axis));
+        }
+        if (key[axis] == INT_MAX) {
+            neighbours &= ~(1u << (2 * axis + 1));
+        }
+    }
+    return neighbours;
+}
 
 }  // namespace
 
@@ -120,69 +328,87 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
     for (int r = 0; r < 3; ++r) {
         invM(r, 3) += 0.5f * spacing(r);
     }
-    // The product invM * (x d, y d, d, 1) written out per row in the order of the matrix-vector
-    // product (sum from column 0 up, starting at 0), on plain floats: this loop runs for every
-    // pixel of every frame.
-    float m[3][4];
+    Unprojection u;
     for (int r = 0; r < 3; ++r) {
         for (int c = 0; c < 4; ++c) {
-            m[r][c] = invM(r, c);
+            u.m[r][c] = invM(r, c);
         }
     }
-    float dimension[3];
-    float inverseDimension[3];
     for (int a = 0; a < 3; ++a) {
-        dimension[a] = grid.dimension()(a);
-        inverseDimension[a] = grid.inverseDimension()(a);
+        u.dimension[a] = grid.dimension()(a);
+        u.inverseDimension[a] = grid.inverseDimension()(a);
     }
-    HitRecorder hits(map);
-    stats.visitedPoints = 0;
-    stats.acceptedPoints = 0;
+    float constantRamp = 0.0f;
+    const bool rampIsConstant = errorModel.constantIntegrationRamp(constantRamp);
+    // The band is asked for the point on the optical axis at the pixel's depth.
+    auto rampAt = [&](float d) {
+        return rampIsConstant ? constantRamp : errorModel.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
+    };
+
+    HitTable table(static_cast<uint32_t>(grid.size()));
+    RunRecorder runs(table);
+    size_t visited = 0;
+    size_t accepted = 0;
+    // One located point: the optional filter, then its hits.
+    auto record = [&](const KeyType& key, unsigned neighbours, float d) {
+        if (maxBestSampleDistanceFilter > 0.0f) {
+            auto block = grid.get(key);
+            if (block && d > block->bestSampleDistance() * maxBestSampleDistanceFilter) {
+                return;
+            }
+        }
+        runs.add(key, neighboursInRange(key, neighbours), d);
+        ++accepted;
+    };
+    auto onePixel = [&](int x, int y, float d) {
+        ++visited;
+        if (!(d > 0.0f)) {
+            return;
+        }
+        KeyType key;
+        unsigned neighbours = 0;
+        if (locatePoint(u, static_cast<float>(x), static_cast<float>(y), d, rampAt(d), key,
+                        neighbours)) {
+            record(key, neighbours, d);
+        }
+    };
+
     const int width = frame.depth.width();
     const int height = frame.depth.height();
     for (int y = 0; y < height; y += prepareStep) {
-        for (int x = 0; x < width; x += prepareStep) {
-            ++stats.visitedPoints;
-            const float d = frame.depth(x, y);
-            if (!(d > 0.0f)) {
-                continue;
-            }
-            const float v[4] = {static_cast<float>(x) * d, static_cast<float>(y) * d, d, 1.0f};
-            float p[3];
-            KeyType key;
-            for (int r = 0; r < 3; ++r) {
-                float sum = 0.0f;
-                for (int c = 0; c < 4; ++c) {
-                    sum += m[r][c] * v[c];
+        const float* row = frame.depth.pixels() + static_cast<size_t>(y) * frame.depth.bufSize()(0);
+        int x = 0;
+        if (prepareStep == 1) {
+            LaneResults lanes;
+            float ramps[kLanes];
+            for (; x + kLanes <= width; x += kLanes) {
+                for (int lane = 0; lane < kLanes; ++lane) {
+                    const float d = row[x + lane];
+                    ramps[lane] = d > 0.0f ? rampAt(d) : 0.0f;
                 }
-                p[r] = sum;
-                key[r] = floorToKey(sum * inverseDimension[r]);
-            }
-            if (maxBestSampleDistanceFilter > 0.0f) {
-                auto block = grid.get(key);
-                if (block && d > block->bestSampleDistance() * maxBestSampleDistanceFilter) {
-                    continue;
+                locateLanes(u, x, static_cast<float>(y), row + x, ramps, lanes);
+                visited += kLanes;
+                for (int lane = 0; lane < kLanes; ++lane) {
+                    if (lanes.located[lane]) {
+                        record(lanes.keys[lane], lanes.neighbours[lane], row[x + lane]);
+                    }
                 }
             }
-            hits.record(key, d);
-            const float ramp = errorModel.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
-            for (int axis = 0; axis < 3; ++axis) {
-                // Local coordinate: p - dimension * key, as the grid computes it.
-                const float local = p[axis] - dimension[axis] * static_cast<float>(key[axis]);
-                if (local < ramp) {
-                    KeyType lower = key;
-                    --lower[axis];
-                    hits.record(lower, d);
-                }
-                if (local > dimension[axis] - ramp) {
-                    KeyType upper = key;
-                    ++upper[axis];
-                    hits.record(upper, d);
-                }
-            }
-            ++stats.acceptedPoints;
+        }
+        for (; x < width; x += prepareStep) {
+            onePixel(x, y, row[x]);
         }
     }
+    runs.flush();
+    // The blocks enter the map in the order of their first hit.
+    for (uint32_t i = 0; i < table.size(); ++i) {
+        const BlockInfo& found = table.info(i);
+        BlockInfo& info = map[table.key(i)];
+        info.bestSampleDistance = std::min(info.bestSampleDistance, found.bestSampleDistance);
+        info.numHits += found.numHits;
+    }
+    stats.visitedPoints = visited;
+    stats.acceptedPoints = accepted;
 }
 
 void filterNonSpecifiedBlocks(BlockInfoMapType& map, const IndexSet* blocksToUpdate) {

@@ -1,5 +1,6 @@
 #include "solid/query/Raycast.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -99,35 +100,46 @@ private:
     Vec3 mTDelta;
 };
 
-}  // namespace
-
-template <typename B, template <typename> class P, typename L>
-bool findFirstBlock(const VolumeGrid<B, P, L>& grid, const Vec3& from, const Vec3& to,
-                    KeyType& found) {
+// The block walk with lookups in `snapshot`, or in the table under its read lock when there is
+// none; at most `maxBlocks` blocks. False also when the walk reached `maxBlocks` with blocks
+// left, and then `exhausted` is set.
+template <typename Grid>
+bool walkToFirstBlock(const Grid& grid, const typename Grid::TableSnapshot* snapshot,
+                      const Vec3& from, const Vec3& to, unsigned maxBlocks, KeyType& found,
+                      bool& exhausted) {
+    exhausted = false;
     if (!isFinite(from) || !isFinite(to)) {
         return false;
     }
     BlockWalker walker(from, to, grid.inverseDimension());
-    for (unsigned visited = 0; visited < kMaxWalkBlocks && walker.hasNext(); ++visited) {
-        // The lookup holds the read lock only while it searches; the block's mutex is let go at
-        // once, as only its existence matters here.
-        const bool exists = static_cast<bool>(grid.get(walker.current()));
+    unsigned visited = 0;
+    for (; visited < maxBlocks && walker.hasNext(); ++visited) {
+        // Only the block's existence matters here: its mutex is not taken.
+        const KeyType& key = walker.current();
+        const bool exists =
+            (snapshot != nullptr ? snapshot->find(key) : grid.findEntry(key)) != nullptr;
         if (exists) {
-            found = walker.current();
+            found = key;
             return true;
         }
         walker.advance();
     }
+    exhausted = visited == maxBlocks && walker.hasNext();
     return false;
 }
 
-template <typename B, template <typename> class P, typename L>
-Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, const Vec3& direction,
-                         float nearPlane, float farPlane, float stepFactor) {
+// The march of `raycastSparseVolume`, with lookups in `snapshot` when there is one, and the
+// verbose log only when `verbose` (the level is tested once per rendering, not per sample).
+template <typename Grid>
+Vec4 march(const Grid& grid, const typename Grid::TableSnapshot* snapshot, bool verbose,
+           const Vec3& origin, const Vec3& direction, float nearPlane, float farPlane,
+           float stepFactor) {
     Vec4 result(0.0f, 0.0f, 0.0f, 0.0f);
     float d = nearPlane;
     Vec3 position = origin + direction * d;
-    AR_LOG_VERBOSE("nearPlane %f farPlane %f", nearPlane, farPlane);
+    if (verbose) {
+        AR_LOG_VERBOSE("nearPlane %f farPlane %f", nearPlane, farPlane);
+    }
 
     const float smallStep = grid.config().spacing(0);
     const float largeStep = smallStep * stepFactor;
@@ -137,15 +149,19 @@ Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, co
     float previous = kUnobservedValue;
     bool coarse = true;
     KeyType key;
-    typename VolumeGrid<B, P, L>::PathReader reader(grid);
+    typename Grid::PathReader reader(grid, snapshot);
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
         const float value = reader.value(position, key);
-        AR_LOG_VERBOSE("searching intersection: value %f d %f currentPos %f %f %f", value, d,
-                       position(0), position(1), position(2));
+        if (verbose) {
+            AR_LOG_VERBOSE("searching intersection: value %f d %f currentPos %f %f %f", value, d,
+                           position(0), position(1), position(2));
+        }
         if (value != kUnobservedValue) {
             if (value < 0.0f) {
-                AR_LOG_VERBOSE("negative value found");
+                if (verbose) {
+                    AR_LOG_VERBOSE("negative value found");
+                }
                 if (previous > 0.0f) {
                     // The crossing between the last positive value, taken one step back, and
                     // this one; `previous` may be older than one step when unknown samples lay
@@ -153,21 +169,27 @@ Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, co
                     const float t = (previous * d - (d - step) * value) / (previous - value);
                     const Vec3 hit = origin + direction * t;
                     result = Vec4(hit(0), hit(1), hit(2), t);
-                    AR_LOG_VERBOSE("surface found (via interpolation) at %f %f %f at depth %f",
-                                   hit(0), hit(1), hit(2), t);
+                    if (verbose) {
+                        AR_LOG_VERBOSE("surface found (via interpolation) at %f %f %f at depth %f",
+                                       hit(0), hit(1), hit(2), t);
+                    }
                 }
                 // Otherwise the ray began behind a surface: no search past a back face.
                 return result;
             }
             if (value == 0.0f) {
                 result = Vec4(position(0), position(1), position(2), d);
-                AR_LOG_VERBOSE("surface found at %f %f %f at depth %f", position(0), position(1),
-                               position(2), d);
+                if (verbose) {
+                    AR_LOG_VERBOSE("surface found at %f %f %f at depth %f", position(0),
+                                   position(1), position(2), d);
+                }
                 return result;
             }
             if (value < kFineMarchThreshold && coarse) {
-                AR_LOG_VERBOSE("Switching from large step size %f to small step size %f", largeStep,
-                               smallStep);
+                if (verbose) {
+                    AR_LOG_VERBOSE("Switching from large step size %f to small step size %f",
+                                   largeStep, smallStep);
+                }
                 step = smallStep;
                 increment = direction * step;
                 coarse = false;
@@ -184,9 +206,30 @@ Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, co
     return result;
 }
 
+bool verboseLogging() {
+    return AR::Common::Logger::getInstance().getLevel() >= AR::Common::Logger::LEVEL_VERBOSE;
+}
+
+}  // namespace
+
+template <typename B, template <typename> class P, typename L>
+bool findFirstBlock(const VolumeGrid<B, P, L>& grid, const Vec3& from, const Vec3& to,
+                    KeyType& found) {
+    bool exhausted = false;
+    return walkToFirstBlock(grid, nullptr, from, to, kMaxWalkBlocks, found, exhausted);
+}
+
+template <typename B, template <typename> class P, typename L>
+Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, const Vec3& direction,
+                         float nearPlane, float farPlane, float stepFactor) {
+    return march(grid, nullptr, verboseLogging(), origin, direction, nearPlane, farPlane,
+                 stepFactor);
+}
+
 template <typename B, template <typename> class P, typename L>
 void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, float stepFactor,
              DepthFrame& depthFrame, IntegrationStats& stats) {
+    using Grid = VolumeGrid<B, P, L>;
     AR::Common::Timing timing;
     timing.beginSection(true);
     // Pixel (x, y, 1) times the inverse of intrinsics x world-to-camera gives a world direction
@@ -197,11 +240,24 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
     const Vec3 cameraPosition(Minv(0, 3), Minv(1, 3), Minv(2, 3));
     const float blockSize = grid.config().dimension(0);
     const float margin = kBlockDiagonalFactor * blockSize;
+    const bool verbose = verboseLogging();
+    // The frame path renders between two of its own frames, and it is the only writer of blocks.
+    const typename Grid::TableSnapshot snapshot(grid);
+    // The walk only saves the march its empty stretch. A ray nearly parallel to the image plane
+    // (a tiny focal length) crosses many blocks per unit of depth; once its walk would visit more
+    // blocks than the march takes samples from the near to the far plane, the ray is marched from
+    // the near plane instead, so that no ray costs more than about twice its march, whatever the
+    // intrinsics.
+    const float marchSamples = (farPlane - nearPlane) / grid.config().spacing(0) + 1.0f;
+    const unsigned walkLimit = marchSamples >= static_cast<float>(kMaxWalkBlocks)
+                                   ? kMaxWalkBlocks
+                                   : static_cast<unsigned>(std::max(marchSamples, 1.0f));
 
     AR::CV::Image<float>& depth = depthFrame.depth;
     const int width = depth.width();
     const int height = depth.height();
     for (int y = 0; y < height; ++y) {
+        float* row = depth.pixels() + static_cast<size_t>(y) * depth.bufSize()(0);
         for (int x = 0; x < width; ++x) {
             const float u = static_cast<float>(x);
             const float v = static_cast<float>(y);
@@ -209,22 +265,26 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                                  Minv(1, 0) * u + Minv(1, 1) * v + Minv(1, 2),
                                  Minv(2, 0) * u + Minv(2, 1) * v + Minv(2, 2));
             KeyType block;
-            if (!findFirstBlock(grid, cameraPosition, cameraPosition + direction * farPlane,
-                                block)) {
-                depth(x, y) = 0.0f;
+            bool exhausted = false;
+            float start = nearPlane;
+            if (walkToFirstBlock(grid, &snapshot, cameraPosition,
+                                 cameraPosition + direction * farPlane, walkLimit, block,
+                                 exhausted)) {
+                const Vec3 corner(static_cast<float>(block(0)) * blockSize,
+                                  static_cast<float>(block(1)) * blockSize,
+                                  static_cast<float>(block(2)) * blockSize);
+                start = AR::Math::dot(corner - cameraPosition, direction) - margin;
+                if (start < nearPlane) {
+                    start = nearPlane;
+                }
+            } else if (!exhausted) {
+                row[x] = 0.0f;
                 continue;
             }
             ++stats.raycastRays;
-            const Vec3 corner(static_cast<float>(block(0)) * blockSize,
-                              static_cast<float>(block(1)) * blockSize,
-                              static_cast<float>(block(2)) * blockSize);
-            float start = AR::Math::dot(corner - cameraPosition, direction) - margin;
-            if (start < nearPlane) {
-                start = nearPlane;
-            }
-            const Vec4 hit =
-                raycastSparseVolume(grid, cameraPosition, direction, start, farPlane, stepFactor);
-            depth(x, y) = hit(3);
+            const Vec4 hit = march(grid, &snapshot, verbose, cameraPosition, direction, start,
+                                   farPlane, stepFactor);
+            row[x] = hit(3);
         }
     }
     timing.endSection();

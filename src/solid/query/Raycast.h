@@ -11,9 +11,12 @@
 // front of the first existing block, and marches from just before that block.
 //
 // Both operations exist for the depth-bearing grids (DepthGrid and LabelDepthGrid). They keep no
-// state; each block lookup takes the grid's read lock only for the lookup and each sample read
-// holds one block's mutex only while it samples, so they may run during integration and see the
-// volume half-way through a frame.
+// state. A march holds the mutex of the block its samples are in until it leaves that block, and
+// never while it looks up another one. A single march looks blocks up under the grid's read
+// lock, so it may run during integration and see the volume half-way through a frame. The frame
+// renderer copies the block table once and looks up in the copy without locks: it is meant for
+// the frame path, the only writer, which renders between its own frames; blocks created during
+// a rendering are not seen by it.
 #ifndef VELMORA_SOLID_QUERY_RAYCAST_H
 #define VELMORA_SOLID_QUERY_RAYCAST_H
 
@@ -49,7 +52,11 @@ Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, co
 // (`projection` intrinsics, `pose` world to camera): every pixel receives the axial depth, metres,
 // of the first crossing on its ray between `nearPlane` and `farPlane`, or 0 where there is none.
 // The ray of pixel (x, y) goes through the pixel position itself, with no half-pixel offset.
-// Writes `stats.raycastRays` (rays that reached a block) and `stats.raycastTime` (ms).
+// A ray whose block walk would visit more blocks than its march takes samples from `nearPlane`
+// to `farPlane` (a ray almost parallel to the image plane) is marched from `nearPlane` without
+// the walk, so the work per pixel is bounded by the far plane whatever the intrinsics.
+// Writes `stats.raycastRays` (rays that reached a block or were marched without the walk) and
+// `stats.raycastTime` (ms).
 template <typename B, template <typename> class P, typename L>
 void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, float stepFactor,
              DepthFrame& depthFrame, IntegrationStats& stats);

@@ -1,5 +1,6 @@
 #include "solid/volume/VolumeGrid.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -199,17 +200,85 @@ template <typename B, template <typename> class P, typename L>
 float VolumeGrid<B, P, L>::PathReader::value(const Vec3& p, KeyType& key) {
     key = mGrid.keyOf(p);
     if (!mValid || !(key == mKey)) {
-        AR::Common::ReadLockGuard<L> guard(mGrid.mLock);
-        auto it = mGrid.mGrid.find(key);
-        mEntry = it == mGrid.mGrid.end() ? nullptr : &it->second;
+        if (mBlockLock.owns_lock()) {
+            mBlockLock.unlock();
+        }
+        mEntry = mSnapshot != nullptr ? mSnapshot->find(key) : mGrid.findEntry(key);
         mKey = key;
         mValid = true;
+        if (mEntry != nullptr) {
+            mBlockLock = std::unique_lock<std::mutex>(*mEntry->mutex);
+        }
     }
     if (mEntry == nullptr) {
         return kUnobservedValue;
     }
-    std::lock_guard<std::mutex> lock(*mEntry->mutex);
     return mEntry->block.val(mGrid.localPosition(p, key));
+}
+
+template <typename B, template <typename> class P, typename L>
+const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::findEntry(
+    const KeyType& key) const {
+    AR::Common::ReadLockGuard<L> guard(mLock);
+    auto it = mGrid.find(key);
+    return it == mGrid.end() ? nullptr : &it->second;
+}
+
+namespace {
+
+// Slots of a table snapshot per block: at most half of them are used.
+constexpr uint32_t kSnapshotSlotsPerBlock = 2;
+constexpr uint32_t kMinSnapshotSlots = 16;
+
+}  // namespace
+
+template <typename B, template <typename> class P, typename L>
+VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
+    : mMinKey(INT_MAX, INT_MAX, INT_MAX), mMaxKey(INT_MIN, INT_MIN, INT_MIN) {
+    AR::Common::ReadLockGuard<L> guard(grid.mLock);
+    uint32_t capacity = kMinSnapshotSlots;
+    while (capacity < kSnapshotSlotsPerBlock * grid.mGrid.size()) {
+        capacity *= 2;
+    }
+    mKeys.resize(capacity);
+    mEntries.resize(capacity);
+    for (uint32_t i = 0; i < capacity; ++i) {
+        mEntries.data()[i] = nullptr;
+    }
+    mMask = capacity - 1;
+    for (const auto& item : grid.mGrid) {
+        uint32_t slot = slotOf(item.first);
+        while (mEntries.data()[slot] != nullptr) {
+            slot = (slot + 1) & mMask;
+        }
+        mKeys.data()[slot] = item.first;
+        mEntries.data()[slot] = &item.second;
+        for (int a = 0; a < 3; ++a) {
+            mMinKey(a) = std::min(mMinKey(a), item.first(a));
+            mMaxKey(a) = std::max(mMaxKey(a), item.first(a));
+        }
+    }
+}
+
+template <typename B, template <typename> class P, typename L>
+uint32_t VolumeGrid<B, P, L>::TableSnapshot::slotOf(const KeyType& key) const {
+    return mixBlockKey(key) & mMask;
+}
+
+template <typename B, template <typename> class P, typename L>
+const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::TableSnapshot::find(
+    const KeyType& key) const {
+    for (int a = 0; a < 3; ++a) {
+        if (key(a) < mMinKey(a) || key(a) > mMaxKey(a)) {
+            return nullptr;
+        }
+    }
+    for (uint32_t slot = slotOf(key);; slot = (slot + 1) & mMask) {
+        const Entry* entry = mEntries.data()[slot];
+        if (entry == nullptr || mKeys.data()[slot] == key) {
+            return entry;
+        }
+    }
 }
 
 template <typename B, template <typename> class P, typename L>
@@ -234,22 +303,26 @@ std::optional<typename VolumeGrid<B, P, L>::SampleType> VolumeGrid<B, P, L>::get
 }
 
 // Members every grid has.
-#define VELMORA_INSTANTIATE_GRID_COMMON(G)                \
-    template G::VolumeGrid();                             \
-    template void G::set(const Size&, const Vec3&);       \
-    template void G::reset();                             \
-    template bool G::ensure(const KeyType&);              \
-    template bool G::ensureUnlocked(const KeyType&);      \
-    template G::Ptr G::get(const KeyType&) const;         \
-    template G::Ptr G::getUnlocked(const KeyType&) const; \
-    template size_t G::size() const;                      \
-    template KeyType G::keyOf(const Vec3&) const;         \
-    template Vec3 G::blockOrigin(const KeyType&) const;   \
+#define VELMORA_INSTANTIATE_GRID_COMMON(G)                       \
+    template G::VolumeGrid();                                    \
+    template const G::Entry* G::findEntry(const KeyType&) const; \
+    template void G::set(const Size&, const Vec3&);              \
+    template void G::reset();                                    \
+    template bool G::ensure(const KeyType&);                     \
+    template bool G::ensureUnlocked(const KeyType&);             \
+    template G::Ptr G::get(const KeyType&) const;                \
+    template G::Ptr G::getUnlocked(const KeyType&) const;        \
+    template size_t G::size() const;                             \
+    template KeyType G::keyOf(const Vec3&) const;                \
+    template Vec3 G::blockOrigin(const KeyType&) const;          \
     template Vec3 G::localPosition(const Vec3&, const KeyType&) const;
 
-#define VELMORA_INSTANTIATE_GRID_VALUES(G)                      \
-    template float G::value(const Vec3&, KeyType&) const;       \
-    template float G::PathReader::value(const Vec3&, KeyType&); \
+#define VELMORA_INSTANTIATE_GRID_VALUES(G)                                 \
+    template float G::value(const Vec3&, KeyType&) const;                  \
+    template float G::PathReader::value(const Vec3&, KeyType&);            \
+    template G::TableSnapshot::TableSnapshot(const G&);                    \
+    template const G::Entry* G::TableSnapshot::find(const KeyType&) const; \
+    template uint32_t G::TableSnapshot::slotOf(const KeyType&) const;      \
     template bool G::valueAndGradient(const Vec3&, float&, Vec3&) const;
 
 #define VELMORA_INSTANTIATE_GRID_SAMPLES(G) \

@@ -33,14 +33,37 @@ using KeyType = AR::Math::Vector<int, 3>;
 // The set of block keys passed between the stages of the frame pipeline.
 using IndexSet = AR::Common::FlatSet<KeyType, AR::Common::hash<KeyType>>;
 
+// Block coordinates (position / dimension) that have a key: [-2^31, 2^31), where a float still
+// converts to a key component.
+constexpr float kMinKeyCoordinate = -2147483648.0f;
+constexpr float kMaxKeyCoordinate = 2147483648.0f;
+
+// floor(v) as a key component, by truncation and one correction (the value of std::floor, without
+// its call); false when the coordinate lies outside the range of keys or is not finite.
+inline bool floorToKeyInRange(float v, int& key) {
+    if (!(v >= kMinKeyCoordinate && v < kMaxKeyCoordinate)) {
+        return false;
+    }
+    const int truncated = static_cast<int>(v);
+    key = truncated - (static_cast<float>(truncated) > v ? 1 : 0);
+    return true;
+}
+
 // floor(v) as a key component. A non-finite or out-of-range coordinate maps to INT_MIN, a key no
 // block can have in practice, so a query there finds nothing instead of converting out of range.
 inline int floorToKey(float v) {
-    const float f = std::floor(v);
-    if (!(f >= static_cast<float>(INT_MIN) && f < static_cast<float>(INT_MAX))) {
-        return INT_MIN;
-    }
-    return static_cast<int>(f);
+    int key;
+    return floorToKeyInRange(v, key) ? key : INT_MIN;
+}
+
+// Scrambled bits of a block key for the private power-of-two tables of hot loops, where the
+// neighbouring keys of a surface must spread over the low bits (the table hash of the grid is kept
+// for the order of its block sets).
+inline uint32_t mixBlockKey(const KeyType& key) {
+    const uint32_t h = static_cast<uint32_t>(key(0)) * 0x9E3779B1u ^
+                       static_cast<uint32_t>(key(1)) * 0x85EBCA77u ^
+                       static_cast<uint32_t>(key(2)) * 0xC2B2AE3Du;
+    return h ^ (h >> 15);
 }
 
 // Slab allocator of block memory: mega blocks of 2048 blocks, each block followed by an 8-byte
@@ -152,24 +175,53 @@ public:
     bool valueAndGradient(const Vec3& p, float& value, Vec3& gradient) const;
     std::optional<SampleType> getSample(const Vec3& p, KeyType& key) const;
 
+    // A copy of the block table for a reader that looks up many keys while no block is added,
+    // such as the frame path, the only writer, rendering the volume between two frames: lookups
+    // take no lock and probe one flat array. Blocks added after the copy are not seen. Entries
+    // never move or vanish while the grid lives, so the copy stays valid.
+    class TableSnapshot {
+    public:
+        explicit TableSnapshot(const VolumeGrid& grid);
+        // The entry of `key`, or null.
+        const Entry* find(const KeyType& key) const;
+
+    private:
+        uint32_t slotOf(const KeyType& key) const;
+
+        AR::Common::Vector<KeyType> mKeys;
+        AR::Common::Vector<const Entry*> mEntries;  // null for an empty slot
+        uint32_t mMask = 0;
+        KeyType mMinKey;  // bounding box of all keys; lookups outside it fail at once
+        KeyType mMaxKey;
+    };
+
     // Reads values along a path, such as a ray. It remembers the block of its last read (or that
-    // there was none), so that reads staying in one block skip the table and its lock; each read
-    // still holds the block's mutex for just that read. Blocks never move or vanish while the grid
-    // lives (`reset` must not run beside readers), so a remembered block stays valid. A block
-    // created while a reader remembers its absence is seen from the next block on, as if the
-    // lookup had happened a moment earlier. One reader per thread.
+    // there was none), so that reads staying in one block skip the table, and it keeps that
+    // block's mutex until the path leaves the block or the reader goes away (it never holds it
+    // while it looks up another block). Blocks never move or vanish while the grid lives (`reset`
+    // must not run beside readers), so a remembered block stays valid. A block created while a
+    // reader remembers its absence is seen from the next block on, as if the lookup had happened
+    // a moment earlier. Lookups go to `snapshot` when one is given, else to the table under the
+    // read lock. One reader per thread.
     class PathReader {
     public:
-        explicit PathReader(const VolumeGrid& grid) : mGrid(grid) {}
+        explicit PathReader(const VolumeGrid& grid, const TableSnapshot* snapshot = nullptr)
+            : mGrid(grid), mSnapshot(snapshot) {}
         // As `VolumeGrid::value`.
         float value(const Vec3& p, KeyType& key);
 
     private:
         const VolumeGrid& mGrid;
+        const TableSnapshot* mSnapshot;
         KeyType mKey;
         const Entry* mEntry = nullptr;
-        bool mValid = false;  // mKey and mEntry describe a lookup
+        std::unique_lock<std::mutex> mBlockLock;  // of mEntry, while there is one
+        bool mValid = false;                      // mKey and mEntry describe a lookup
     };
+
+    // The entry of `key` (block and mutex, the mutex not taken), found under the read lock, or
+    // null. Entries stay where they are for the life of the grid.
+    const Entry* findEntry(const KeyType& key) const;
 
     // Calls `f(key, block)` for each block, under the read lock, with the block's mutex held.
     // The order is that of the hash table and carries no meaning.

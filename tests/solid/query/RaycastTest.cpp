@@ -3,11 +3,15 @@
 // the verbose trace of a march.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "common/Logger.h"
+#include "math/MatrixFunctions.h"
 #include "solid/query/Raycast.h"
 #include "support/FusedGrid.h"
 
@@ -249,6 +253,135 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
     // An enormous but finite segment is walked within its bound and still finds the block.
     ASSERT_TRUE(findFirstBlock(column, from, Vec3(0.5f * d, 0.5f * d, 1e30f), found));
     EXPECT_EQ(found, KeyType(0, 0, 4));
+}
+
+// The march as it reads in words: a grid lookup under its locks for every sample.
+template <typename Grid>
+float plainMarch(const Grid& grid, const Vec3& origin, const Vec3& direction, float nearPlane,
+                 float farPlane) {
+    float d = nearPlane;
+    Vec3 position = origin + direction * d;
+    const float smallStep = grid.config().spacing(0);
+    float step = smallStep * kStepFactor;
+    Vec3 increment = direction * step;
+    float previous = kUnobservedValue;
+    bool coarse = true;
+    for (; d <= farPlane; d += step, position += increment) {
+        KeyType key;
+        const float value = grid.value(position, key);
+        if (value == kUnobservedValue) {
+            continue;
+        }
+        if (value < 0.0f) {
+            return previous > 0.0f ? (previous * d - (d - step) * value) / (previous - value)
+                                   : 0.0f;
+        }
+        if (value == 0.0f) {
+            return d;
+        }
+        if (value < kFineMarchThreshold && coarse) {
+            step = smallStep;
+            increment = direction * step;
+            coarse = false;
+        }
+        previous = value;
+    }
+    return 0.0f;
+}
+
+// The rendering as it reads in words, pixel by pixel; `walk` false marches every ray from the
+// near plane.
+template <typename Grid>
+void plainRender(const Grid& grid, DepthFrame& frame, bool walk) {
+    const Matrix4 Minv = AR::Math::inverse(frame.projection * frame.pose);
+    const Vec3 eye(Minv(0, 3), Minv(1, 3), Minv(2, 3));
+    const float size = grid.config().dimension(0);
+    for (int y = 0; y < frame.depth.height(); ++y) {
+        for (int x = 0; x < frame.depth.width(); ++x) {
+            const float u = static_cast<float>(x), v = static_cast<float>(y);
+            const Vec3 direction(Minv(0, 0) * u + Minv(0, 1) * v + Minv(0, 2),
+                                 Minv(1, 0) * u + Minv(1, 1) * v + Minv(1, 2),
+                                 Minv(2, 0) * u + Minv(2, 1) * v + Minv(2, 2));
+            KeyType block;
+            float start = kNearPlane;
+            if (walk) {
+                if (!findFirstBlock(grid, eye, eye + direction * kFarPlane, block)) {
+                    frame.depth(x, y) = 0.0f;
+                    continue;
+                }
+                const Vec3 corner(block(0) * size, block(1) * size, block(2) * size);
+                start = std::max(kNearPlane,
+                                 AR::Math::dot(corner - eye, direction) - 1.7320508f * size);
+            }
+            frame.depth(x, y) = plainMarch(grid, eye, direction, start, kFarPlane);
+        }
+    }
+}
+
+// Renders the view of `camera` both ways and compares every pixel bit for bit; returns the
+// pixels with a surface.
+template <typename Grid>
+int renderBothWays(const Grid& grid, const PinholeCamera& camera, bool walk,
+                   IntegrationStats& stats) {
+    DepthFrame fast;
+    DepthFrame plain;
+    Velmora::Test::setUpFrame(fast, camera);
+    Velmora::Test::setUpFrame(plain, camera);
+    raycast(grid, kNearPlane, kFarPlane, kStepFactor, fast, stats);
+    plainRender(grid, plain, walk);
+    int hits = 0;
+    for (int y = 0; y < camera.height; ++y) {
+        for (int x = 0; x < camera.width; ++x) {
+            EXPECT_EQ(0, std::memcmp(&fast.depth(x, y), &plain.depth(x, y), sizeof(float)))
+                << fast.depth(x, y) << " against " << plain.depth(x, y) << " at " << x << ", " << y;
+            hits += fast.depth(x, y) > 0.0f;
+        }
+    }
+    return hits;
+}
+
+// A furnished room fused from a few views at both cell sizes, rendered from inside (also from a
+// camera in an existing block, at the wall, where blocks of negative keys exist), and from
+// outside at negative coordinates: every pixel as the plain rendering gives it, bit for bit.
+TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
+    AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
+    room.add(Velmora::Test::makeBox({1.2, 1.0, 0.0}, {2.4, 1.8, 0.75}, 4, {1, 2, 3}));
+    room.add(Velmora::Test::makeSphere({3.0, 2.2, 0.3}, 0.3, 6, {4, 5, 6}));
+    using Eye = std::array<Velmora::Test::Vec3d, 2>;
+    const std::vector<Eye> views = {
+        Eye{{{1.0, 0.8, 1.4}, {3.0, 2.0, 0.6}}}, Eye{{{3.2, 2.5, 1.6}, {0.5, 0.5, 0.4}}},
+        Eye{{{0.05, 0.07, 0.1}, {2.0, 1.5, 1.0}}}, Eye{{{-1.0, -0.7, 1.2}, {2.0, 1.5, 0.8}}}};
+    for (const float cell : {0.02f, 0.01f}) {
+        TypeParam grid;
+        Velmora::Test::configureGrid(grid, cell);
+        for (size_t v = 0; v + 1 < views.size(); ++v) {
+            PinholeCamera camera;
+            camera.T_world_camera = Velmora::Test::lookAt(views[v][0], views[v][1], {0, 0, 1});
+            Velmora::Test::fuseView(grid, room, camera, 5.0f * cell);
+        }
+        for (const Eye& view : views) {
+            PinholeCamera camera;
+            camera.width = 81;
+            camera.height = 61;
+            camera.T_world_camera = Velmora::Test::lookAt(view[0], view[1], {0, 0, 1});
+            IntegrationStats stats;
+            EXPECT_GT(renderBothWays(grid, camera, true, stats), 0);
+        }
+    }
+}
+
+// With a focal length of a thousandth of a pixel every ray runs almost parallel to the image
+// plane and would cross tens of thousands of blocks before the far plane; the walk gives way to
+// a march from the near plane, whose samples the far plane bounds.
+TEST(RaycastBound, TinyFocalLengthMarchesFromTheNearPlane) {
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kCellSize);
+    Velmora::Test::fuseView(grid, wallScene(), wallCamera(), kTruncation);
+    PinholeCamera camera = wallCamera();
+    camera.fx = camera.fy = 0.001;
+    IntegrationStats stats;
+    renderBothWays(grid, camera, false, stats);
+    EXPECT_EQ(stats.raycastRays, static_cast<size_t>(camera.width * camera.height));
 }
 
 // Collects the finished lines of the logger.
