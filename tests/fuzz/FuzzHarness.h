@@ -38,8 +38,8 @@ constexpr int kMaxFrameOperations = 24;
 void runQuery(Impl& scene, FuzzInput& in);
 // Forgets the instance ids of the previous input; called when a harness starts an input.
 void forgetInstances();
-// Every kind of query once, with arguments from `in`.
-void runEveryQuery(Impl& scene, FuzzInput& in);
+// Every kind of query once, with arguments from `in`; getPlanes only when `withPlanes`.
+void runEveryQuery(Impl& scene, FuzzInput& in, bool withPlanes);
 
 // Silences the library's log for the life of an input (warnings such as a placement on a surface
 // facing away would otherwise cost more than the calls); assertion reports still get out. The

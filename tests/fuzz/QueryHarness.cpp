@@ -24,8 +24,9 @@ constexpr float kTypicalCoordinateHi = 6.0f;
 constexpr float kTypicalDistanceHi = 3.0f;
 // The largest |q^2 - 1| of a placement orientation that counts as unit length.
 constexpr float kUnitQuaternionTolerance = 1e-3f;
-// Number of distinct query kinds of runQuery.
+// Number of distinct query kinds of runQuery, and the kind that is getPlanes.
 constexpr int kQueryKinds = 8;
+constexpr int kPlanesQuery = 5;
 
 enum Attribute : uint32_t {
     kPosition = 0,
@@ -291,7 +292,7 @@ void runQueryOfKind(Impl& scene, FuzzInput& in, int kind) {
         case 4:
             instances(scene);
             break;
-        case 5:
+        case kPlanesQuery:
             planes(scene);
             break;
         case 6:
@@ -328,8 +329,11 @@ void runQuery(Impl& scene, FuzzInput& in) {
     runQueryOfKind(scene, in, in.byte() % kQueryKinds);
 }
 
-void runEveryQuery(Impl& scene, FuzzInput& in) {
+void runEveryQuery(Impl& scene, FuzzInput& in, bool withPlanes) {
     for (int kind = 0; kind < kQueryKinds; ++kind) {
+        if (kind == kPlanesQuery && !withPlanes) {
+            continue;
+        }
         runQueryOfKind(scene, in, kind);
     }
 }

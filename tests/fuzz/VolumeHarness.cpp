@@ -245,8 +245,13 @@ void runVolumeInput(const uint8_t* data, size_t size) {
     } else {
         queryLoadedBlocks(scene, *s.mLabelDepthVolumeGrid);
     }
+    // Plane fitting requires the truncation band to span more than two sample spacings and
+    // ends the process otherwise; a file may bring a spacing far from the configured cell size.
+    const Solid::Vec3 spacing =
+        s.mVolumeGrid ? s.mVolumeGrid->gridSpacing() : s.mLabelDepthVolumeGrid->gridSpacing();
+    const bool planeBandHolds = 2.0f * spacing(0) / (cellSize * kTruncationCells) < 1.0f;
     FuzzInput noArguments(nullptr, 0);
-    runEveryQuery(scene, noArguments);
+    runEveryQuery(scene, noArguments, planeBandHolds);
 
     // What was loaded saves, and the saved files load again into a fresh scene with the same
     // blocks, unless the spacing needed more digits than the format writes.
