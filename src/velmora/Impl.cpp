@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "common/Logger.h"
+#include "common/Trace.h"
 #include "velmora/ImplState.h"
 #include "velmora/Version.h"
 
@@ -59,6 +60,9 @@ XrResultVLM Impl::init(const Config& config) {
     if (configResult != kSuccess) {
         return configResult;
     }
+    // The process keeps one tracer: the first scene to start opens the kernel's marker (or logs
+    // why it cannot), and the spans of every scene go there from then on.
+    AR::Common::processTrace();
     State& s = *mState;
     s.mMode = config.mode;
     const Solid::Size blockSize(kBlockLatticePoints, kBlockLatticePoints, kBlockLatticePoints);
@@ -113,18 +117,6 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
         buffers.data[i].vertexCount = 0;
         buffers.data[i].indexCount = 0;
     }
-    return kSuccess;
-}
-
-XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    if (!mState->mPlaneDetector.isEnabled()) {
-        return kErrorPlanesDisabled;
-    }
-    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans
-    // stay untouched.
     return kSuccess;
 }
 

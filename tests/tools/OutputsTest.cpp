@@ -9,6 +9,7 @@
 #include "OutputTestSupport.h"
 #include "ToolTestSupport.h"
 #include "velmora/Accuracy.h"
+#include "velmora/Commands.h"
 #include "velmora/Outputs.h"
 #include "velmora/Ply.h"
 #include "velmora/Preview.h"
@@ -237,6 +238,8 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
     EXPECT_EQ(instances["instances"][1]["id"], "00000000000000000200000002000000");
     EXPECT_EQ(instances["instances"][1]["label"], 8);
     EXPECT_EQ(instances["instances"][0]["boundsMin"], nlohmann::json::array({1.0, 0.5, 0.0}));
+    // Floats read as the decimals they stand for, to the micrometre.
+    EXPECT_EQ(instances["instances"][1]["boundsMax"], nlohmann::json::array({3.0, 2.5, 1.01}));
     EXPECT_EQ(instances["subsumed"].size(), 2u);
 }
 
@@ -244,7 +247,8 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
 // of the picture. The plane picture tints the floor plane; a plane facing away is not drawn.
 TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
     CannedScene scene = cannedScene();
-    const PreviewCamera camera = overviewCamera(scene.mesh, kPreviewWidth, kPreviewHeight);
+    const PreviewCamera camera =
+        overviewCamera(scene.mesh, kPreviewWidth, kPreviewHeight, {0.0, 0.0, 1.0});
     for (const std::array<float, 3>& p : scene.mesh.positions) {
         double x = 0, y = 0, depth = 0;
         ASSERT_TRUE(camera.project(p, x, y, depth));
@@ -283,6 +287,47 @@ TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
     }
     EXPECT_NE(instanceColor(1), instanceColor(2));
     EXPECT_EQ(instanceColor(0), instanceColor(0));
+}
+
+// The camera looks down along the up direction it is given, whichever axis that is, and keeps up
+// at the top of the picture.
+TEST(Previews, ViewpointFollowsTheUpDirection) {
+    const HostMesh mesh = cannedScene().mesh;
+    for (const std::array<double, 3>& up :
+         std::vector<std::array<double, 3>>{{0, 0, 1}, {0, 1, 0}, {-1, 0, 0}, {0, 0.6, 0.8}}) {
+        const PreviewCamera camera = overviewCamera(mesh, 64, 48, up);
+        const double forwardUp =
+            camera.forward[0] * up[0] + camera.forward[1] * up[1] + camera.forward[2] * up[2];
+        const double downUp =
+            camera.down[0] * up[0] + camera.down[1] * up[1] + camera.down[2] * up[2];
+        EXPECT_LT(forwardUp, -0.5) << "looks down";
+        EXPECT_LT(downUp, -0.3) << "up is at the top of the picture";
+        EXPECT_NEAR(camera.right[0] * up[0] + camera.right[1] * up[1] + camera.right[2] * up[2],
+                    0.0, 1e-9)
+            << "the horizon is level";
+    }
+    // Camera up directions near an axis snap to it; others are kept; none gives z.
+    const struct {
+        std::array<double, 3> mean;
+        std::array<double, 3> up;
+    } snaps[] = {
+        {{0.1, 3.0, -0.2}, {0, 1, 0}},
+        {{0.2, 0.1, -2.0}, {0, 0, -1}},
+        {{0, 0.6, 0.8}, {0, 0.6, 0.8}},
+        {{0, 0, 0}, {0, 0, 1}},
+    };
+    for (const auto& snap : snaps) {
+        const std::array<double, 3> up = snapUp(snap.mean);
+        for (int axis = 0; axis < 3; ++axis) {
+            EXPECT_NEAR(up[axis], snap.up[axis], 1e-12) << axis;
+        }
+    }
+    std::array<double, 3> axis{};
+    EXPECT_TRUE(parseAxis("-y", axis));
+    EXPECT_EQ(axis, (std::array<double, 3>{0, -1, 0}));
+    for (const char* bad : {"", "w", "--x", "xy", "-"}) {
+        EXPECT_FALSE(parseAxis(bad, axis)) << bad;
+    }
 }
 
 TEST(Accuracy, VertexDistancesAreMeasuredToTheTrueSurface) {

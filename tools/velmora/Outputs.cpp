@@ -215,8 +215,9 @@ bool writeOutputs(Velmora::IVelmora& scene, const OutputOptions& options, bool w
     }
     if (!options.previewPath.empty()) {
         Stage pictures("pictures", progressOut, interactive, report);
-        const Previews previews = renderPreviews(
-            report.mesh, report.planes, overviewCamera(report.mesh, kPreviewWidth, kPreviewHeight));
+        const Previews previews =
+            renderPreviews(report.mesh, report.planes,
+                           overviewCamera(report.mesh, kPreviewWidth, kPreviewHeight, options.up));
         const std::string planesPath = previewPlanesPath(options.previewPath);
         if (!writePng(options.previewPath, previews.scene, error)) {
             return fail(options.previewPath + ": " + error);

@@ -12,9 +12,12 @@ using Vec3d = std::array<double, 3>;
 // Every picture is drawn at this many samples per pixel side and averaged down, which smooths the
 // edges of triangles and lines.
 constexpr uint32_t kSupersampling = 2;
-// Direction from the middle of the scene to the viewpoint (x, y, z, not normalised): from the
-// south-west, above, so that a room seen from there shows its floor and two walls.
+// Direction from the middle of the scene to the viewpoint, not normalised, in a frame whose third
+// axis is up: from one corner, above, so that a room seen from there shows its floor and two
+// walls. With world z up the first two axes are world x and y (the built-in room's south-west).
 constexpr Vec3d kViewDirection{-0.55, -0.8, 1.0};
+// A camera up direction within this angle of a world axis (cosine) is taken as that axis.
+constexpr double kAxisSnapCosine = 0.9;
 // Horizontal field of view of the picture, radians (about 50 degrees).
 constexpr double kFieldOfView = 0.87;
 // Share of the vertices at each end of each axis left out of the bounds that the view must show,
@@ -30,7 +33,9 @@ constexpr double kMinRadius = 1e-3;
 // Light: a share from all directions and a share from a direction above and behind the viewer.
 constexpr double kAmbient = 0.4;
 constexpr double kDiffuse = 0.6;
-constexpr Vec3d kLightDirection{-0.3, -0.5, 1.0};  // towards the light, world frame
+// Towards the light in the picture's frame (right, down, forward): from above the viewer's left
+// shoulder.
+constexpr Vec3d kLightDirection{-0.4, -0.7, -1.0};
 // Background: a vertical gradient between two blue-greys.
 constexpr std::array<double, 3> kBackgroundTop{236, 240, 246};
 constexpr std::array<double, 3> kBackgroundBottom{190, 198, 212};
@@ -122,7 +127,13 @@ public:
             visible[v] = mCamera.project(mesh.positions[v], x, y, depth);
             screen[v] = {x * kSupersampling, y * kSupersampling, 1.0 / depth};
         }
-        const Vec3d light = normalised(kLightDirection);
+        Vec3d light{};
+        for (int axis = 0; axis < 3; ++axis) {
+            light[axis] = kLightDirection[0] * mCamera.right[axis] +
+                          kLightDirection[1] * mCamera.down[axis] +
+                          kLightDirection[2] * mCamera.forward[axis];
+        }
+        light = normalised(light);
         for (size_t t = 0; t + 2 < mesh.indices.size(); t += 3) {
             const uint32_t i0 = mesh.indices[t], i1 = mesh.indices[t + 1], i2 = mesh.indices[t + 2];
             if (!visible[i0] || !visible[i1] || !visible[i2]) {
@@ -348,7 +359,20 @@ bool PreviewCamera::project(const std::array<float, 3>& world, double& x, double
     return true;
 }
 
-PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t height) {
+std::array<double, 3> snapUp(const std::array<double, 3>& up) {
+    const Vec3d unit = normalised(up);
+    for (int axis = 0; axis < 3; ++axis) {
+        if (std::fabs(unit[axis]) >= kAxisSnapCosine) {
+            Vec3d snapped{0.0, 0.0, 0.0};
+            snapped[axis] = unit[axis] > 0.0 ? 1.0 : -1.0;
+            return snapped;
+        }
+    }
+    return dot(unit, unit) > 0.0 ? unit : Vec3d{0.0, 0.0, 1.0};
+}
+
+PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t height,
+                             const std::array<double, 3>& up) {
     Vec3d low{0.0, 0.0, 0.0}, high{1.0, 1.0, 1.0};
     if (!mesh.positions.empty()) {
         std::vector<float> values(mesh.positions.size());
@@ -370,9 +394,24 @@ PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t heig
     camera.width = width;
     camera.height = height;
     camera.focal = (width / 2.0) / std::tan(kFieldOfView / 2.0);
-    const Vec3d towardsViewer = normalised(kViewDirection);
+    // The horizontal axes of the view frame: world x made perpendicular to up (world y where up
+    // lies near x), and up x that.
+    const Vec3d upAxis = normalised(up);
+    const Vec3d reference =
+        std::fabs(upAxis[0]) < kAxisSnapCosine ? Vec3d{1.0, 0.0, 0.0} : Vec3d{0.0, 1.0, 0.0};
+    const double along = dot(reference, upAxis);
+    const Vec3d first =
+        normalised({reference[0] - along * upAxis[0], reference[1] - along * upAxis[1],
+                    reference[2] - along * upAxis[2]});
+    const Vec3d second = cross(upAxis, first);
+    Vec3d towardsViewer{};
+    for (int axis = 0; axis < 3; ++axis) {
+        towardsViewer[axis] = kViewDirection[0] * first[axis] + kViewDirection[1] * second[axis] +
+                              kViewDirection[2] * upAxis[axis];
+    }
+    towardsViewer = normalised(towardsViewer);
     camera.forward = {-towardsViewer[0], -towardsViewer[1], -towardsViewer[2]};
-    camera.right = normalised(cross(camera.forward, {0.0, 0.0, 1.0}));
+    camera.right = normalised(cross(camera.forward, upAxis));
     camera.down = cross(camera.forward, camera.right);
     // The nearest distance at which the eight corners of the bounds fit into the picture with its
     // margin, found by bisection between a distance that is surely too near (the bounding sphere

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "solid/planes/PlaneDetector.h"
+#include "solid/planes/SampleValues.h"
 
 namespace Solid {
 
@@ -13,23 +14,6 @@ namespace {
 // Samples at or beyond this normalised distance sit at the saturated ends of the band and say
 // nothing about where the surface is.
 constexpr float kSaturatedDistance = 0.99999f;
-// First size tried for a block's set of chosen samples; doubled up to one sample plane.
-constexpr size_t kMinSampleSetSize = 8;
-
-template <typename VolumeType>
-float normalisedDistance(const VolumeType& volume, int x, int y, int z) {
-    return static_cast<float>(depthPart(volume.at(x, y, z))(0)) * kDepthValueScale;
-}
-
-template <typename VolumeType>
-size_t sampleSetSize(const VolumeType& volume) {
-    const size_t planeSamples = static_cast<size_t>(volume.size()(0) * volume.size()(1));
-    size_t size = kMinSampleSetSize;
-    while (size < planeSamples) {
-        size *= 2;
-    }
-    return size;
-}
 
 }  // namespace
 
