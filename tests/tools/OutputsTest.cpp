@@ -442,6 +442,20 @@ TEST(Accuracy, TruePlanesAndObjectsMatchWithinTheirBounds) {
         EXPECT_EQ(report.planes[0].matched, c.matched) << c.offset;
         EXPECT_EQ(report.planesMatched, truePlanes().size() - (c.matched ? 0 : 1));
     }
+    // A floor seen only near one corner and tilted by 3 degrees lies 10 cm off at the room's
+    // centre, yet where it was seen it is on the floor.
+    const float tilt = static_cast<float>(3.0 / 57.29577951308232);
+    HostPlanes corner = planes;
+    corner.planes[0].normal = {std::sin(tilt), 0, std::cos(tilt)};
+    corner.planes[0].offset = -std::sin(tilt) * 0.2f;
+    corner.planes[0].contour = {{0.1f, 0.1f, 0}, {0.3f, 0.1f, 0}, {0.3f, 0.3f, 0}};
+    report = evaluateBuiltinScene({}, corner, {}, run);
+    EXPECT_TRUE(report.planes[0].matched);
+    EXPECT_NEAR(report.planes[0].angleDeg, 3.0, 1e-3);
+    EXPECT_LT(report.planes[0].offsetError, 1e-6);
+    corner.planes[0].contour.clear();
+    EXPECT_FALSE(evaluateBuiltinScene({}, corner, {}, run).planes[0].matched);
+
     HostInstances relabelled = instances;
     relabelled.instances[0].label = 99;
     EXPECT_EQ(evaluateBuiltinScene({}, {}, relabelled, run).objectsMatched, 3u);
