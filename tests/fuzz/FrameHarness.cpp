@@ -28,6 +28,8 @@ constexpr int kTypicalDepthHiMm = 5000;
 // Bytes of a pixel of each ImageFormat; 1 for the formats the library does not know.
 constexpr uint32_t kBytesPerPixel[] = {2, 2, 1, 2, 3, 1};
 constexpr uint32_t kUnknownFormat = 5;
+// Semantic classes a label image may name.
+constexpr uint8_t kLabelClasses = 32;
 
 struct HostImage {
     Image image{};
@@ -62,6 +64,25 @@ void fillPixels(HostImage& host, FuzzInput& in) {
     }
 }
 
+// Class ids at or above kLabelClasses are a host's programming error that label fusion refuses
+// by aborting, so label pixels keep below it; 16-bit labels keep their high byte zero.
+void keepLabelsBelowClassCount(HostImage& host) {
+    Image& image = host.image;
+    if (image.format != kImageLabelU8 && image.format != kImageLabelU16) {
+        return;
+    }
+    const uint32_t bpp = kBytesPerPixel[image.format];
+    for (uint32_t y = 0; y < image.height; ++y) {
+        uint8_t* row = host.pixels.data() + size_t(y) * image.stride;
+        for (uint32_t x = 0; x < image.width; ++x) {
+            row[x * bpp] %= kLabelClasses;
+            if (bpp == 2) {
+                row[x * bpp + 1] = 0;
+            }
+        }
+    }
+}
+
 HostImage makeImage(FuzzInput& in, uint32_t format) {
     HostImage host;
     Image& image = host.image;
@@ -73,6 +94,7 @@ HostImage makeImage(FuzzInput& in, uint32_t format) {
     image.maxDepth = in.flag() ? 0u : uint32_t(in.range(0, 65535));
     host.pixels.resize(size_t(image.stride) * image.height);
     fillPixels(host, in);
+    keepLabelsBelowClassCount(host);
     image.pixelData = host.pixels.data();
     // Now and then an image the validation must refuse.
     switch (in.byte() % 16) {
