@@ -1,17 +1,22 @@
 #!/usr/bin/python3
-"""Per-frame integration and rendering time of Velmora against Open3D on the same sequence.
+"""Per-frame integration time of Velmora against Open3D on the same recorded sequence.
 
 Runs `velmora fuse --stats` (single-threaded, split mode, depth only) and integrates the same depth frames
 with Open3D's VoxelBlockGrid on the CPU and with the legacy ScalableTSDFVolume, at the same cell
 size and truncation, with one and with two threads. Prints the median per-frame time of each and
 its ratio to Velmora's.
 
-Rendering: every fourth frame, Velmora fuses the depth and then a colour image, for which it
-renders a depth image of the volume from the frame's pose (near 0.05 m, far 5 m); the render time
-is the median time of such frames less the median of the same frames without colour. Open3D's
-VoxelBlockGrid integrates the same frames and ray-casts a depth image at each pose (one thread).
+With --mesh, times whole-scene meshing instead: Open3D's `extract_triangle_mesh` on a tensor
+VoxelBlockGrid that fused all frames of the sequence (one thread), against the benchmark
+`bench_surface`, which meshes and merges every block of the same frames fused by Velmora. The
+sequence must then be the built-in scene rendered with the benchmark's frame count
+(`velmora render-scene DIR --frames 60`).
+
+With --scene-table, prints the side-by-side table on the built-in scene (see scene_table).
 
 Usage: bench/compare_open3d.py SEQUENCE_DIR [--velmora PATH] [--cell-size M] [--truncation M]
+       bench/compare_open3d.py SEQUENCE_DIR --mesh [--bench-surface PATH] [--cell-size M] ...
+       bench/compare_open3d.py --scene-table [--frames N] [--size WxH] [--velmora PATH] ...
 Needs Debian's python3-open3d and python3-numpy (run with /usr/bin/python3).
 """
 import argparse
@@ -62,62 +67,7 @@ def run_velmora(binary, directory, cell, truncation):
     return [frame["submitMs"] for frame in stats["frames"]]
 
 
-# Frames of the rendering comparison: every fourth.
-RENDER_EVERY = 4
-
-
-def run_velmora_render(binary, directory, cell, truncation):
-    """Median ms of the depth frames with a rendered colour frame, less those without."""
-    medians = []
-    for colour_every in (1, 0):
-        with tempfile.TemporaryDirectory() as tmp:
-            stats_path = os.path.join(tmp, "stats.json")
-            subprocess.run([binary, "fuse", directory, "--cell-size", str(cell), "--truncation",
-                            str(truncation), "--every", str(RENDER_EVERY), "--label-every", "0",
-                            "--color-every", str(colour_every), "--stats", stats_path],
-                           check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            with open(stats_path) as f:
-                stats = json.load(f)
-        medians.append(statistics.median(frame["submitMs"] for frame in stats["frames"]))
-    return [medians[0] - medians[1]]
-
-
-def run_open3d_render(frames, intrinsics, cell, truncation):
-    """ms of VoxelBlockGrid.ray_cast of a depth image at the pose of each frame just fused."""
-    import numpy as np
-    import open3d as o3d
-
-    o3d.utility.set_verbosity_level(o3d.utility.VerbosityLevel.Error)
-    device = o3d.core.Device("CPU:0")
-    grid = o3d.t.geometry.VoxelBlockGrid(attr_names=("tsdf", "weight"),
-                                         attr_dtypes=(o3d.core.float32, o3d.core.float32),
-                                         attr_channels=((1), (1)), voxel_size=cell,
-                                         block_resolution=8, block_count=50000, device=device)
-    fx, fy, cx, cy = intrinsics
-    intrinsic = o3d.core.Tensor([[fx, 0, cx], [0, fy, cy], [0, 0, 1]], o3d.core.Dtype.Float64)
-    times = []
-    for depth_path, pose in frames[::RENDER_EVERY]:
-        depth = o3d.t.io.read_image(depth_path).to(device)
-        height, width = depth.rows, depth.columns
-        extrinsic = o3d.core.Tensor(np.linalg.inv(np.array(pose).reshape(4, 4)),
-                                    o3d.core.Dtype.Float64)
-        coords = grid.compute_unique_block_coordinates(depth, intrinsic, extrinsic, 1000.0, 5.0,
-                                                       truncation / cell)
-        grid.integrate(coords, depth, intrinsic, extrinsic, 1000.0, 5.0, truncation / cell)
-        start = time.perf_counter()
-        # The blocks in the frustum, then the ray cast, as Open3D's own examples render.
-        frustum = grid.compute_unique_block_coordinates(depth, intrinsic, extrinsic, 1000.0, 5.0,
-                                                        truncation / cell)
-        result = grid.ray_cast(block_coords=frustum, intrinsic=intrinsic, extrinsic=extrinsic,
-                               width=width, height=height, render_attributes=["depth"],
-                               depth_scale=1000.0, depth_min=0.05, depth_max=5.0,
-                               weight_threshold=1.0)
-        np.asarray(result["depth"].cpu())
-        times.append((time.perf_counter() - start) * 1000.0)
-    return times
-
-
-def run_open3d(frames, intrinsics, cell, truncation, threads, legacy):
+def run_open3d(frames, intrinsics, cell, truncation, threads, legacy, keep=False):
     import numpy as np
     import open3d as o3d
 
@@ -141,6 +91,7 @@ def run_open3d(frames, intrinsics, cell, truncation, threads, legacy):
             start = time.perf_counter()
             volume.integrate(rgbd, camera, extrinsic)
             times.append((time.perf_counter() - start) * 1000.0)
+        run_open3d.kept = volume if keep else None
         return times
     device = o3d.core.Device("CPU:0")
     grid = o3d.t.geometry.VoxelBlockGrid(attr_names=("tsdf", "weight"),
@@ -157,21 +108,183 @@ def run_open3d(frames, intrinsics, cell, truncation, threads, legacy):
                                                        truncation / cell)
         grid.integrate(coords, depth, intrinsic, extrinsic, 1000.0, 5.0, truncation / cell)
         times.append((time.perf_counter() - start) * 1000.0)
+    run_open3d.kept = grid if keep else None
     return times
+
+
+# Repetitions of Open3D's mesh extraction; the median is reported.
+MESH_REPETITIONS = 5
+
+
+def run_open3d_mesh(frames, intrinsics, cell, truncation):
+    """Median milliseconds of extract_triangle_mesh after fusing all frames, and its triangles."""
+    import numpy as np
+    import open3d as o3d
+
+    o3d.utility.set_verbosity_level(o3d.utility.VerbosityLevel.Error)
+    device = o3d.core.Device("CPU:0")
+    grid = o3d.t.geometry.VoxelBlockGrid(attr_names=("tsdf", "weight"),
+                                         attr_dtypes=(o3d.core.float32, o3d.core.float32),
+                                         attr_channels=((1), (1)), voxel_size=cell,
+                                         block_resolution=8, block_count=50000, device=device)
+    fx, fy, cx, cy = intrinsics
+    intrinsic = o3d.core.Tensor([[fx, 0, cx], [0, fy, cy], [0, 0, 1]], o3d.core.Dtype.Float64)
+    for depth_path, pose in frames:
+        depth = o3d.t.io.read_image(depth_path).to(device)
+        extrinsic = o3d.core.Tensor(np.linalg.inv(np.array(pose).reshape(4, 4)),
+                                    o3d.core.Dtype.Float64)
+        coords = grid.compute_unique_block_coordinates(depth, intrinsic, extrinsic, 1000.0, 5.0,
+                                                       truncation / cell)
+        grid.integrate(coords, depth, intrinsic, extrinsic, 1000.0, 5.0, truncation / cell)
+    wall = []
+    cpu = []
+    triangles = 0
+    for _ in range(MESH_REPETITIONS):
+        start_wall, start_cpu = time.perf_counter(), time.process_time()
+        # Weight 1: every observed voxel counts, as Velmora's weight threshold 0 does.
+        mesh = grid.extract_triangle_mesh(weight_threshold=1.0)
+        wall.append((time.perf_counter() - start_wall) * 1000.0)
+        cpu.append((time.process_time() - start_cpu) * 1000.0)
+        triangles = mesh.triangle.indices.shape[0]
+    return statistics.median(wall), statistics.median(cpu), triangles
+
+
+def run_velmora_mesh(binary, cell):
+    """Wall and CPU milliseconds and triangles of meshing and merging the fused room."""
+    cell_mm = int(round(cell * 1000))
+    out = subprocess.run([binary, "--benchmark_format=json",
+                          f"--benchmark_filter=BM_MarchingCubesWholeRoomMerged/{cell_mm}$"],
+                         check=True, capture_output=True, text=True).stdout
+    result = json.loads(out)["benchmarks"][0]
+    return result["real_time"], result["cpu_time"], int(result["triangles"])
+
+
+def compare_meshing(args, frames, intrinsics):
+    velmora_wall, velmora_cpu, velmora_triangles = run_velmora_mesh(args.bench_surface,
+                                                                    args.cell_size)
+    code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
+            "f, k = c.load_sequence(%r); print(json.dumps(c.run_open3d_mesh(f, k, %r, %r)))" %
+            (os.path.dirname(os.path.abspath(__file__)), args.sequence, args.cell_size,
+             args.truncation))
+    env = dict(os.environ, OMP_NUM_THREADS="1")
+    out = subprocess.run([sys.executable, "-c", code], check=True, env=env, capture_output=True,
+                         text=True).stdout
+    open3d_wall, open3d_cpu, open3d_triangles = json.loads(out.strip().splitlines()[-1])
+    # On a shared machine the CPU times are the steadier figures; both are printed.
+    print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m, "
+          "whole-scene mesh")
+    print(f"{'mesher':55s} {'wall ms':>9s} {'cpu ms':>9s} {'triangles':>10s} {'wall ratio':>10s} "
+          f"{'cpu ratio':>10s}")
+    print(f"{'velmora MarchingCubes + mergeMesh (1 thread)':55s} {velmora_wall:9.2f} "
+          f"{velmora_cpu:9.2f} {velmora_triangles:10d} {1.0:10.2f} {1.0:10.2f}")
+    print(f"{'Open3D VoxelBlockGrid.extract_triangle_mesh (1 thread)':55s} {open3d_wall:9.2f} "
+          f"{open3d_cpu:9.2f} {open3d_triangles:10d} {open3d_wall / velmora_wall:10.2f} "
+          f"{open3d_cpu / velmora_cpu:10.2f}")
+def run_open3d_scene(frames, intrinsics, cell, truncation, legacy, mesh_path):
+    """Fuses the frames and meshes the whole scene with one Open3D integrator; writes the mesh to
+    mesh_path and returns the per-frame milliseconds, the meshing milliseconds and the triangles."""
+    import numpy as np
+    import open3d as o3d
+
+    frame_ms = run_open3d(frames, intrinsics, cell, truncation, 1, legacy, keep=True)
+    volume = run_open3d.kept
+    start = time.perf_counter()
+    mesh = volume.extract_triangle_mesh()
+    mesh_ms = (time.perf_counter() - start) * 1000.0
+    if not legacy:
+        mesh = mesh.to_legacy()
+    o3d.io.write_triangle_mesh(mesh_path, mesh)
+    return {"frameMs": frame_ms, "meshMs": mesh_ms, "triangles": len(np.asarray(mesh.triangles))}
+
+
+def scene_table(args):
+    """The side-by-side table: the built-in scene rendered once, fused and meshed by velmora and by
+    both Open3D integrators with one thread at the same cell size, every mesh measured against the
+    scene's truth by `velmora accuracy`."""
+    width, height = (int(v) for v in args.size.split("x"))
+    with tempfile.TemporaryDirectory() as tmp:
+        seq = os.path.join(tmp, "seq")
+        subprocess.run([args.velmora, "render-scene", seq, "--frames", str(args.frames), "--size",
+                        args.size], check=True, stdout=subprocess.DEVNULL)
+        frames, intrinsics = load_sequence(seq)
+        rows = []
+        velmora_ply = os.path.join(tmp, "velmora.ply")
+        stats_path = os.path.join(tmp, "fuse.json")
+        # Depth only and no depth beyond Open3D's 5 m, as Open3D integrates the frames.
+        subprocess.run([args.velmora, "fuse", seq, "--cell-size", str(args.cell_size),
+                        "--truncation", str(args.truncation), "--label-every", "0",
+                        "--color-every", "0", "--max-depth", "5000", "--mesh", velmora_ply,
+                        "--stats", stats_path], check=True, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
+        with open(stats_path) as f:
+            stats = json.load(f)
+        rows.append(("velmora (split, depth only)", [f["submitMs"] for f in stats["frames"]],
+                     stats["stageSeconds"]["meshing"] * 1000.0, stats["triangles"], velmora_ply))
+        for legacy in (True, False):
+            ply = os.path.join(tmp, "open3d-%s.ply" % ("legacy" if legacy else "tensor"))
+            code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
+                    "f, k = c.load_sequence(%r); "
+                    "print(json.dumps(c.run_open3d_scene(f, k, %r, %r, %r, %r)))" %
+                    (os.path.dirname(os.path.abspath(__file__)), seq, args.cell_size,
+                     args.truncation, legacy, ply))
+            env = dict(os.environ, OMP_NUM_THREADS="1")
+            out = subprocess.run([sys.executable, "-c", code], check=True, env=env,
+                                 capture_output=True, text=True).stdout
+            result = json.loads(out.strip().splitlines()[-1])
+            name = "Open3D ScalableTSDFVolume" if legacy else "Open3D VoxelBlockGrid (CPU)"
+            rows.append((name, result["frameMs"], result["meshMs"], result["triangles"], ply))
+
+        print(f"built-in scene, {len(frames)} frames of {args.size}, cell {args.cell_size} m, "
+              f"truncation {args.truncation} m, one thread")
+        print(f"| {'integrator':30s} | ms/frame (median) | meshing ms | triangles | "
+              f"mean mm | median mm | p95 mm | completeness |")
+        print(f"|{'-' * 32}|-------------------|------------|-----------|---------|-----------|"
+              f"--------|--------------|")
+        for name, frame_ms, mesh_ms, triangles, ply in rows:
+            accuracy_path = ply + ".json"
+            subprocess.run([args.velmora, "accuracy", ply, "--frames", str(args.frames), "--size",
+                            args.size, "--stats", accuracy_path], check=True,
+                           stdout=subprocess.DEVNULL)
+            with open(accuracy_path) as f:
+                accuracy = json.load(f)
+            distance = accuracy["distance"]
+            print(f"| {name:30s} | {statistics.median(frame_ms):17.2f} | {mesh_ms:10.1f} | "
+                  f"{triangles:9d} | {distance['mean'] * 1000:7.2f} | "
+                  f"{distance['median'] * 1000:9.2f} | {distance['p95'] * 1000:6.2f} | "
+                  f"{accuracy['completeness'] * 100:11.1f}% |")
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("sequence")
+    parser.add_argument("sequence", nargs="?",
+                        help="recorded sequence; not needed with --scene-table")
+    parser.add_argument("--scene-table", action="store_true",
+                        help="side-by-side table on the built-in scene: per-frame time, meshing "
+                             "time, triangles, accuracy and completeness against its truth")
+    parser.add_argument("--frames", type=int, default=120,
+                        help="--scene-table: frames of the built-in scene")
+    parser.add_argument("--size", default="640x480",
+                        help="--scene-table: image size of the built-in scene")
     parser.add_argument("--velmora", default=os.path.join(os.path.dirname(__file__), "..",
                                                           "build", "demo", "tools", "velmora"))
     parser.add_argument("--cell-size", type=float, default=0.02)
     parser.add_argument("--truncation", type=float, default=0.10)
+    parser.add_argument("--mesh", action="store_true", help="compare whole-scene meshing")
+    parser.add_argument("--bench-surface", default=os.path.join(
+        os.path.dirname(__file__), "..", "build", "dev", "bench", "bench_surface"))
     args = parser.parse_args()
+    if args.scene_table:
+        scene_table(args)
+        return
+    if not args.sequence:
+        parser.error("give SEQUENCE_DIR, or --scene-table")
 
     frames, intrinsics = load_sequence(args.sequence)
     if not frames:
         sys.exit(f"{args.sequence}: no frames with a pose")
+    if args.mesh:
+        compare_meshing(args, frames, intrinsics)
+        return
     rows = [("velmora fuse (split, depth only, 1 thread)",
              run_velmora(args.velmora, args.sequence, args.cell_size, args.truncation))]
     for legacy in (False, True):
@@ -189,25 +302,12 @@ def main():
             rows.append((f"{name}, {threads} thread{'s' if threads > 1 else ''}",
                          json.loads(out.strip().splitlines()[-1])))
 
-    code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
-            "f, k = c.load_sequence(%r); print(json.dumps(c.run_open3d_render(f, k, %r, %r)))" %
-            (os.path.dirname(os.path.abspath(__file__)), args.sequence, args.cell_size,
-             args.truncation))
-    out = subprocess.run([sys.executable, "-c", code], check=True,
-                         env=dict(os.environ, OMP_NUM_THREADS="1"), capture_output=True,
-                         text=True).stdout
-    renders = [("velmora colour frame: volume rendering, 1 thread",
-                run_velmora_render(args.velmora, args.sequence, args.cell_size, args.truncation)),
-               ("Open3D VoxelBlockGrid ray_cast (depth), 1 thread",
-                json.loads(out.strip().splitlines()[-1]))]
-
+    base = statistics.median(rows[0][1])
     print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m")
-    for title, table in (("integrator", rows), ("renderer", renders)):
-        base = statistics.median(table[0][1])
-        print(f"{title:50s} {'median ms/frame':>16s} {'ratio to velmora':>17s}")
-        for name, times in table:
-            median = statistics.median(times)
-            print(f"{name:50s} {median:16.2f} {median / base:17.2f}")
+    print(f"{'integrator':45s} {'median ms/frame':>16s} {'ratio to velmora':>17s}")
+    for name, times in rows:
+        median = statistics.median(times)
+        print(f"{name:45s} {median:16.2f} {median / base:17.2f}")
 
 
 if __name__ == "__main__":

@@ -37,6 +37,12 @@ struct hash<unsigned short> {
     uint32_t operator()(unsigned short key) const { return fnvStep(key); }
 };
 
+// Plane identities are indices of size_t width; their hash folds them to 32 bits first.
+template <>
+struct hash<unsigned long> {
+    uint32_t operator()(unsigned long key) const { return fnvStep(static_cast<uint32_t>(key)); }
+};
+
 template <>
 struct hash<int> {
     uint32_t operator()(int key) const { return fnvStep(static_cast<uint32_t>(key)); }

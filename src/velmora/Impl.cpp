@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "common/Logger.h"
+#include "common/Trace.h"
 #include "velmora/ImplState.h"
 #include "velmora/Version.h"
 
@@ -40,11 +41,13 @@ XrResultVLM Impl::checkConfig(const Config& config) {
 }
 
 XrResultVLM Impl::checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics) {
-    // Each value must be finite and above zero: a NaN or an infinity would reach block keys and
-    // camera models as values no camera has.
+    // Each value must be finite and above zero as the frame path uses it, narrowed to float: a
+    // NaN, an infinity, or a double that overflows or underflows the float would reach block
+    // keys and camera models as values no camera has.
     for (const double value : {intrinsics.principalPointX, intrinsics.principalPointY,
                                intrinsics.focalLengthX, intrinsics.focalLengthY}) {
-        if (!(std::isfinite(value) && value > 0.0)) {
+        const float narrowed = static_cast<float>(value);
+        if (!(std::isfinite(narrowed) && narrowed > 0.0f)) {
             return kErrorIntrinsicsInvalid;
         }
     }
@@ -59,6 +62,9 @@ XrResultVLM Impl::init(const Config& config) {
     if (configResult != kSuccess) {
         return configResult;
     }
+    // The process keeps one tracer: the first scene to start opens the kernel's marker (or logs
+    // why it cannot), and the spans of every scene go there from then on.
+    AR::Common::processTrace();
     State& s = *mState;
     s.mMode = config.mode;
     const Solid::Size blockSize(kBlockLatticePoints, kBlockLatticePoints, kBlockLatticePoints);
@@ -74,9 +80,9 @@ XrResultVLM Impl::init(const Config& config) {
     }
     s.mTruncation = config.truncation;
     if (config.detectPlanes) {
-        // TODO(unfiled: plane detection): hand truncation and the plane settings to the plane
-        // detector.
-        s.mDetectPlanes = true;
+        // Without plane detection the plane fields of the configuration are not read at all.
+        s.mPlaneDetector.configure(config.truncation, config.planeMaxStdError, config.planeMaxAngle,
+                                   config.planeSolverIterations, config.planeContourAlpha);
     }
     s.mLabelPlanes = config.labelPlanes;
     {
@@ -113,28 +119,6 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
         buffers.data[i].vertexCount = 0;
         buffers.data[i].indexCount = 0;
     }
-    return kSuccess;
-}
-
-XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& /*instances*/,
-                                     span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    // TODO(unfiled: object instances): block instances and their merge; with no instances the spans
-    // stay untouched.
-    return kSuccess;
-}
-
-XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    if (!mState->mDetectPlanes) {
-        return kErrorPlanesDisabled;
-    }
-    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans
-    // stay untouched.
     return kSuccess;
 }
 

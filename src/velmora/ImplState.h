@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "cv/Camera.h"
+#include "solid/instances/InstanceExtractor.h"
+#include "solid/planes/PlaneDetector.h"
 #include "solid/volume/Frames.h"
 #include "solid/volume/VolumeGrid.h"
 #include "velmora/Impl.h"
@@ -44,14 +46,15 @@ struct Impl::State {
     float mTruncation = 0.0f;  // copy of Config::truncation, metres
     int32_t mMode = 0;         // copy of Config::mode; values other than 0 and 1 fuse nothing
     SurfaceExtraction mSurfaces;
-    Solid::IndexSet mInstanceUpdatedBlocks;  // changed since the last getObjectInstances
-    std::mutex mInstanceMutex;               // held for the whole of getObjectInstances
-    std::mutex mInstanceUpdatedMutex;        // guards mInstanceUpdatedBlocks
-    bool mDetectPlanes = false;              // plane detection enabled by Config::detectPlanes
-    Solid::IndexSet mPlaneUpdatedBlocks;     // changed since the last getPlanes
-    std::mutex mPlaneMutex;                  // held for the whole of getPlanes
-    std::mutex mPlaneUpdatedMutex;           // guards mPlaneUpdatedBlocks
-    bool mLabelPlanes = false;               // copy of Config::labelPlanes
+    Solid::IndexSet mInstanceUpdatedBlocks;       // changed since the last getObjectInstances
+    std::mutex mInstanceMutex;                    // held for the whole of getObjectInstances
+    std::mutex mInstanceUpdatedMutex;             // guards mInstanceUpdatedBlocks
+    Solid::InstanceExtractor mInstanceExtractor;  // used under mInstanceMutex only
+    Solid::PlaneDetector mPlaneDetector;          // enabled and configured by Config::detectPlanes
+    Solid::IndexSet mPlaneUpdatedBlocks;          // changed since the last getPlanes
+    std::mutex mPlaneMutex;                       // held for the whole of getPlanes
+    std::mutex mPlaneUpdatedMutex;                // guards mPlaneUpdatedBlocks
+    bool mLabelPlanes = false;                    // copy of Config::labelPlanes
     TextureExtraction mTexture;
 
     // Records `blocks` in the three sets of changed blocks, one mutex at a time.

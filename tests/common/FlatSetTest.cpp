@@ -55,21 +55,6 @@ void expectTableInvariant(const Set& set, Hash hash) {
     }
 }
 
-TEST(FlatSet, ConstructionSizesTheSlotArray) {
-    for (size_t expected = 0; expected <= 8; ++expected) {
-        const TestSet set(expected);
-        EXPECT_EQ(set.slotCount(), 16u) << expected;
-        EXPECT_EQ(set.bucketCount(), 8u) << expected;
-        EXPECT_EQ(set.size(), 0u);
-        EXPECT_EQ(set.maxLoadFactor(), 1.0f);
-    }
-    EXPECT_EQ(TestSet(9).slotCount(), 24u);
-    EXPECT_EQ(TestSet(9).bucketCount(), 16u);
-    EXPECT_EQ(TestSet(16).slotCount(), 24u);
-    EXPECT_EQ(TestSet(17).slotCount(), 40u);
-    EXPECT_EQ(TestSet(1000).bucketCount(), 1024u);
-}
-
 TEST(FlatSet, HashOfBlockKeysAndIntegers) {
     const AR::Common::hash<Key3> hash3;
     EXPECT_EQ(hash3(Key3(-1, 0, 0)), 0xFFFFE171u);
@@ -256,22 +241,6 @@ TEST(FlatSet, ClearKeepsSlotsAndRehashNeverShrinks) {
     set.rehash(set.bucketCount() + 1);
     EXPECT_EQ(set.slotCount(), 2 * (slots - 8) + 8);
     expectTableInvariant(set, BucketHash());
-}
-
-TEST(FlatSet, CopyKeepsLayoutAndMoveLeavesAUsableShell) {
-    FlatSet<Key3> set;
-    for (int i = -20; i < 20; ++i) {
-        set.insert(Key3(i, 2 * i, -i));
-    }
-    const FlatSet<Key3> copy(set);
-    EXPECT_EQ(walk(copy), walk(set));
-    EXPECT_EQ(copy.slotCount(), set.slotCount());
-    FlatSet<Key3> moved(std::move(set));
-    EXPECT_EQ(walk(moved), walk(copy));
-    EXPECT_FALSE(set.contains(Key3(0, 0, 0)));  // NOLINT(bugprone-use-after-move)
-    set.insert(Key3(5, 5, 5));
-    EXPECT_EQ(set.size(), 1u);
-    EXPECT_EQ(set.bucketCount(), 8u);
 }
 
 TEST(FlatSet, MatchesUnorderedSetUnderRandomInsertAndErase) {

@@ -148,6 +148,17 @@ bool AnalyticScene::cast(const Vec3d& origin, const Vec3d& direction, double& t,
     return found;
 }
 
+uint8_t AnalyticScene::nearestLabel(const Vec3d& p) const {
+    size_t nearest = 0;
+    for (size_t i = 1; i < mPrimitives.size(); ++i) {
+        if (std::abs(mPrimitives[i]->signedDistance(p)) <
+            std::abs(mPrimitives[nearest]->signedDistance(p))) {
+            nearest = i;
+        }
+    }
+    return mPrimitives[nearest]->label();
+}
+
 AnalyticScene AnalyticScene::room(double sx, double sy, double sz) {
     AnalyticScene scene;
     // Solid is everything outside the room: n.p < offset, n pointing into the room.

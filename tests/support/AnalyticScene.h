@@ -53,6 +53,9 @@ public:
     // First hit along the ray; `hit` is the index of the primitive.
     bool cast(const Vec3d& origin, const Vec3d& direction, double& t, size_t& hit) const;
     const Primitive& primitive(size_t i) const { return *mPrimitives[i]; }
+    size_t size() const { return mPrimitives.size(); }
+    // Label of the primitive whose surface is nearest to `p`.
+    uint8_t nearestLabel(const Vec3d& p) const;
 
     // A closed room [0, sx] x [0, sy] x [0, sz] with label 1 floor (z = 0), 2 walls, 3 ceiling.
     static AnalyticScene room(double sx, double sy, double sz);

@@ -45,26 +45,6 @@ SceneObject objectOfLabel(uint8_t label) {
 
 }  // namespace
 
-TEST(BuiltinScene, IntrinsicsAndObjectTable) {
-    const Intrinsics full = sceneIntrinsics(640, 480);
-    EXPECT_EQ(full.fx, 525.0);
-    EXPECT_EQ(full.fy, 525.0);
-    EXPECT_EQ(full.cx, 319.5);
-    EXPECT_EQ(full.cy, 239.5);
-    const Intrinsics quarter = sceneIntrinsics(160, 120);
-    EXPECT_DOUBLE_EQ(quarter.fx, 131.25);
-    EXPECT_DOUBLE_EQ(quarter.cx, 79.5);
-    // Every object has its own label, below the library's class count, and not the "no class" 0.
-    std::set<uint8_t> labels;
-    for (int i = 0; i < static_cast<int>(SceneObject::kCount); ++i) {
-        const uint8_t label = objectInfo(static_cast<SceneObject>(i)).label;
-        EXPECT_GT(label, 0);
-        EXPECT_LT(label, kLabelCount);
-        labels.insert(label);
-    }
-    EXPECT_EQ(labels.size(), static_cast<size_t>(SceneObject::kCount));
-}
-
 // Depth is the z coordinate in the camera frame, not the length of the ray: a wall facing the
 // camera has one depth everywhere, the distance to it.
 TEST(BuiltinScene, DepthOfAWallFacingTheCameraIsItsDistance) {

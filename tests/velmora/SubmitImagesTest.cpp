@@ -1,16 +1,23 @@
 // Frame submission: every result code and the order of the checks (a refused call changes
 // nothing), and fusion of rendered frames of an analytic room in both run modes: values near
 // the surface match the true signed distance, unobserved space reads -2.0, the ramp neighbours
-// are in the grid, shared block borders agree, and readers may run during fusion.
+// are in the grid, shared block borders agree, and with tracing on the call leaves its span.
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <memory>
-#include <thread>
+#include <sstream>
+#include <string>
 #include <vector>
 
+#include "common/Logger.h"
+#include "common/Trace.h"
 #include "support/AnalyticScene.h"
 #include "support/SceneSetup.h"
 #include "velmora/Impl.h"
@@ -118,6 +125,43 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
 
     Impl fresh;
     EXPECT_EQ(submit(fresh, {depth}, camera.pose()), kErrorNotInitialized);
+}
+
+class LogText : public AR::Common::LogTarget {
+public:
+    void write(int, const char* line, size_t length) override { text.append(line, length); }
+    std::string text;
+};
+
+TEST_F(SubmitImagesCodes, WithTracingOnTheSpanOfSubmitImagesReachesTheMarker) {
+    using AR::Common::Trace;
+    // In a fresh process the first init makes the process's tracer: the kernel's marker is open
+    // afterwards, or the log says why it is not.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            LogText log;
+            AR::Common::Logger::getInstance().addTarget(&log);
+            makeScene(1);
+            const bool said = log.text.find("error opening trace file") != std::string::npos;
+            std::exit(Trace::isEnabled() || said ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+
+    const std::string path = testing::TempDir() + "velmora-submit-trace";
+    std::ofstream(path).close();
+    Trace::disable();
+    ASSERT_TRUE(Trace::enableAt(path.c_str()));
+    auto split = makeScene(1);
+    EXPECT_EQ(submit(*split, {depth}, camera.pose()), kSuccess);
+    Trace::disable();
+    std::stringstream trace;
+    trace << std::ifstream(path).rdbuf();
+    const std::string records = trace.str();
+    EXPECT_EQ(records.rfind("B|" + std::to_string(getpid()) + "|submitImages", 0), 0u) << records;
+    EXPECT_NE(records.find("|Integration"), std::string::npos);
+    EXPECT_EQ(records.back(), 'E');
+    std::remove(path.c_str());
 }
 
 // Every field of intrinsics and pose is checked for finiteness before anything changes, with
@@ -330,41 +374,6 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
         }
     }
     EXPECT_GT(pairs, 10);
-}
-
-// A reader samples the depth grid all over the room while frames are fused.
-TEST(SubmitImagesConcurrency, ReaderDuringFusion) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    auto scene = makeScene(1);
-    Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
-    std::atomic<bool> done{false};
-    std::atomic<long> reads{0};
-    std::atomic<int> outOfRange{0};
-    std::thread reader([&] {
-        unsigned state = 7;
-        while (!done.load() || reads.load() == 0) {
-            state = state * 1664525u + 1013904223u;
-            const Solid::Vec3 p(float(state % 4000) * 0.001f, float((state >> 12) % 3000) * 0.001f,
-                                float((state >> 4) % 2600) * 0.001f);
-            Solid::KeyType key;
-            const float v = grid.value(p, key);
-            if (v != -2.0f && (v < -1.0001f || v > 1.0001f))
-                ++outOfRange;
-            ++reads;
-        }
-    });
-    for (int f = 0; f < 3; ++f) {
-        const PinholeCamera camera = roomCamera(2.0 * f);
-        const RenderedFrame frame = render(room, camera);
-        std::vector<Image> images = {frame.depthImage()};
-        EXPECT_EQ(scene->submitImages(f, camera.intrinsics(), camera.pose(),
-                                      span<const Image>{images.data(), 1}),
-                  kSuccess);
-    }
-    done = true;
-    reader.join();
-    EXPECT_EQ(outOfRange.load(), 0);
-    EXPECT_GT(grid.size(), 0u);
 }
 
 }  // namespace

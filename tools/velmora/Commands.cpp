@@ -8,7 +8,11 @@
 #include <ostream>
 #include <sstream>
 
+#include <fstream>
+#include <nlohmann/json.hpp>
+
 #include "velmora/Impl.h"
+#include "velmora/Ply.h"
 #include "velmora/Sequence.h"
 
 namespace VelmoraTool {
@@ -104,6 +108,17 @@ bool parseIntrinsics(const std::string& text, Intrinsics& intrinsics) {
     return true;
 }
 
+bool parseAxis(const std::string& text, std::array<double, 3>& axis) {
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::string name = negative ? text.substr(1) : text;
+    if (name.size() != 1 || name[0] < 'x' || name[0] > 'z') {
+        return false;
+    }
+    axis = {0.0, 0.0, 0.0};
+    axis[name[0] - 'x'] = negative ? -1.0 : 1.0;
+    return true;
+}
+
 int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream& err) {
     RecordedSequenceWriter writer;
     std::string error;
@@ -163,6 +178,30 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bo
     fuse.accuracyOf = BuiltinSceneRun{options.frames, options.width, options.height};
     out << "velmora demo: fusing " << scene.describe() << "\n";
     return runFusion(scene, fuse, out, err, err, interactive);
+}
+
+int runAccuracy(const AccuracyCommandOptions& options, std::ostream& out, std::ostream& err) {
+    HostMesh mesh;
+    std::string error;
+    if (!readPlyMesh(options.meshPath, mesh, error)) {
+        err << "velmora: " << options.meshPath << ": " << error << "\n";
+        return kExitFailure;
+    }
+    const AccuracyReport report =
+        evaluateBuiltinScene(mesh, {}, {}, {options.frames, options.width, options.height});
+    out << options.meshPath << ": " << mesh.triangleCount() << " triangles\n";
+    printAccuracy(report, false, out);
+    if (!options.statsPath.empty()) {
+        nlohmann::json stats = accuracyJson(report);
+        stats["triangles"] = mesh.triangleCount();
+        std::ofstream file(options.statsPath);
+        file << stats.dump(2) << "\n";
+        if (!file) {
+            err << "velmora: " << options.statsPath << ": cannot write the statistics\n";
+            return kExitFailure;
+        }
+    }
+    return kExitOk;
 }
 
 OutputOptions demoOutputs(const std::string& outDir, const OutputOptions& requested) {

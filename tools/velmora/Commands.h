@@ -3,6 +3,7 @@
 #ifndef VELMORA_TOOL_COMMANDS_H
 #define VELMORA_TOOL_COMMANDS_H
 
+#include <array>
 #include <cstdint>
 #include <iosfwd>
 #include <optional>
@@ -54,11 +55,22 @@ struct MeshCommandOptions {
     OutputOptions outputs;
 };
 
+struct AccuracyCommandOptions {
+    std::string meshPath;
+    size_t frames = kDefaultSceneFrames;
+    uint32_t width = kDefaultWidth;
+    uint32_t height = kDefaultHeight;
+    std::string statsPath;  // empty: no JSON
+};
+
 // Each returns the exit code; messages go to `err`, results to `out`.
 int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream& err);
 int runFuse(const FuseCommandOptions& options, std::ostream& out, std::ostream& err,
             bool interactive);
 int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err, bool interactive);
+// Measures a mesh file from any program against the built-in scene's true surfaces, as seen by
+// the frames of a run of the given length and size.
+int runAccuracy(const AccuracyCommandOptions& options, std::ostream& out, std::ostream& err);
 // Loads saved volumes into a fresh scene and writes the requested outputs.
 int runMesh(const MeshCommandOptions& options, std::ostream& out, std::ostream& err,
             bool interactive);
@@ -67,6 +79,7 @@ int runMesh(const MeshCommandOptions& options, std::ostream& out, std::ostream& 
 bool parseSize(const std::string& text, uint32_t& width, uint32_t& height);      // "640x480"
 bool parseFrameRange(const std::string& text, uint64_t& first, uint64_t& last);  // "10:20", "10:"
 bool parseIntrinsics(const std::string& text, Intrinsics& intrinsics);           // "fx,fy,cx,cy"
+bool parseAxis(const std::string& text, std::array<double, 3>& axis);            // "z", "-y"
 
 }  // namespace VelmoraTool
 

@@ -14,6 +14,12 @@ namespace VelmoraTool {
 // Writes `mesh` to `path`. On failure returns false and puts the reason in `error`.
 bool writePly(const std::string& path, const HostMesh& mesh, std::string& error);
 
+// Reads the positions and triangles of a PLY file as other tools write it: ASCII or binary
+// little-endian, any scalar vertex properties (x, y, z kept, the others skipped), faces as lists
+// (polygons of more than three corners fanned into triangles). Other elements must come after the
+// faces. On failure returns false with the reason in `error`.
+bool readPlyMesh(const std::string& path, HostMesh& mesh, std::string& error);
+
 }  // namespace VelmoraTool
 
 #endif  // VELMORA_TOOL_PLY_H

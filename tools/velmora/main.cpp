@@ -157,9 +157,33 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     meshCommand->add_option("--truncation", mesh.truncation, "Truncation band, metres")
         ->capture_default_str();
+    std::string meshUp = "z";
+    meshCommand
+        ->add_option("--up", meshUp,
+                     "World axis that points up, for the pictures: x, y, z, -x, -y or -z (fuse "
+                     "and demo take it from the camera poses)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"x", "y", "z", "-x", "-y", "-z"}));
     addOutputOptions(meshCommand, mesh.outputs);
 
-    for (CLI::App* command : {renderCommand, fuseCommand, demoCommand, meshCommand}) {
+    AccuracyCommandOptions accuracy;
+    std::string accuracySize = "640x480";
+    CLI::App* accuracyCommand = app.add_subcommand(
+        "accuracy",
+        "Measure a mesh file (PLY, from velmora or any other program) against the built-in "
+        "scene's true surfaces: distance of the vertices to the surface, and the share of the "
+        "surface seen by the frames that lies within 2 cm of a vertex.");
+    accuracyCommand->add_option("MESH", accuracy.meshPath, "PLY file, world metres")->required();
+    accuracyCommand->add_option("--frames", accuracy.frames, "Frames of the run that saw the scene")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    accuracyCommand->add_option("--size", accuracySize, "Image size of that run")
+        ->capture_default_str()
+        ->check(sizeValidator());
+    accuracyCommand->add_option("--stats", accuracy.statsPath, "Write the figures as JSON");
+
+    for (CLI::App* command :
+         {renderCommand, fuseCommand, demoCommand, meshCommand, accuracyCommand}) {
         command->footer(kExitCodes);
     }
 
@@ -191,8 +215,13 @@ int main(int argc, char** argv) {
         }
         return runFuse(fuse, std::cout, std::cerr, interactive);
     }
+    if (accuracyCommand->parsed()) {
+        parseSize(accuracySize, accuracy.width, accuracy.height);
+        return runAccuracy(accuracy, std::cout, std::cerr);
+    }
     if (meshCommand->parsed()) {
         mesh.mode = meshMode == "combined" ? FuseMode::kCombined : FuseMode::kSplit;
+        parseAxis(meshUp, mesh.outputs.up);
         return runMesh(mesh, std::cout, std::cerr, interactive);
     }
     parseSize(demoSize, demo.width, demo.height);

@@ -1,0 +1,267 @@
+#include "cv/PolygonUtil.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "common/Assert.h"
+#include "cv/Delaunator.h"
+
+namespace AR {
+namespace CV {
+namespace PolygonUtil {
+
+namespace {
+
+// A turn with a cross product at or below this counts as no left turn; the hull drops its middle
+// point. Compared in double precision after the single-precision product.
+constexpr double kHullTurnTolerance = 1e-6;
+constexpr float kPi = 3.14159265358979f;
+
+float cross(const Vec2& o, const Vec2& a, const Vec2& b) {
+    return (a(0) - o(0)) * (b(1) - o(1)) - (a(1) - o(1)) * (b(0) - o(0));
+}
+
+Edge makeEdge(unsigned int a, unsigned int b) {
+    return a < b ? Edge(a, b) : Edge(b, a);
+}
+
+// Removes the first occurrence of `value`; false if there is none.
+bool removeValue(std::vector<unsigned int>& list, unsigned int value) {
+    const auto it = std::find(list.begin(), list.end(), value);
+    if (it == list.end()) {
+        return false;
+    }
+    list.erase(it);
+    return true;
+}
+
+// Angle at `current` swept counter-clockwise from the edge back to `previous` to the edge
+// towards `candidate`, in [0, 2 pi). The walk has the material on its right, so this sweep
+// enters the material first, and the smallest angle is the next edge of the same loop where
+// several loops touch one vertex. (Measured the other way round, the walk would leave its loop
+// there, onto an edge whose triangle lies on its left.)
+float turnAngle(const Vec2& previous, const Vec2& current, const Vec2& candidate) {
+    const Vec2 back = previous - current;
+    const Vec2 ahead = candidate - current;
+    const float cosine = Math::dot(back, ahead) / (Math::norm(back) * Math::norm(ahead));
+    float angle = cosine < -1.0f ? kPi : cosine > 1.0f ? 0.0f : std::acos(cosine);
+    if (cross(previous, current, candidate) > 0.0f) {
+        angle = 2.0f * kPi - angle;
+    }
+    return angle;
+}
+
+}  // namespace
+
+Common::Vector<int> computeConvexHull(const Vec2* points, unsigned int count) {
+    Common::Vector<int> hull;
+    if (count == 0) {
+        return hull;
+    }
+    int pivot = 0;
+    for (unsigned int i = 1; i < count; ++i) {
+        if (points[i](1) < points[pivot](1) ||
+            (points[i](1) == points[pivot](1) && points[i](0) < points[pivot](0))) {
+            pivot = static_cast<int>(i);
+        }
+    }
+    struct Candidate {
+        int index;
+        float angle;
+        float distance;  // squared, from the pivot
+    };
+    std::vector<Candidate> sorted;
+    sorted.reserve(count);
+    const Vec2& p0 = points[pivot];
+    for (unsigned int i = 0; i < count; ++i) {
+        if (static_cast<int>(i) == pivot) {
+            continue;
+        }
+        const Vec2 d = points[i] - p0;
+        sorted.push_back({static_cast<int>(i), std::atan2(d(1), d(0)), Math::dot(d, d)});
+    }
+    std::sort(sorted.begin(), sorted.end(), [](const Candidate& a, const Candidate& b) {
+        return a.angle != b.angle ? a.angle < b.angle : a.distance > b.distance;
+    });
+    // Of points in the same direction only the farthest can be on the hull.
+    sorted.erase(
+        std::unique(sorted.begin(), sorted.end(),
+                    [](const Candidate& a, const Candidate& b) { return a.angle == b.angle; }),
+        sorted.end());
+
+    hull.push_back(pivot);
+    if (sorted.empty()) {
+        // One point: a closed hull of that point alone.
+        hull.push_back(pivot);
+        return hull;
+    }
+    hull.push_back(sorted[0].index);
+    if (sorted.size() < 2) {
+        hull.push_back(pivot);
+        return hull;
+    }
+    for (size_t k = 1; k < sorted.size(); ++k) {
+        const int p = sorted[k].index;
+        bool keep = true;
+        for (;;) {
+            const Vec2& a = points[hull[hull.size() - 2]];
+            const Vec2& b = points[hull.back()];
+            if (static_cast<double>(cross(a, b, points[p])) > kHullTurnTolerance) {
+                break;
+            }
+            if (hull.size() >= 3) {
+                hull.pop_back();
+                continue;
+            }
+            keep = k + 1 == sorted.size();
+            break;
+        }
+        if (keep) {
+            hull.push_back(p);
+        }
+    }
+    hull.push_back(hull[0]);
+    return hull;
+}
+
+std::vector<Triangle> computeDelaunayTriangulation(Common::ArrayView<const Vec2> points,
+                                                   float epsilon) {
+    std::vector<float> coords;
+    coords.reserve(static_cast<size_t>(points.size()) * 2);
+    for (const Vec2& p : points) {
+        coords.push_back(p(0));
+        coords.push_back(p(1));
+    }
+    const Delaunator::Delaunator<float> triangulation(coords, epsilon);
+    std::vector<Triangle> out;
+    out.reserve(triangulation.triangles.size() / 3);
+    for (size_t t = 0; t + 2 < triangulation.triangles.size(); t += 3) {
+        out.emplace_back(triangulation.triangles[t], triangulation.triangles[t + 1],
+                         triangulation.triangles[t + 2]);
+    }
+    return out;
+}
+
+std::vector<unsigned int> computeAlphaTriangles(const std::vector<Vec2>& points,
+                                                const std::vector<Triangle>& triangles,
+                                                float alpha) {
+    const float alphaSquared = alpha * alpha;
+    std::vector<unsigned int> passing;
+    for (size_t t = 0; t < triangles.size(); ++t) {
+        bool pass = true;
+        for (int e = 0; e < 3; ++e) {
+            AR_ASSERT(triangles[t][e] < points.size());
+        }
+        for (int e = 0; e < 3; ++e) {
+            const Vec2 d = points[triangles[t][e]] - points[triangles[t][(e + 1) % 3]];
+            pass = pass && Math::dot(d, d) <= alphaSquared;
+        }
+        if (pass) {
+            passing.push_back(static_cast<unsigned int>(t));
+        }
+    }
+    return passing;
+}
+
+float testClockWise(const std::vector<Vec2>& points, const EdgeTriangles& trianglesAdjacentToEdge,
+                    const std::vector<Triangle>& triangles, unsigned int v1, unsigned int v2) {
+    const std::vector<unsigned int>& adjacent = trianglesAdjacentToEdge.at(makeEdge(v1, v2));
+    AR_ASSERT(adjacent.size() == 1);
+    const Triangle& triangle = triangles.at(adjacent[0]);
+    unsigned int v3 = triangle[0];
+    for (int i = 0; i < 3; ++i) {
+        if (triangle[i] != v1 && triangle[i] != v2) {
+            v3 = triangle[i];
+        }
+    }
+    return cross(points.at(v1), points.at(v2), points.at(v3));
+}
+
+std::vector<std::vector<size_t>> computeAlphaShapes(const std::vector<Vec2>& points, float alpha,
+                                                    float epsilon) {
+    const std::vector<Triangle> triangles = computeDelaunayTriangulation(
+        Common::ArrayView<const Vec2>(points.data(), points.data() + points.size()), epsilon);
+    const std::vector<unsigned int> passing = computeAlphaTriangles(points, triangles, alpha);
+
+    EdgeTriangles trianglesAdjacentToEdge;
+    for (const unsigned int t : passing) {
+        unsigned int v[3] = {triangles[t][0], triangles[t][1], triangles[t][2]};
+        std::sort(v, v + 3);
+        AR_ASSERT(v[0] < v[1] && v[1] < v[2]);
+        trianglesAdjacentToEdge[Edge(v[0], v[1])].push_back(t);
+        trianglesAdjacentToEdge[Edge(v[1], v[2])].push_back(t);
+        trianglesAdjacentToEdge[Edge(v[0], v[2])].push_back(t);
+    }
+
+    // Each vertex of the boundary with the other ends of its boundary edges.
+    Common::FlatMap<unsigned int, std::vector<unsigned int>> graph;
+    for (const auto& entry : trianglesAdjacentToEdge) {
+        if (entry.second.size() == 1) {
+            graph[entry.first.first].push_back(entry.first.second);
+            graph[entry.first.second].push_back(entry.first.first);
+        }
+    }
+    const auto isClockWise = [&](unsigned int v1, unsigned int v2) {
+        return testClockWise(points, trianglesAdjacentToEdge, triangles, v1, v2) < 0.0f;
+    };
+
+    std::vector<std::vector<size_t>> shapes;
+    while (!graph.empty()) {
+        const unsigned int start = graph.begin()->first;
+        std::vector<unsigned int>& startList = graph.begin()->second;
+        AR_ASSERT(!startList.empty() && startList.size() % 2 == 0);
+        std::vector<size_t> shape{start};
+        const auto first = std::find_if(startList.begin(), startList.end(),
+                                        [&](unsigned int v) { return isClockWise(start, v); });
+        AR_ASSERT(first != startList.end());
+        unsigned int current = *first;
+        startList.erase(first);
+
+        for (;;) {
+            const unsigned int previous = static_cast<unsigned int>(shape.back());
+            const auto it = graph.find(current);
+            if (it == graph.end()) {
+                shape.push_back(current);
+                break;
+            }
+            std::vector<unsigned int>& list = it->second;
+            AR_ASSERT(current == start || (!list.empty() && list.size() % 2 == 0));
+            const bool cameBack = removeValue(list, previous);
+            AR_ASSERT(cameBack);
+            if (list.size() % 2 == 0) {
+                AR_ASSERT(current == start);
+                shape.push_back(current);
+                break;
+            }
+            size_t best = 0;
+            float bestAngle = 0.0f;
+            for (size_t c = 0; c < list.size(); ++c) {
+                const float angle =
+                    turnAngle(points.at(previous), points.at(current), points.at(list[c]));
+                if (c == 0 || angle < bestAngle) {
+                    best = c;
+                    bestAngle = angle;
+                }
+            }
+            const unsigned int next = list[best];
+            AR_ASSERT(isClockWise(current, next));
+            list.erase(list.begin() + static_cast<std::ptrdiff_t>(best));
+            if (list.empty()) {
+                graph.erase(current);
+            }
+            shape.push_back(current);
+            current = next;
+        }
+        AR_ASSERT(shape.front() == shape.back());
+        const auto startEntry = graph.find(start);
+        if (startEntry != graph.end() && startEntry->second.empty()) {
+            graph.erase(start);
+        }
+        shapes.push_back(std::move(shape));
+    }
+    return shapes;
+}
+
+}  // namespace PolygonUtil
+}  // namespace CV
+}  // namespace AR

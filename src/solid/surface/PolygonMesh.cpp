@@ -1,0 +1,123 @@
+#include "solid/surface/PolygonMesh.h"
+
+#include "common/Logger.h"
+#include "common/Timing.h"
+
+namespace Solid {
+
+PolygonMesh::PolygonMesh(const PolygonMesh& other) : AR::Common::RefCounter(other) {
+    mSlots = other.mSlots;
+}
+
+PolygonMesh& PolygonMesh::operator=(const PolygonMesh& other) {
+    mSlots = other.mSlots;
+    return *this;
+}
+
+int32_t PolygonMesh::slotOf(ATTRIBUTE_NAME name, AttributeBlock::TYPE type) {
+    AR_ASSERT(name >= 0 && name < kNumNames);
+    AR_ASSERT(type >= 0 && type < AttributeBlock::kNumTypes);
+    return name + kNumNames * type;
+}
+
+AttributeBlock* PolygonMesh::getAttribute(ATTRIBUTE_NAME name, AttributeBlock::TYPE type) const {
+    return mSlots[slotOf(name, type)].get();
+}
+
+AttributeBlock* PolygonMesh::createAttribute(ATTRIBUTE_NAME name, AttributeBlock::TYPE type) {
+    AR::Common::RefPtr<AttributeBlock>& slot = mSlots[slotOf(name, type)];
+    if (slot) {
+        return nullptr;
+    }
+    auto* block = new AttributeBlock();
+    block->create(type);
+    slot = AR::Common::RefPtr<AttributeBlock>(block);
+    return block;
+}
+
+void PolygonMesh::setAttribute(ATTRIBUTE_NAME name, AttributeBlock::TYPE type,
+                               AttributeBlock* block) {
+    mSlots[slotOf(name, type)] = AR::Common::RefPtr<AttributeBlock>(block);
+}
+
+void PolygonMesh::clearStreams() {
+    for (const auto& slot : mSlots) {
+        if (slot) {
+            slot->clear();
+        }
+    }
+}
+
+namespace {
+
+// Appends `source` to `target` with `transform` applied to each element: one resize, then plain
+// writes.
+template <typename E, typename F>
+void appendAll(const AttributeVector<E>& source, AttributeVector<E>& target, F&& transform) {
+    if (source.empty()) {
+        return;
+    }
+    const uint32_t base = target.size();
+    target.resize(base + source.size());
+    E* out = target.data() + base;
+    for (const E& value : source) {
+        *out++ = transform(value);
+    }
+}
+
+template <typename E>
+void appendAll(const AttributeVector<E>& source, AttributeVector<E>& target) {
+    appendAll(source, target, [](const E& value) { return value; });
+}
+
+}  // namespace
+
+void appendMesh(const PolygonMesh& source, PolygonMesh& target) {
+    PolygonMesh::Positions& targetPositions = target.positions();
+    PolygonMesh::Indices& targetIndices = target.indices();
+    const PolygonMesh::Positions* positions = source.findPositions();
+    const PolygonMesh::Indices* indices = source.findIndices();
+    if (positions != nullptr && indices != nullptr) {
+        const unsigned int base = targetPositions.size();
+        appendAll(*indices, targetIndices, [base](unsigned int index) { return index + base; });
+        appendAll(*positions, targetPositions);
+    }
+    const PolygonMesh::InstanceIds* ids = source.findInstanceIds();
+    if (ids != nullptr && !ids->empty()) {
+        appendAll(*ids, target.instanceIds());
+    }
+    const PolygonMesh::Colors* colors = source.findColors();
+    if (colors != nullptr && !colors->empty()) {
+        appendAll(*colors, target.colors());
+    }
+}
+
+PolygonMesh mergeMesh(const MeshGridType& grid, ExtractSurfaceStats& stats) {
+    AR_LOG_VERBOSE("[%s]", "mergeMesh");
+    AR::Common::Timing timing;
+    timing.beginSection(true);
+    PolygonMesh merged;
+    if (!grid.empty()) {
+        // One allocation per stream instead of one per doubling.
+        uint32_t numPositions = 0;
+        uint32_t numIndices = 0;
+        for (const auto& entry : grid) {
+            const PolygonMesh::Positions* positions = entry.second.findPositions();
+            const PolygonMesh::Indices* indices = entry.second.findIndices();
+            if (positions != nullptr && indices != nullptr) {
+                numPositions += positions->size();
+                numIndices += indices->size();
+            }
+        }
+        merged.positions().reserve(numPositions);
+        merged.indices().reserve(numIndices);
+    }
+    for (const auto& entry : grid) {
+        appendMesh(entry.second, merged);
+    }
+    timing.endSection();
+    stats.mergeDuration += timing.getDuration(false);
+    return merged;
+}
+
+}  // namespace Solid

@@ -1,0 +1,54 @@
+// Grids whose samples are written straight from an analytic signed distance, with no frames and
+// no fusion: the exact input for the code that reads surfaces out of grids.
+#ifndef VELMORA_TESTS_SUPPORT_FIELDGRID_H
+#define VELMORA_TESTS_SUPPORT_FIELDGRID_H
+
+#include <algorithm>
+#include <cmath>
+
+#include "solid/volume/VolumeGrid.h"
+
+namespace Solid {
+namespace Test {
+
+// Configures `grid` as 9x9x9 blocks of `spacing` metres.
+template <typename Grid>
+void configureFieldGrid(Grid& grid, float spacing) {
+    grid.set(Size(9, 9, 9), Vec3(spacing, spacing, spacing));
+}
+
+// Creates every block from `lo` to `hi` (keys, inclusive) and writes, at each lattice point p
+// (world metres), the value sdf(p) / truncation clamped to [-1, 1] and the weight `weight`.
+// Shared planes of neighbours get the same value, as border copying would leave them.
+template <typename Grid, typename Sdf>
+void writeField(Grid& grid, const Index3& lo, const Index3& hi, float truncation, short weight,
+                Sdf&& sdf) {
+    for (int bz = lo[2]; bz <= hi[2]; ++bz) {
+        for (int by = lo[1]; by <= hi[1]; ++by) {
+            for (int bx = lo[0]; bx <= hi[0]; ++bx) {
+                const KeyType key(bx, by, bz);
+                grid.ensure(key);
+                auto block = grid.get(key);
+                const Vec3 origin = grid.blockOrigin(key);
+                const Vec3& spacing = grid.config().spacing;
+                for (int z = 0; z < 9; ++z) {
+                    for (int y = 0; y < 9; ++y) {
+                        for (int x = 0; x < 9; ++x) {
+                            const Vec3 p(origin[0] + spacing[0] * x, origin[1] + spacing[1] * y,
+                                         origin[2] + spacing[2] * z);
+                            const float d = std::clamp(sdf(p) / truncation, -1.0f, 1.0f);
+                            auto& sample = depthPart(block->at(x, y, z));
+                            sample[0] = static_cast<short>(std::lround(d * kMaxDepthValue));
+                            sample[1] = weight;
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
+}  // namespace Test
+}  // namespace Solid
+
+#endif  // VELMORA_TESTS_SUPPORT_FIELDGRID_H
