@@ -248,7 +248,7 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
 TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
     CannedScene scene = cannedScene();
     const PreviewCamera camera =
-        overviewCamera(scene.mesh, kPreviewWidth, kPreviewHeight, {0.0, 0.0, 1.0});
+        overviewCamera(scene.mesh.positions, kPreviewWidth, kPreviewHeight, {0.0, 0.0, 1.0});
     for (const std::array<float, 3>& p : scene.mesh.positions) {
         double x = 0, y = 0, depth = 0;
         ASSERT_TRUE(camera.project(p, x, y, depth));
@@ -286,6 +286,9 @@ TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
                     floorColor[c] / static_cast<double>(floorColor[0]), 0.05);
     }
     EXPECT_NE(instanceColor(1), instanceColor(2));
+    // Without a mesh the pictures show the plane outlines.
+    EXPECT_EQ(sceneExtent(scene.mesh, scene.planes), scene.mesh.positions);
+    EXPECT_EQ(sceneExtent({}, scene.planes), scene.planes.planes[0].contour);
     EXPECT_EQ(instanceColor(0), instanceColor(0));
 }
 
@@ -295,7 +298,7 @@ TEST(Previews, ViewpointFollowsTheUpDirection) {
     const HostMesh mesh = cannedScene().mesh;
     for (const std::array<double, 3>& up :
          std::vector<std::array<double, 3>>{{0, 0, 1}, {0, 1, 0}, {-1, 0, 0}, {0, 0.6, 0.8}}) {
-        const PreviewCamera camera = overviewCamera(mesh, 64, 48, up);
+        const PreviewCamera camera = overviewCamera(mesh.positions, 64, 48, up);
         const double forwardUp =
             camera.forward[0] * up[0] + camera.forward[1] * up[1] + camera.forward[2] * up[2];
         const double downUp =
@@ -439,6 +442,20 @@ TEST(Accuracy, TruePlanesAndObjectsMatchWithinTheirBounds) {
         EXPECT_EQ(report.planes[0].matched, c.matched) << c.offset;
         EXPECT_EQ(report.planesMatched, truePlanes().size() - (c.matched ? 0 : 1));
     }
+    // A floor seen only near one corner and tilted by 3 degrees lies 10 cm off at the room's
+    // centre, yet where it was seen it is on the floor.
+    const float tilt = static_cast<float>(3.0 / 57.29577951308232);
+    HostPlanes corner = planes;
+    corner.planes[0].normal = {std::sin(tilt), 0, std::cos(tilt)};
+    corner.planes[0].offset = -std::sin(tilt) * 0.2f;
+    corner.planes[0].contour = {{0.1f, 0.1f, 0}, {0.3f, 0.1f, 0}, {0.3f, 0.3f, 0}};
+    report = evaluateBuiltinScene({}, corner, {}, run);
+    EXPECT_TRUE(report.planes[0].matched);
+    EXPECT_NEAR(report.planes[0].angleDeg, 3.0, 1e-3);
+    EXPECT_LT(report.planes[0].offsetError, 1e-6);
+    corner.planes[0].contour.clear();
+    EXPECT_FALSE(evaluateBuiltinScene({}, corner, {}, run).planes[0].matched);
+
     HostInstances relabelled = instances;
     relabelled.instances[0].label = 99;
     EXPECT_EQ(evaluateBuiltinScene({}, {}, relabelled, run).objectsMatched, 3u);

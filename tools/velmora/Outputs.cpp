@@ -217,7 +217,8 @@ bool writeOutputs(Velmora::IVelmora& scene, const OutputOptions& options, bool w
         Stage pictures("pictures", progressOut, interactive, report);
         const Previews previews =
             renderPreviews(report.mesh, report.planes,
-                           overviewCamera(report.mesh, kPreviewWidth, kPreviewHeight, options.up));
+                           overviewCamera(sceneExtent(report.mesh, report.planes), kPreviewWidth,
+                                          kPreviewHeight, options.up));
         const std::string planesPath = previewPlanesPath(options.previewPath);
         if (!writePng(options.previewPath, previews.scene, error)) {
             return fail(options.previewPath + ": " + error);

@@ -371,15 +371,15 @@ std::array<double, 3> snapUp(const std::array<double, 3>& up) {
     return dot(unit, unit) > 0.0 ? unit : Vec3d{0.0, 0.0, 1.0};
 }
 
-PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t height,
-                             const std::array<double, 3>& up) {
+PreviewCamera overviewCamera(const std::vector<std::array<float, 3>>& points, uint32_t width,
+                             uint32_t height, const std::array<double, 3>& up) {
     Vec3d low{0.0, 0.0, 0.0}, high{1.0, 1.0, 1.0};
-    if (!mesh.positions.empty()) {
-        std::vector<float> values(mesh.positions.size());
+    if (!points.empty()) {
+        std::vector<float> values(points.size());
         const size_t trim = static_cast<size_t>(kBoundsTrim * values.size());
         for (int axis = 0; axis < 3; ++axis) {
             for (size_t v = 0; v < values.size(); ++v) {
-                values[v] = mesh.positions[v][axis];
+                values[v] = points[v][axis];
             }
             std::nth_element(values.begin(), values.begin() + trim, values.end());
             low[axis] = values[trim];
@@ -444,6 +444,17 @@ PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t heig
     }
     place(far);
     return camera;
+}
+
+std::vector<std::array<float, 3>> sceneExtent(const HostMesh& mesh, const HostPlanes& planes) {
+    if (!mesh.positions.empty()) {
+        return mesh.positions;
+    }
+    std::vector<std::array<float, 3>> points;
+    for (const HostPlane& plane : planes.planes) {
+        points.insert(points.end(), plane.contour.begin(), plane.contour.end());
+    }
+    return points;
 }
 
 std::array<uint8_t, 3> instanceColor(uint16_t id) {

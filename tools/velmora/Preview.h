@@ -42,10 +42,14 @@ struct PreviewCamera {
 // use an axis), else normalised; +z when `up` is zero.
 std::array<double, 3> snapUp(const std::array<double, 3>& up);
 
-// A viewpoint that shows all of `mesh` (all but stray vertices) in a picture of the given size,
+// A viewpoint that shows all of `points` (all but a few strays) in a picture of the given size,
 // looking down along the unit vector `up` at an angle.
-PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t height,
-                             const std::array<double, 3>& up);
+PreviewCamera overviewCamera(const std::vector<std::array<float, 3>>& points, uint32_t width,
+                             uint32_t height, const std::array<double, 3>& up);
+
+// The points the pictures must show: the mesh's vertices, or the plane outlines where there is
+// no mesh.
+std::vector<std::array<float, 3>> sceneExtent(const HostMesh& mesh, const HostPlanes& planes);
 
 // The colour of an instance id in the pictures; id 0 (no instance) is a neutral grey.
 std::array<uint8_t, 3> instanceColor(uint16_t id);
