@@ -44,7 +44,7 @@ constexpr std::array<double, 3> kBackgroundBottom{190, 198, 212};
 constexpr bool kFrontIsCounterClockwise = true;
 // Plane overlay: a fill at this opacity and an outline of this width (picture pixels) with a
 // dark border around it.
-constexpr double kPlaneFillOpacity = 0.35;
+constexpr double kPlaneFillOpacity = 0.45;
 constexpr double kOutlineWidth = 2.5;
 constexpr double kOutlineBorder = 1.5;
 constexpr std::array<uint8_t, 3> kOutlineBorderColor{20, 20, 20};
@@ -119,7 +119,8 @@ public:
         }
     }
 
-    void drawMesh(const HostMesh& mesh) {
+    // Draws the mesh in its own colours, or all in the neutral colour when `neutral`.
+    void drawMesh(const HostMesh& mesh, bool neutral) {
         std::vector<std::array<double, 3>> screen(mesh.positions.size());
         std::vector<uint8_t> visible(mesh.positions.size());
         for (size_t v = 0; v < mesh.positions.size(); ++v) {
@@ -156,8 +157,8 @@ public:
                 normal = {-normal[0], -normal[1], -normal[2]};
             }
             const double shade = kAmbient + kDiffuse * std::max(0.0, dot(normal, light));
-            fillTriangle(a, b, c, vertexColor(mesh, i0), vertexColor(mesh, i1),
-                         vertexColor(mesh, i2), shade, area);
+            fillTriangle(a, b, c, vertexColor(mesh, i0, neutral), vertexColor(mesh, i1, neutral),
+                         vertexColor(mesh, i2, neutral), shade, area);
         }
     }
 
@@ -232,13 +233,14 @@ public:
     }
 
 private:
-    static std::array<double, 3> vertexColor(const HostMesh& mesh, uint32_t v) {
-        if (!mesh.colors.empty() && mesh.colors[v][3] > 0.0f) {
+    static std::array<double, 3> vertexColor(const HostMesh& mesh, uint32_t v, bool neutral) {
+        if (!neutral && !mesh.colors.empty() && mesh.colors[v][3] > 0.0f) {
             return {mesh.colors[v][0] * kMaxChannel, mesh.colors[v][1] * kMaxChannel,
                     mesh.colors[v][2] * kMaxChannel};
         }
-        const std::array<uint8_t, 3> color =
-            mesh.instanceIds.empty() ? kNeutralColor : instanceColor(mesh.instanceIds[v]);
+        const std::array<uint8_t, 3> color = neutral || mesh.instanceIds.empty()
+                                                 ? kNeutralColor
+                                                 : instanceColor(mesh.instanceIds[v]);
         return {static_cast<double>(color[0]), static_cast<double>(color[1]),
                 static_cast<double>(color[2])};
     }
@@ -466,12 +468,16 @@ std::array<uint8_t, 3> instanceColor(uint16_t id) {
 
 Previews renderPreviews(const HostMesh& mesh, const HostPlanes& planes,
                         const PreviewCamera& camera) {
-    Canvas canvas(camera);
-    canvas.drawMesh(mesh);
+    // The plane picture shows the surface in one neutral colour, so that the planes' own colours
+    // stand out.
     Previews previews;
-    previews.scene = canvas.image();
-    canvas.drawPlanes(planes);
-    previews.planes = canvas.image();
+    Canvas scene(camera);
+    scene.drawMesh(mesh, false);
+    previews.scene = scene.image();
+    Canvas withPlanes(camera);
+    withPlanes.drawMesh(mesh, true);
+    withPlanes.drawPlanes(planes);
+    previews.planes = withPlanes.image();
     return previews;
 }
 
