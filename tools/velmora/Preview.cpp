@@ -22,12 +22,12 @@ constexpr double kAxisSnapCosine = 0.9;
 constexpr double kFieldOfView = 0.87;
 // Share of the vertices at each end of each axis left out of the bounds that the view must show,
 // so that a few stray vertices do not shrink the scene to a dot.
-constexpr double kBoundsTrim = 0.002;
+constexpr double kBoundsTrim = 0.01;
 // The picture leaves this share of its size free around the scene.
 constexpr double kMargin = 1.1;
-// Bisection steps of the viewing distance, and the corners of a box.
+// Bisection steps of the viewing distance, and the most points it checks.
 constexpr int kFitSteps = 30;
-constexpr int kBoxCorners = 8;
+constexpr size_t kFitSamples = 4096;
 // Smallest radius of the bounds, metres, so that a scene of one point still gets a viewpoint.
 constexpr double kMinRadius = 1e-3;
 // Light: a share from all directions and a share from a direction above and behind the viewer.
@@ -415,19 +415,29 @@ PreviewCamera overviewCamera(const std::vector<std::array<float, 3>>& points, ui
     camera.forward = {-towardsViewer[0], -towardsViewer[1], -towardsViewer[2]};
     camera.right = normalised(cross(camera.forward, upAxis));
     camera.down = cross(camera.forward, camera.right);
-    // The nearest distance at which the eight corners of the bounds fit into the picture with its
-    // margin, found by bisection between a distance that is surely too near (the bounding sphere
-    // touching the camera) and one that surely fits (the sphere inside the narrower view cone).
+    // The nearest distance at which the points within the trimmed bounds (a sample of them) fit
+    // into the picture with its margin, found by bisection between a distance that is surely too
+    // near (the bounding sphere touching the camera) and one that surely fits (the sphere inside
+    // the narrower view cone). Points rather than the corners of the bounds: a scan of a slanted
+    // slab fills little of its box.
+    std::vector<std::array<float, 3>> sample;
+    const size_t stride = std::max<size_t>(1, points.size() / kFitSamples);
+    for (size_t i = 0; i < points.size(); i += stride) {
+        bool inside = true;
+        for (int axis = 0; axis < 3; ++axis) {
+            inside = inside && points[i][axis] >= low[axis] && points[i][axis] <= high[axis];
+        }
+        if (inside) {
+            sample.push_back(points[i]);
+        }
+    }
     auto place = [&](double distance) {
         for (int axis = 0; axis < 3; ++axis) {
             camera.position[axis] = centre[axis] + distance * towardsViewer[axis];
         }
     };
     auto fits = [&]() {
-        for (int corner = 0; corner < kBoxCorners; ++corner) {
-            const std::array<float, 3> p{static_cast<float>(corner & 1 ? high[0] : low[0]),
-                                         static_cast<float>(corner & 2 ? high[1] : low[1]),
-                                         static_cast<float>(corner & 4 ? high[2] : low[2])};
+        for (const std::array<float, 3>& p : sample) {
             double x = 0.0, y = 0.0, depth = 0.0;
             if (!camera.project(p, x, y, depth) ||
                 std::fabs(x - (width - 1) / 2.0) * kMargin > width / 2.0 ||
