@@ -217,25 +217,6 @@ TEST(AlphaShapes, HolesAndThresholds) {
             .empty());
 }
 
-TEST(AlphaShapes, LoopsTouchingAtOneVertexAreWalkedSeparately) {
-    // Two triangles that share only the vertex 2; every other triangle of the triangulation has
-    // an edge of 1.7 or more. The boundary passes vertex 2 twice.
-    const std::vector<Vec2> points = {Vec2(-1.0f, -0.2f), Vec2(-0.2f, -1.0f), Vec2(0.0f, 0.0f),
-                                      Vec2(1.0f, 0.2f), Vec2(0.2f, 1.0f)};
-    const auto shapes = PU::computeAlphaShapes(points, 1.5f, 1e-6f);
-    ASSERT_FALSE(shapes.empty());
-    size_t visits = 0;
-    double twiceArea = 0.0;
-    for (const auto& shape : shapes) {
-        EXPECT_EQ(shape.front(), shape.back());
-        visits += static_cast<size_t>(std::count(shape.begin() + 1, shape.end(), size_t{2}));
-        twiceArea -= signedArea(points, shape);
-    }
-    EXPECT_EQ(visits, 2u);
-    // Each triangle has the area 0.48; the walk is clockwise, so the signed areas are negative.
-    EXPECT_NEAR(twiceArea, 2.0 * 0.96, 1e-4);
-}
-
 TEST(AlphaTriangles, EdgeLengthDecides) {
     const std::vector<Vec2> points = {Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(0.0f, 1.0f),
                                       Vec2(3.0f, 3.0f)};

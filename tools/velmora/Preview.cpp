@@ -22,12 +22,12 @@ constexpr double kAxisSnapCosine = 0.9;
 constexpr double kFieldOfView = 0.87;
 // Share of the vertices at each end of each axis left out of the bounds that the view must show,
 // so that a few stray vertices do not shrink the scene to a dot.
-constexpr double kBoundsTrim = 0.002;
+constexpr double kBoundsTrim = 0.01;
 // The picture leaves this share of its size free around the scene.
 constexpr double kMargin = 1.1;
-// Bisection steps of the viewing distance, and the corners of a box.
+// Bisection steps of the viewing distance, and the most points it checks.
 constexpr int kFitSteps = 30;
-constexpr int kBoxCorners = 8;
+constexpr size_t kFitSamples = 4096;
 // Smallest radius of the bounds, metres, so that a scene of one point still gets a viewpoint.
 constexpr double kMinRadius = 1e-3;
 // Light: a share from all directions and a share from a direction above and behind the viewer.
@@ -44,7 +44,7 @@ constexpr std::array<double, 3> kBackgroundBottom{190, 198, 212};
 constexpr bool kFrontIsCounterClockwise = true;
 // Plane overlay: a fill at this opacity and an outline of this width (picture pixels) with a
 // dark border around it.
-constexpr double kPlaneFillOpacity = 0.35;
+constexpr double kPlaneFillOpacity = 0.45;
 constexpr double kOutlineWidth = 2.5;
 constexpr double kOutlineBorder = 1.5;
 constexpr std::array<uint8_t, 3> kOutlineBorderColor{20, 20, 20};
@@ -119,7 +119,8 @@ public:
         }
     }
 
-    void drawMesh(const HostMesh& mesh) {
+    // Draws the mesh in its own colours, or all in the neutral colour when `neutral`.
+    void drawMesh(const HostMesh& mesh, bool neutral) {
         std::vector<std::array<double, 3>> screen(mesh.positions.size());
         std::vector<uint8_t> visible(mesh.positions.size());
         for (size_t v = 0; v < mesh.positions.size(); ++v) {
@@ -156,8 +157,8 @@ public:
                 normal = {-normal[0], -normal[1], -normal[2]};
             }
             const double shade = kAmbient + kDiffuse * std::max(0.0, dot(normal, light));
-            fillTriangle(a, b, c, vertexColor(mesh, i0), vertexColor(mesh, i1),
-                         vertexColor(mesh, i2), shade, area);
+            fillTriangle(a, b, c, vertexColor(mesh, i0, neutral), vertexColor(mesh, i1, neutral),
+                         vertexColor(mesh, i2, neutral), shade, area);
         }
     }
 
@@ -232,13 +233,14 @@ public:
     }
 
 private:
-    static std::array<double, 3> vertexColor(const HostMesh& mesh, uint32_t v) {
-        if (!mesh.colors.empty() && mesh.colors[v][3] > 0.0f) {
+    static std::array<double, 3> vertexColor(const HostMesh& mesh, uint32_t v, bool neutral) {
+        if (!neutral && !mesh.colors.empty() && mesh.colors[v][3] > 0.0f) {
             return {mesh.colors[v][0] * kMaxChannel, mesh.colors[v][1] * kMaxChannel,
                     mesh.colors[v][2] * kMaxChannel};
         }
-        const std::array<uint8_t, 3> color =
-            mesh.instanceIds.empty() ? kNeutralColor : instanceColor(mesh.instanceIds[v]);
+        const std::array<uint8_t, 3> color = neutral || mesh.instanceIds.empty()
+                                                 ? kNeutralColor
+                                                 : instanceColor(mesh.instanceIds[v]);
         return {static_cast<double>(color[0]), static_cast<double>(color[1]),
                 static_cast<double>(color[2])};
     }
@@ -413,19 +415,29 @@ PreviewCamera overviewCamera(const std::vector<std::array<float, 3>>& points, ui
     camera.forward = {-towardsViewer[0], -towardsViewer[1], -towardsViewer[2]};
     camera.right = normalised(cross(camera.forward, upAxis));
     camera.down = cross(camera.forward, camera.right);
-    // The nearest distance at which the eight corners of the bounds fit into the picture with its
-    // margin, found by bisection between a distance that is surely too near (the bounding sphere
-    // touching the camera) and one that surely fits (the sphere inside the narrower view cone).
+    // The nearest distance at which the points within the trimmed bounds (a sample of them) fit
+    // into the picture with its margin, found by bisection between a distance that is surely too
+    // near (the bounding sphere touching the camera) and one that surely fits (the sphere inside
+    // the narrower view cone). Points rather than the corners of the bounds: a scan of a slanted
+    // slab fills little of its box.
+    std::vector<std::array<float, 3>> sample;
+    const size_t stride = std::max<size_t>(1, points.size() / kFitSamples);
+    for (size_t i = 0; i < points.size(); i += stride) {
+        bool inside = true;
+        for (int axis = 0; axis < 3; ++axis) {
+            inside = inside && points[i][axis] >= low[axis] && points[i][axis] <= high[axis];
+        }
+        if (inside) {
+            sample.push_back(points[i]);
+        }
+    }
     auto place = [&](double distance) {
         for (int axis = 0; axis < 3; ++axis) {
             camera.position[axis] = centre[axis] + distance * towardsViewer[axis];
         }
     };
     auto fits = [&]() {
-        for (int corner = 0; corner < kBoxCorners; ++corner) {
-            const std::array<float, 3> p{static_cast<float>(corner & 1 ? high[0] : low[0]),
-                                         static_cast<float>(corner & 2 ? high[1] : low[1]),
-                                         static_cast<float>(corner & 4 ? high[2] : low[2])};
+        for (const std::array<float, 3>& p : sample) {
             double x = 0.0, y = 0.0, depth = 0.0;
             if (!camera.project(p, x, y, depth) ||
                 std::fabs(x - (width - 1) / 2.0) * kMargin > width / 2.0 ||
@@ -466,12 +478,16 @@ std::array<uint8_t, 3> instanceColor(uint16_t id) {
 
 Previews renderPreviews(const HostMesh& mesh, const HostPlanes& planes,
                         const PreviewCamera& camera) {
-    Canvas canvas(camera);
-    canvas.drawMesh(mesh);
+    // The plane picture shows the surface in one neutral colour, so that the planes' own colours
+    // stand out.
     Previews previews;
-    previews.scene = canvas.image();
-    canvas.drawPlanes(planes);
-    previews.planes = canvas.image();
+    Canvas scene(camera);
+    scene.drawMesh(mesh, false);
+    previews.scene = scene.image();
+    Canvas withPlanes(camera);
+    withPlanes.drawMesh(mesh, true);
+    withPlanes.drawPlanes(planes);
+    previews.planes = withPlanes.image();
     return previews;
 }
 

@@ -54,7 +54,8 @@ std::vector<std::array<float, 3>> sceneExtent(const HostMesh& mesh, const HostPl
 // The colour of an instance id in the pictures; id 0 (no instance) is a neutral grey.
 std::array<uint8_t, 3> instanceColor(uint16_t id);
 
-// The two pictures of a scene: the shaded mesh, and the same with the planes over it.
+// The two pictures of a scene: the shaded mesh, and the mesh in a neutral colour with the planes
+// over it.
 struct Previews {
     PngImage scene;
     PngImage planes;

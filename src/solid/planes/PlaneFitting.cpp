@@ -77,7 +77,12 @@ void PlaneDetector::fitPlanes(const Grid& grid, const IndexSet& updatedBlocks) {
         }
         const auto& volume = *block;
         const float threshold = 2.0f * volume.spacing()(0) / mTruncation;
-        AR_ASSERT(threshold < 1.f);
+        // The band must span more than two samples. init ensures five cells, but a loaded volume
+        // brings its own spacing: a grid too coarse for the band gives no planes, not an abort.
+        if (!(threshold < 1.f)) {
+            removeLeafNode(key);
+            continue;
+        }
         const IndexSet indices = extractSampleIndexes(volume, threshold);
         mBlockSamples[key] = indices;
         if (indices.size() <= 2) {
