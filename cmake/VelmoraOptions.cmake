@@ -12,5 +12,14 @@ if(VELMORA_SANITIZE)
   # GCC's flow analysis sees through the sanitizers' instrumentation poorly and reports
   # uninitialised values inside the standard library (std::function in std::regex) that the
   # uninstrumented builds, which keep the warning, show not to exist.
-  target_compile_options(velmora_flags INTERFACE -Wno-maybe-uninitialized)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(velmora_flags INTERFACE -Wno-maybe-uninitialized)
+  endif()
+endif()
+# The fuzz targets need every object instrumented for libFuzzer's coverage feedback.
+if(VELMORA_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "VELMORA_BUILD_FUZZERS needs Clang (libFuzzer)")
+  endif()
+  target_compile_options(velmora_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()

@@ -5,8 +5,9 @@ VELMORA_PACKAGES=(build-essential cmake pkg-config libtinyxml-dev libpng-dev lib
                   nlohmann-json3-dev)
 # What scripts/test needs beyond that: the test and benchmark frameworks, the format check, and on
 # x86-64 hosts the Arm cross toolchain and the user-mode emulators that run the NEON kernels of
-# src/vision and its tests on an x86-64 without AVX2.
-VELMORA_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang-format)
+# src/vision and its tests on an x86-64 without AVX2; clang and libclang-rt-dev (libFuzzer and the
+# sanitizer runtimes) build the fuzz targets.
+VELMORA_TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang-format clang libclang-rt-dev)
 if [ "$(uname -m)" = x86_64 ]; then
     VELMORA_TEST_PACKAGES+=(g++-aarch64-linux-gnu qemu-user)
 fi

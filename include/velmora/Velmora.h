@@ -39,7 +39,7 @@ constexpr XrResultVLM kErrorPoseInvalid = -39;
 constexpr XrResultVLM kErrorNotInitialized = -2000000;
 // `init` called on an object that is already initialised.
 constexpr XrResultVLM kErrorAlreadyInitialized = -2000001;
-// Intrinsics invalid: one of the four values is not finite or not above zero.
+// Intrinsics invalid: one of the four values, narrowed to float, is not finite or not above zero.
 constexpr XrResultVLM kErrorIntrinsicsInvalid = -2000002;
 // `Config::cellSize` is not above zero.
 constexpr XrResultVLM kErrorCellSizeInvalid = -2000003;

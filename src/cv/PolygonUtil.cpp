@@ -35,15 +35,17 @@ bool removeValue(std::vector<unsigned int>& list, unsigned int value) {
     return true;
 }
 
-// Angle at `current` from the edge back to `previous` to the edge towards `candidate`, in
-// [0, 2 pi): turning past the straight line counts from the other side, so that the smallest
-// angle keeps the walk on the side of the material.
+// Angle at `current` swept counter-clockwise from the edge back to `previous` to the edge
+// towards `candidate`, in [0, 2 pi). The walk has the material on its right, so this sweep
+// enters the material first, and the smallest angle is the next edge of the same loop where
+// several loops touch one vertex. (Measured the other way round, the walk would leave its loop
+// there, onto an edge whose triangle lies on its left.)
 float turnAngle(const Vec2& previous, const Vec2& current, const Vec2& candidate) {
     const Vec2 back = previous - current;
     const Vec2 ahead = candidate - current;
     const float cosine = Math::dot(back, ahead) / (Math::norm(back) * Math::norm(ahead));
     float angle = cosine < -1.0f ? kPi : cosine > 1.0f ? 0.0f : std::acos(cosine);
-    if (cross(previous, current, candidate) < 0.0f) {
+    if (cross(previous, current, candidate) > 0.0f) {
         angle = 2.0f * kPi - angle;
     }
     return angle;

@@ -106,6 +106,21 @@ bool principalPointInside(const IntrinsicLinearCameraCalibrationVLM& intrinsics,
            intrinsics.principalPointY < static_cast<double>(image.height);
 }
 
+// Whether a colour frame can be kept. The first colour frame of the scene's life sets up both
+// camera models, which cannot be made from a principal point outside the colour image (or, in
+// combined mode, the depth image): such a frame is refused, since the set-up would have to abort.
+// Every later colour frame is kept whatever its size; the models stay those of the first.
+bool colourFrameAcceptable(Impl::State& s, const IntrinsicLinearCameraCalibrationVLM& intrinsics,
+                           const Image& colour, const Image& depth) {
+    {
+        std::lock_guard<std::mutex> lock(s.mTexture.mutex);
+        if (!s.mTexture.keyframes.empty()) {
+            return true;
+        }
+    }
+    return principalPointInside(intrinsics, colour) && principalPointInside(intrinsics, depth);
+}
+
 // A pinhole camera without distortion of `size` pixels with the intrinsics of `projection`; one
 // retry, then a failure is an error of the validation before.
 void initLinearCamera(AR::CV::Camera<float>& camera, const AR::CV::Size2i& size,
@@ -232,8 +247,8 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
         if (!indexOfDepthLabelColorImages(images, depthIdx, labelIdx, colorIdx)) {
             return kErrorInvalidArgument;
         }
-        if (colorIdx >= 0 && (!principalPointInside(intrinsics, images.data[colorIdx]) ||
-                              !principalPointInside(intrinsics, images.data[depthIdx]))) {
+        if (colorIdx >= 0 &&
+            !colourFrameAcceptable(s, intrinsics, images.data[colorIdx], images.data[depthIdx])) {
             return kErrorIntrinsicsInvalid;
         }
         Solid::LabelDepthFrame frame =
@@ -257,7 +272,7 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
     const bool isLabel = image.format == kImageLabelU8 || image.format == kImageLabelU16;
     const bool isColor = image.format == kImageColorRGB8;
     if (isColor && (s.mMode == kModeSplit || s.mMode == kModeCombined)) {
-        if (!principalPointInside(intrinsics, image)) {
+        if (!colourFrameAcceptable(s, intrinsics, image, image)) {
             return kErrorIntrinsicsInvalid;
         }
         submitColorFrame(s, time, intrinsics, pose, image);

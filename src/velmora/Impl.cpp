@@ -41,11 +41,13 @@ XrResultVLM Impl::checkConfig(const Config& config) {
 }
 
 XrResultVLM Impl::checkIntrinsics(const IntrinsicLinearCameraCalibrationVLM& intrinsics) {
-    // Each value must be finite and above zero: a NaN or an infinity would reach block keys and
-    // camera models as values no camera has.
+    // Each value must be finite and above zero as the frame path uses it, narrowed to float: a
+    // NaN, an infinity, or a double that overflows or underflows the float would reach block
+    // keys and camera models as values no camera has.
     for (const double value : {intrinsics.principalPointX, intrinsics.principalPointY,
                                intrinsics.focalLengthX, intrinsics.focalLengthY}) {
-        if (!(std::isfinite(value) && value > 0.0)) {
+        const float narrowed = static_cast<float>(value);
+        if (!(std::isfinite(narrowed) && narrowed > 0.0f)) {
             return kErrorIntrinsicsInvalid;
         }
     }
@@ -117,18 +119,6 @@ XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descr
         buffers.data[i].vertexCount = 0;
         buffers.data[i].indexCount = 0;
     }
-    return kSuccess;
-}
-
-XrResultVLM Impl::getPlanes(span<Planef>& /*planes*/, span<SubsumedLink>& /*subsumed*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    if (!mState->mPlaneDetector.isEnabled()) {
-        return kErrorPlanesDisabled;
-    }
-    // TODO(unfiled: plane detection): plane fitting, merging and delivery; with no planes the spans
-    // stay untouched.
     return kSuccess;
 }
 

@@ -9,6 +9,7 @@
 #include "OutputTestSupport.h"
 #include "ToolTestSupport.h"
 #include "velmora/Accuracy.h"
+#include "velmora/Commands.h"
 #include "velmora/Outputs.h"
 #include "velmora/Ply.h"
 #include "velmora/Preview.h"
@@ -237,6 +238,8 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
     EXPECT_EQ(instances["instances"][1]["id"], "00000000000000000200000002000000");
     EXPECT_EQ(instances["instances"][1]["label"], 8);
     EXPECT_EQ(instances["instances"][0]["boundsMin"], nlohmann::json::array({1.0, 0.5, 0.0}));
+    // Floats read as the decimals they stand for, to the micrometre.
+    EXPECT_EQ(instances["instances"][1]["boundsMax"], nlohmann::json::array({3.0, 2.5, 1.01}));
     EXPECT_EQ(instances["subsumed"].size(), 2u);
 }
 
@@ -244,7 +247,8 @@ TEST(SceneJsonFiles, PlanesAndInstancesCarryIdsLabelsGeometryAndLinks) {
 // of the picture. The plane picture tints the floor plane; a plane facing away is not drawn.
 TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
     CannedScene scene = cannedScene();
-    const PreviewCamera camera = overviewCamera(scene.mesh, kPreviewWidth, kPreviewHeight);
+    const PreviewCamera camera =
+        overviewCamera(scene.mesh.positions, kPreviewWidth, kPreviewHeight, {0.0, 0.0, 1.0});
     for (const std::array<float, 3>& p : scene.mesh.positions) {
         double x = 0, y = 0, depth = 0;
         ASSERT_TRUE(camera.project(p, x, y, depth));
@@ -264,15 +268,18 @@ TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
     // A corner of the picture is background, an even blue-grey.
     EXPECT_GT(previews.scene.sample(2, 2, 2), 200u);
     EXPECT_NE(previews.planes.bytes, previews.scene.bytes);
-    EXPECT_GT(previews.planes.sample(cx, cy, 1), 0u) << "the floor plane tints the floor";
+    // The floor plane's orange tints the neutral floor.
+    EXPECT_GT(previews.planes.sample(cx, cy, 0), previews.planes.sample(cx, cy, 2) * 1.2);
 
-    // Without colours the instances colour the surface; without planes facing the viewer both
-    // pictures are the same.
+    // Without colours the instances colour the surface; without planes facing the viewer the
+    // plane picture shows the surface in the neutral colour.
     scene.mesh.colors.clear();
     scene.planes.planes.erase(scene.planes.planes.begin());
     scene.planes.planes[0].contour = {{1, 0.5f, 1}, {3, 0.5f, 1}, {3, 2.5f, 1}};
     previews = renderPreviews(scene.mesh, scene.planes, camera);
-    EXPECT_EQ(previews.planes.bytes, previews.scene.bytes);
+    const std::array<uint8_t, 3> neutral = instanceColor(0);
+    EXPECT_NEAR(previews.planes.sample(cx, cy, 0) / static_cast<double>(neutral[0]),
+                previews.planes.sample(cx, cy, 2) / static_cast<double>(neutral[2]), 0.02);
     const std::array<uint8_t, 3> floorColor = instanceColor(1);
     const uint32_t red = previews.scene.sample(cx, cy, 0);
     EXPECT_GT(red, 0u);
@@ -282,7 +289,51 @@ TEST(Previews, ShowTheFacesTowardsTheViewerAndThePlanesOverThem) {
                     floorColor[c] / static_cast<double>(floorColor[0]), 0.05);
     }
     EXPECT_NE(instanceColor(1), instanceColor(2));
+    // Without a mesh the pictures show the plane outlines.
+    EXPECT_EQ(sceneExtent(scene.mesh, scene.planes), scene.mesh.positions);
+    EXPECT_EQ(sceneExtent({}, scene.planes), scene.planes.planes[0].contour);
     EXPECT_EQ(instanceColor(0), instanceColor(0));
+}
+
+// The camera looks down along the up direction it is given, whichever axis that is, and keeps up
+// at the top of the picture.
+TEST(Previews, ViewpointFollowsTheUpDirection) {
+    const HostMesh mesh = cannedScene().mesh;
+    for (const std::array<double, 3>& up :
+         std::vector<std::array<double, 3>>{{0, 0, 1}, {0, 1, 0}, {-1, 0, 0}, {0, 0.6, 0.8}}) {
+        const PreviewCamera camera = overviewCamera(mesh.positions, 64, 48, up);
+        const double forwardUp =
+            camera.forward[0] * up[0] + camera.forward[1] * up[1] + camera.forward[2] * up[2];
+        const double downUp =
+            camera.down[0] * up[0] + camera.down[1] * up[1] + camera.down[2] * up[2];
+        EXPECT_LT(forwardUp, -0.5) << "looks down";
+        EXPECT_LT(downUp, -0.3) << "up is at the top of the picture";
+        EXPECT_NEAR(camera.right[0] * up[0] + camera.right[1] * up[1] + camera.right[2] * up[2],
+                    0.0, 1e-9)
+            << "the horizon is level";
+    }
+    // Camera up directions near an axis snap to it; others are kept; none gives z.
+    const struct {
+        std::array<double, 3> mean;
+        std::array<double, 3> up;
+    } snaps[] = {
+        {{0.1, 3.0, -0.2}, {0, 1, 0}},
+        {{0.2, 0.1, -2.0}, {0, 0, -1}},
+        {{0, 0.6, 0.8}, {0, 0.6, 0.8}},
+        {{0, 0, 0}, {0, 0, 1}},
+    };
+    for (const auto& snap : snaps) {
+        const std::array<double, 3> up = snapUp(snap.mean);
+        for (int axis = 0; axis < 3; ++axis) {
+            EXPECT_NEAR(up[axis], snap.up[axis], 1e-12) << axis;
+        }
+    }
+    std::array<double, 3> axis{};
+    EXPECT_TRUE(parseAxis("-y", axis));
+    EXPECT_EQ(axis, (std::array<double, 3>{0, -1, 0}));
+    for (const char* bad : {"", "w", "--x", "xy", "-"}) {
+        EXPECT_FALSE(parseAxis(bad, axis)) << bad;
+    }
 }
 
 TEST(Accuracy, VertexDistancesAreMeasuredToTheTrueSurface) {
@@ -394,6 +445,20 @@ TEST(Accuracy, TruePlanesAndObjectsMatchWithinTheirBounds) {
         EXPECT_EQ(report.planes[0].matched, c.matched) << c.offset;
         EXPECT_EQ(report.planesMatched, truePlanes().size() - (c.matched ? 0 : 1));
     }
+    // A floor seen only near one corner and tilted by 3 degrees lies 10 cm off at the room's
+    // centre, yet where it was seen it is on the floor.
+    const float tilt = static_cast<float>(3.0 / 57.29577951308232);
+    HostPlanes corner = planes;
+    corner.planes[0].normal = {std::sin(tilt), 0, std::cos(tilt)};
+    corner.planes[0].offset = -std::sin(tilt) * 0.2f;
+    corner.planes[0].contour = {{0.1f, 0.1f, 0}, {0.3f, 0.1f, 0}, {0.3f, 0.3f, 0}};
+    report = evaluateBuiltinScene({}, corner, {}, run);
+    EXPECT_TRUE(report.planes[0].matched);
+    EXPECT_NEAR(report.planes[0].angleDeg, 3.0, 1e-3);
+    EXPECT_LT(report.planes[0].offsetError, 1e-6);
+    corner.planes[0].contour.clear();
+    EXPECT_FALSE(evaluateBuiltinScene({}, corner, {}, run).planes[0].matched);
+
     HostInstances relabelled = instances;
     relabelled.instances[0].label = 99;
     EXPECT_EQ(evaluateBuiltinScene({}, {}, relabelled, run).objectsMatched, 3u);

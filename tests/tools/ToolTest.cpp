@@ -431,3 +431,24 @@ TEST(ToolEndToEnd, RealSampleSequence) {
     EXPECT_EQ(summaryRow(run.out, "frames fused"), "5");
     EXPECT_EQ(nlohmann::json::parse(readText(scratch / "s.json"))["frames"].size(), 5u);
 }
+
+// A guard on the whole pipeline: the demo's reconstruction of the built-in room, at a small size,
+// stays within stated bounds of the truth.
+TEST(ToolAccuracy, DemoReconstructionStaysNearTheTruth) {
+    ScratchDir scratch;
+    const ToolRun run = runTool(scratch, {"demo", "--out", scratch / "out", "--frames", "30",
+                                          "--size", "160x120", "--stats", scratch / "s.json"});
+    ASSERT_EQ(run.exitCode, kExitOk) << run.err;
+    const nlohmann::json accuracy = nlohmann::json::parse(readText(scratch / "s.json"))["accuracy"];
+    // Every true plane is found within a degree or so (the ceiling, seen least, within 4) and
+    // half a centimetre; every object is an instance of its label covering half its box.
+    EXPECT_EQ(accuracy["planesMatched"], truePlanes().size());
+    for (const nlohmann::json& plane : accuracy["planes"]) {
+        EXPECT_LT(plane["angleDeg"].get<double>(), 4.0) << plane;
+        EXPECT_LT(plane["offsetError"].get<double>(), 0.005) << plane;
+    }
+    EXPECT_EQ(accuracy["objectsMatched"], trueObjects().size());
+    for (const nlohmann::json& object : accuracy["objects"]) {
+        EXPECT_GT(object["overlap"].get<double>(), 0.5) << object;
+    }
+}

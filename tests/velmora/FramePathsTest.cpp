@@ -141,14 +141,55 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
             for (int u = 0; u < empty.depthU16.width(); ++u)
                 ASSERT_EQ(empty.depthU16(u, v), 0);
 
-        // A principal point outside the colour image would break the camera models: refused.
+        // The cameras are set: a later frame is kept even with its principal point outside it.
         IntrinsicLinearCameraCalibrationVLM outside = camera.intrinsics();
         outside.principalPointX = 500.0;
         const Image colour = frame.colorImage();
         EXPECT_EQ(scene->submitImages(0, outside, camera.pose(), span<const Image>{&colour, 1}),
+                  kSuccess);
+        EXPECT_EQ(s.mTexture.keyframes.size(), 4u);
+        EXPECT_EQ(s.mTexture.colorCalib.getPrincipalPoint()(0),
+                  camera.intrinsics().principalPointX);
+
+        // A first colour frame whose principal point lies outside could not set up the cameras:
+        // refused, and nothing of it is kept or fused.
+        auto fresh = makeScene(mode);
+        std::vector<Image> first = {colour};
+        if (mode == 0) {
+            first.push_back(frame.depthImage());
+            first.push_back(frame.labelImage());
+        }
+        EXPECT_EQ(fresh->submitImages(0, outside, camera.pose(),
+                                      span<const Image>{first.data(), uint32_t(first.size())}),
                   kErrorIntrinsicsInvalid);
-        EXPECT_EQ(s.mTexture.keyframes.size(), 3u);
+        EXPECT_TRUE(internalState(*fresh).mTexture.keyframes.empty());
     }
+}
+
+TEST(FramePaths, CombinedLaterColourOfAnotherSizeKeepsDepthAndLabels) {
+    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
+    auto scene = makeScene(0);
+    Impl::State& s = internalState(*scene);
+    const PinholeCamera camera = wallCamera();
+    const RenderedFrame frame = render(room, camera);
+    std::vector<Image> images = {frame.colorImage(), frame.depthImage(), frame.labelImage()};
+    ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
+                                  span<const Image>{images.data(), 3}),
+              kSuccess);
+    const size_t blocks = s.mLabelDepthVolumeGrid->size();
+    // A smaller frame whose intrinsics put the principal point outside the first frame's depth
+    // image size is still fused and kept.
+    PinholeCamera far = wallCamera(40, 30);
+    far.cx = 70.0;
+    far.T_world_camera = Velmora::Test::lookAt({1.0, 0.5, 1.3}, {0.0, 0.2, 1.0}, {0, 0, 1});
+    const RenderedFrame other = render(room, far);
+    std::vector<Image> second = {other.colorImage(), other.depthImage(), other.labelImage()};
+    ASSERT_EQ(
+        scene->submitImages(1, far.intrinsics(), far.pose(), span<const Image>{second.data(), 3}),
+        kSuccess);
+    ASSERT_EQ(s.mTexture.keyframes.size(), 2u);
+    EXPECT_EQ(s.mTexture.keyframes[1].rgb.width(), 40);
+    EXPECT_GT(s.mLabelDepthVolumeGrid->size(), blocks);
 }
 
 TEST(FramePaths, CombinedColourIsKeptAlongsideFusion) {

@@ -122,6 +122,25 @@ double boxOverlap(const Vec3& aMin, const Vec3& aMax, const std::array<float, 3>
     return united > 0.0 ? intersection / united : 0.0;
 }
 
+// How far a reported plane lies from a true one, metres: where the plane has an outline, the
+// distance of the outline's centre from the true plane (a plane seen on part of a surface and
+// slightly tilted is still where that surface is); without one, the distance of the true
+// surface's centre from the reported plane.
+double planeOffset(const TruePlane& truth, const HostPlane& plane) {
+    if (plane.contour.empty()) {
+        return std::fabs(plane.normal[0] * truth.centre[0] + plane.normal[1] * truth.centre[1] +
+                         plane.normal[2] * truth.centre[2] + plane.offset);
+    }
+    Vec3 centre{0.0, 0.0, 0.0};
+    for (const std::array<float, 3>& point : plane.contour) {
+        for (int axis = 0; axis < 3; ++axis) {
+            centre[axis] += point[axis] / static_cast<double>(plane.contour.size());
+        }
+    }
+    return std::fabs(truth.normal[0] * centre[0] + truth.normal[1] * centre[1] +
+                     truth.normal[2] * centre[2] + truth.offset);
+}
+
 PlaneMatch matchPlane(const TruePlane& truth, const HostPlanes& planes) {
     PlaneMatch match;
     match.name = truth.name;
@@ -132,9 +151,7 @@ PlaneMatch matchPlane(const TruePlane& truth, const HostPlanes& planes) {
                            truth.normal[2] * plane.normal[2],
                        -1.0, 1.0);
         const double angle = std::acos(cosine) * kDegreesPerRadian;
-        const double offset =
-            std::fabs(plane.normal[0] * truth.centre[0] + plane.normal[1] * truth.centre[1] +
-                      plane.normal[2] * truth.centre[2] + plane.offset);
+        const double offset = planeOffset(truth, plane);
         if (angle <= kPlaneMatchAngleDeg && offset < bestOffset) {
             bestOffset = offset;
             match.planeId = uuidText(plane.uuid);

@@ -18,7 +18,8 @@ namespace VelmoraTool {
 // True surface within this distance (metres) of a vertex counts as covered.
 constexpr double kCompletenessDistance = 0.02;
 // A reported plane matches a true one within this angle (degrees) between the normals and this
-// distance (metres) of the true plane's centre from the reported plane.
+// distance (metres) between the planes: of the reported outline's centre from the true plane, or
+// of the true plane's centre from a reported plane without an outline.
 constexpr double kPlaneMatchAngleDeg = 10.0;
 constexpr double kPlaneMatchOffset = 0.05;
 // An instance matches an object when their boxes overlap by at least this intersection over union
@@ -30,7 +31,7 @@ struct PlaneMatch {
     bool matched = false;
     std::string planeId;       // the best reported plane, empty when there is none near
     double angleDeg = 0.0;     // between the normals
-    double offsetError = 0.0;  // metres: the true centre's distance from the reported plane
+    double offsetError = 0.0;  // metres, as for kPlaneMatchOffset
 };
 
 struct ObjectMatch {

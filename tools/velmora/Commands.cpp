@@ -108,6 +108,17 @@ bool parseIntrinsics(const std::string& text, Intrinsics& intrinsics) {
     return true;
 }
 
+bool parseAxis(const std::string& text, std::array<double, 3>& axis) {
+    const bool negative = !text.empty() && text[0] == '-';
+    const std::string name = negative ? text.substr(1) : text;
+    if (name.size() != 1 || name[0] < 'x' || name[0] > 'z') {
+        return false;
+    }
+    axis = {0.0, 0.0, 0.0};
+    axis[name[0] - 'x'] = negative ? -1.0 : 1.0;
+    return true;
+}
+
 int runRenderScene(const RenderOptions& options, std::ostream& out, std::ostream& err) {
     RecordedSequenceWriter writer;
     std::string error;

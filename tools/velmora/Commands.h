@@ -3,6 +3,7 @@
 #ifndef VELMORA_TOOL_COMMANDS_H
 #define VELMORA_TOOL_COMMANDS_H
 
+#include <array>
 #include <cstdint>
 #include <iosfwd>
 #include <optional>
@@ -78,6 +79,7 @@ int runMesh(const MeshCommandOptions& options, std::ostream& out, std::ostream& 
 bool parseSize(const std::string& text, uint32_t& width, uint32_t& height);      // "640x480"
 bool parseFrameRange(const std::string& text, uint64_t& first, uint64_t& last);  // "10:20", "10:"
 bool parseIntrinsics(const std::string& text, Intrinsics& intrinsics);           // "fx,fy,cx,cy"
+bool parseAxis(const std::string& text, std::array<double, 3>& axis);            // "z", "-y"
 
 }  // namespace VelmoraTool
 

@@ -13,6 +13,7 @@
 #include <ostream>
 
 #include "velmora/Impl.h"
+#include "velmora/Preview.h"
 #include "velmora/Velmora.h"
 
 namespace VelmoraTool {
@@ -294,6 +295,7 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
     const Clock::time_point start = Clock::now();
     Progress progress(progressOut, interactive, selected.size());
     Frame frame;
+    std::array<double, 3> cameraUp{0.0, 0.0, 0.0};
     for (size_t done = 0; done < selected.size(); ++done) {
         const uint64_t number = source.frameNumber(selected[done]);
         std::string problem;
@@ -317,6 +319,10 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
                 ++report.skippedRejected;
                 status = FrameStatus::kBadInput;
             } else {
+                // The camera's up (its -y axis) in world coordinates, summed for the pictures.
+                for (int axis = 0; axis < 3; ++axis) {
+                    cameraUp[axis] -= frame.worldFromCamera[axis * 4 + 1];
+                }
                 report.colorFramesFused += withColor ? 1 : 0;
                 ++report.framesFused;
                 report.fusedFrameNumbers.push_back(number);
@@ -354,6 +360,7 @@ int runFusion(FrameSource& source, const FuseOptions& options, std::ostream& sum
     }
     OutputOptions outputs = options.outputs;
     outputs.readAll = options.accuracyOf.has_value();
+    outputs.up = snapUp(cameraUp);
     if (report.framesFused > 0 && (outputs.any() || outputs.readAll)) {
         report.outputsRead = true;
         if (!writeOutputs(*scene, outputs, report.colorFramesFused > 0, progressOut, errorOut,

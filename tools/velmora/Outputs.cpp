@@ -116,7 +116,7 @@ bool OutputOptions::needPlanes() const {
     return readAll || !planesPath.empty() || !previewPath.empty();
 }
 bool OutputOptions::needInstances() const {
-    return readAll || !instancesPath.empty() || !instanceMeshDir.empty();
+    return needMesh() || !instancesPath.empty() || !instanceMeshDir.empty();
 }
 
 std::string previewPlanesPath(const std::string& previewPath) {
@@ -157,6 +157,15 @@ bool writeOutputs(Velmora::IVelmora& scene, const OutputOptions& options, bool w
         errorOut << "velmora: " << message << "\n";
         return false;
     };
+    // Instances first: the library gives the mesh's vertices the ids of the instances it knows.
+    if (options.needInstances()) {
+        Stage instances("instances", progressOut, interactive, report);
+        const Velmora::XrResultVLM result = readInstances(scene, report.instances);
+        if (result != Velmora::kSuccess) {
+            return fail(failed("instance extraction", result));
+        }
+        instances.done(std::to_string(report.instances.instances.size()) + " instances");
+    }
     if (options.needMesh()) {
         // Meshing and colouring are timed apart: the second call finds the mesh up to date and
         // only colours it.
@@ -183,14 +192,6 @@ bool writeOutputs(Velmora::IVelmora& scene, const OutputOptions& options, bool w
         }
         planes.done(std::to_string(report.planes.planes.size()) + " planes");
     }
-    if (options.needInstances()) {
-        Stage instances("instances", progressOut, interactive, report);
-        const Velmora::XrResultVLM result = readInstances(scene, report.instances);
-        if (result != Velmora::kSuccess) {
-            return fail(failed("instance extraction", result));
-        }
-        instances.done(std::to_string(report.instances.instances.size()) + " instances");
-    }
     if (!options.instanceMeshDir.empty()) {
         Stage meshes("instance meshes", progressOut, interactive, report);
         for (const HostInstance& instance : report.instances.instances) {
@@ -215,8 +216,10 @@ bool writeOutputs(Velmora::IVelmora& scene, const OutputOptions& options, bool w
     }
     if (!options.previewPath.empty()) {
         Stage pictures("pictures", progressOut, interactive, report);
-        const Previews previews = renderPreviews(
-            report.mesh, report.planes, overviewCamera(report.mesh, kPreviewWidth, kPreviewHeight));
+        const Previews previews =
+            renderPreviews(report.mesh, report.planes,
+                           overviewCamera(sceneExtent(report.mesh, report.planes), kPreviewWidth,
+                                          kPreviewHeight, options.up));
         const std::string planesPath = previewPlanesPath(options.previewPath);
         if (!writePng(options.previewPath, previews.scene, error)) {
             return fail(options.previewPath + ": " + error);

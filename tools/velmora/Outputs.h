@@ -4,6 +4,7 @@
 #ifndef VELMORA_TOOL_OUTPUTS_H
 #define VELMORA_TOOL_OUTPUTS_H
 
+#include <array>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -22,6 +23,8 @@ struct OutputOptions {
     std::string previewPath;      // PNG; the plane picture goes beside it (previewPlanesPath)
     // The scene is read even when no file is asked for, e.g. for the accuracy report.
     bool readAll = false;
+    // The world's up direction for the pictures, unit length.
+    std::array<double, 3> up{0.0, 0.0, 1.0};
 
     bool any() const;
     bool needMesh() const;

@@ -12,25 +12,30 @@ using Vec3d = std::array<double, 3>;
 // Every picture is drawn at this many samples per pixel side and averaged down, which smooths the
 // edges of triangles and lines.
 constexpr uint32_t kSupersampling = 2;
-// Direction from the middle of the scene to the viewpoint (x, y, z, not normalised): from the
-// south-west, above, so that a room seen from there shows its floor and two walls.
+// Direction from the middle of the scene to the viewpoint, not normalised, in a frame whose third
+// axis is up: from one corner, above, so that a room seen from there shows its floor and two
+// walls. With world z up the first two axes are world x and y (the built-in room's south-west).
 constexpr Vec3d kViewDirection{-0.55, -0.8, 1.0};
+// A camera up direction within this angle of a world axis (cosine) is taken as that axis.
+constexpr double kAxisSnapCosine = 0.9;
 // Horizontal field of view of the picture, radians (about 50 degrees).
 constexpr double kFieldOfView = 0.87;
 // Share of the vertices at each end of each axis left out of the bounds that the view must show,
 // so that a few stray vertices do not shrink the scene to a dot.
-constexpr double kBoundsTrim = 0.002;
+constexpr double kBoundsTrim = 0.01;
 // The picture leaves this share of its size free around the scene.
 constexpr double kMargin = 1.1;
-// Bisection steps of the viewing distance, and the corners of a box.
+// Bisection steps of the viewing distance, and the most points it checks.
 constexpr int kFitSteps = 30;
-constexpr int kBoxCorners = 8;
+constexpr size_t kFitSamples = 4096;
 // Smallest radius of the bounds, metres, so that a scene of one point still gets a viewpoint.
 constexpr double kMinRadius = 1e-3;
 // Light: a share from all directions and a share from a direction above and behind the viewer.
 constexpr double kAmbient = 0.4;
 constexpr double kDiffuse = 0.6;
-constexpr Vec3d kLightDirection{-0.3, -0.5, 1.0};  // towards the light, world frame
+// Towards the light in the picture's frame (right, down, forward): from above the viewer's left
+// shoulder.
+constexpr Vec3d kLightDirection{-0.4, -0.7, -1.0};
 // Background: a vertical gradient between two blue-greys.
 constexpr std::array<double, 3> kBackgroundTop{236, 240, 246};
 constexpr std::array<double, 3> kBackgroundBottom{190, 198, 212};
@@ -39,7 +44,7 @@ constexpr std::array<double, 3> kBackgroundBottom{190, 198, 212};
 constexpr bool kFrontIsCounterClockwise = true;
 // Plane overlay: a fill at this opacity and an outline of this width (picture pixels) with a
 // dark border around it.
-constexpr double kPlaneFillOpacity = 0.35;
+constexpr double kPlaneFillOpacity = 0.45;
 constexpr double kOutlineWidth = 2.5;
 constexpr double kOutlineBorder = 1.5;
 constexpr std::array<uint8_t, 3> kOutlineBorderColor{20, 20, 20};
@@ -114,7 +119,8 @@ public:
         }
     }
 
-    void drawMesh(const HostMesh& mesh) {
+    // Draws the mesh in its own colours, or all in the neutral colour when `neutral`.
+    void drawMesh(const HostMesh& mesh, bool neutral) {
         std::vector<std::array<double, 3>> screen(mesh.positions.size());
         std::vector<uint8_t> visible(mesh.positions.size());
         for (size_t v = 0; v < mesh.positions.size(); ++v) {
@@ -122,7 +128,13 @@ public:
             visible[v] = mCamera.project(mesh.positions[v], x, y, depth);
             screen[v] = {x * kSupersampling, y * kSupersampling, 1.0 / depth};
         }
-        const Vec3d light = normalised(kLightDirection);
+        Vec3d light{};
+        for (int axis = 0; axis < 3; ++axis) {
+            light[axis] = kLightDirection[0] * mCamera.right[axis] +
+                          kLightDirection[1] * mCamera.down[axis] +
+                          kLightDirection[2] * mCamera.forward[axis];
+        }
+        light = normalised(light);
         for (size_t t = 0; t + 2 < mesh.indices.size(); t += 3) {
             const uint32_t i0 = mesh.indices[t], i1 = mesh.indices[t + 1], i2 = mesh.indices[t + 2];
             if (!visible[i0] || !visible[i1] || !visible[i2]) {
@@ -145,8 +157,8 @@ public:
                 normal = {-normal[0], -normal[1], -normal[2]};
             }
             const double shade = kAmbient + kDiffuse * std::max(0.0, dot(normal, light));
-            fillTriangle(a, b, c, vertexColor(mesh, i0), vertexColor(mesh, i1),
-                         vertexColor(mesh, i2), shade, area);
+            fillTriangle(a, b, c, vertexColor(mesh, i0, neutral), vertexColor(mesh, i1, neutral),
+                         vertexColor(mesh, i2, neutral), shade, area);
         }
     }
 
@@ -221,13 +233,14 @@ public:
     }
 
 private:
-    static std::array<double, 3> vertexColor(const HostMesh& mesh, uint32_t v) {
-        if (!mesh.colors.empty() && mesh.colors[v][3] > 0.0f) {
+    static std::array<double, 3> vertexColor(const HostMesh& mesh, uint32_t v, bool neutral) {
+        if (!neutral && !mesh.colors.empty() && mesh.colors[v][3] > 0.0f) {
             return {mesh.colors[v][0] * kMaxChannel, mesh.colors[v][1] * kMaxChannel,
                     mesh.colors[v][2] * kMaxChannel};
         }
-        const std::array<uint8_t, 3> color =
-            mesh.instanceIds.empty() ? kNeutralColor : instanceColor(mesh.instanceIds[v]);
+        const std::array<uint8_t, 3> color = neutral || mesh.instanceIds.empty()
+                                                 ? kNeutralColor
+                                                 : instanceColor(mesh.instanceIds[v]);
         return {static_cast<double>(color[0]), static_cast<double>(color[1]),
                 static_cast<double>(color[2])};
     }
@@ -348,14 +361,27 @@ bool PreviewCamera::project(const std::array<float, 3>& world, double& x, double
     return true;
 }
 
-PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t height) {
+std::array<double, 3> snapUp(const std::array<double, 3>& up) {
+    const Vec3d unit = normalised(up);
+    for (int axis = 0; axis < 3; ++axis) {
+        if (std::fabs(unit[axis]) >= kAxisSnapCosine) {
+            Vec3d snapped{0.0, 0.0, 0.0};
+            snapped[axis] = unit[axis] > 0.0 ? 1.0 : -1.0;
+            return snapped;
+        }
+    }
+    return dot(unit, unit) > 0.0 ? unit : Vec3d{0.0, 0.0, 1.0};
+}
+
+PreviewCamera overviewCamera(const std::vector<std::array<float, 3>>& points, uint32_t width,
+                             uint32_t height, const std::array<double, 3>& up) {
     Vec3d low{0.0, 0.0, 0.0}, high{1.0, 1.0, 1.0};
-    if (!mesh.positions.empty()) {
-        std::vector<float> values(mesh.positions.size());
+    if (!points.empty()) {
+        std::vector<float> values(points.size());
         const size_t trim = static_cast<size_t>(kBoundsTrim * values.size());
         for (int axis = 0; axis < 3; ++axis) {
             for (size_t v = 0; v < values.size(); ++v) {
-                values[v] = mesh.positions[v][axis];
+                values[v] = points[v][axis];
             }
             std::nth_element(values.begin(), values.begin() + trim, values.end());
             low[axis] = values[trim];
@@ -370,23 +396,48 @@ PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t heig
     camera.width = width;
     camera.height = height;
     camera.focal = (width / 2.0) / std::tan(kFieldOfView / 2.0);
-    const Vec3d towardsViewer = normalised(kViewDirection);
+    // The horizontal axes of the view frame: world x made perpendicular to up (world y where up
+    // lies near x), and up x that.
+    const Vec3d upAxis = normalised(up);
+    const Vec3d reference =
+        std::fabs(upAxis[0]) < kAxisSnapCosine ? Vec3d{1.0, 0.0, 0.0} : Vec3d{0.0, 1.0, 0.0};
+    const double along = dot(reference, upAxis);
+    const Vec3d first =
+        normalised({reference[0] - along * upAxis[0], reference[1] - along * upAxis[1],
+                    reference[2] - along * upAxis[2]});
+    const Vec3d second = cross(upAxis, first);
+    Vec3d towardsViewer{};
+    for (int axis = 0; axis < 3; ++axis) {
+        towardsViewer[axis] = kViewDirection[0] * first[axis] + kViewDirection[1] * second[axis] +
+                              kViewDirection[2] * upAxis[axis];
+    }
+    towardsViewer = normalised(towardsViewer);
     camera.forward = {-towardsViewer[0], -towardsViewer[1], -towardsViewer[2]};
-    camera.right = normalised(cross(camera.forward, {0.0, 0.0, 1.0}));
+    camera.right = normalised(cross(camera.forward, upAxis));
     camera.down = cross(camera.forward, camera.right);
-    // The nearest distance at which the eight corners of the bounds fit into the picture with its
-    // margin, found by bisection between a distance that is surely too near (the bounding sphere
-    // touching the camera) and one that surely fits (the sphere inside the narrower view cone).
+    // The nearest distance at which the points within the trimmed bounds (a sample of them) fit
+    // into the picture with its margin, found by bisection between a distance that is surely too
+    // near (the bounding sphere touching the camera) and one that surely fits (the sphere inside
+    // the narrower view cone). Points rather than the corners of the bounds: a scan of a slanted
+    // slab fills little of its box.
+    std::vector<std::array<float, 3>> sample;
+    const size_t stride = std::max<size_t>(1, points.size() / kFitSamples);
+    for (size_t i = 0; i < points.size(); i += stride) {
+        bool inside = true;
+        for (int axis = 0; axis < 3; ++axis) {
+            inside = inside && points[i][axis] >= low[axis] && points[i][axis] <= high[axis];
+        }
+        if (inside) {
+            sample.push_back(points[i]);
+        }
+    }
     auto place = [&](double distance) {
         for (int axis = 0; axis < 3; ++axis) {
             camera.position[axis] = centre[axis] + distance * towardsViewer[axis];
         }
     };
     auto fits = [&]() {
-        for (int corner = 0; corner < kBoxCorners; ++corner) {
-            const std::array<float, 3> p{static_cast<float>(corner & 1 ? high[0] : low[0]),
-                                         static_cast<float>(corner & 2 ? high[1] : low[1]),
-                                         static_cast<float>(corner & 4 ? high[2] : low[2])};
+        for (const std::array<float, 3>& p : sample) {
             double x = 0.0, y = 0.0, depth = 0.0;
             if (!camera.project(p, x, y, depth) ||
                 std::fabs(x - (width - 1) / 2.0) * kMargin > width / 2.0 ||
@@ -407,6 +458,17 @@ PreviewCamera overviewCamera(const HostMesh& mesh, uint32_t width, uint32_t heig
     return camera;
 }
 
+std::vector<std::array<float, 3>> sceneExtent(const HostMesh& mesh, const HostPlanes& planes) {
+    if (!mesh.positions.empty()) {
+        return mesh.positions;
+    }
+    std::vector<std::array<float, 3>> points;
+    for (const HostPlane& plane : planes.planes) {
+        points.insert(points.end(), plane.contour.begin(), plane.contour.end());
+    }
+    return points;
+}
+
 std::array<uint8_t, 3> instanceColor(uint16_t id) {
     if (id == 0) {
         return kNeutralColor;
@@ -416,12 +478,16 @@ std::array<uint8_t, 3> instanceColor(uint16_t id) {
 
 Previews renderPreviews(const HostMesh& mesh, const HostPlanes& planes,
                         const PreviewCamera& camera) {
-    Canvas canvas(camera);
-    canvas.drawMesh(mesh);
+    // The plane picture shows the surface in one neutral colour, so that the planes' own colours
+    // stand out.
     Previews previews;
-    previews.scene = canvas.image();
-    canvas.drawPlanes(planes);
-    previews.planes = canvas.image();
+    Canvas scene(camera);
+    scene.drawMesh(mesh, false);
+    previews.scene = scene.image();
+    Canvas withPlanes(camera);
+    withPlanes.drawMesh(mesh, true);
+    withPlanes.drawPlanes(planes);
+    previews.planes = withPlanes.image();
     return previews;
 }
 

@@ -1,5 +1,6 @@
 #include "velmora/SceneReadout.h"
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace VelmoraTool {
@@ -12,8 +13,21 @@ std::array<float, 3> toArray(const Velmora::XrVector3fVLM& v) {
     return {v.x, v.y, v.z};
 }
 
-nlohmann::json linksJson(const std::vector<HostLink>& links) {
-    nlohmann::json json = nlohmann::json::array();
+// The files are read by people: keys in the order written, and each float as the shortest
+// decimal at micrometre resolution (0.92, not 0.9199999570846558).
+using Json = nlohmann::ordered_json;
+
+double readable(float value) {
+    constexpr double kMicro = 1e6;
+    return std::round(static_cast<double>(value) * kMicro) / kMicro;
+}
+
+Json readable(const std::array<float, 3>& v) {
+    return Json::array({readable(v[0]), readable(v[1]), readable(v[2])});
+}
+
+Json linksJson(const std::vector<HostLink>& links) {
+    Json json = Json::array();
     for (const HostLink& link : links) {
         json.push_back({{"first", uuidText(link.first)}, {"second", uuidText(link.second)}});
     }
@@ -178,19 +192,19 @@ std::string uuidText(const Velmora::UuidBytes& uuid) {
 }
 
 std::string planesJson(const HostPlanes& planes) {
-    nlohmann::json list = nlohmann::json::array();
+    Json list = Json::array();
     for (const HostPlane& plane : planes.planes) {
-        nlohmann::json contour = nlohmann::json::array();
+        Json contour = Json::array();
         for (const std::array<float, 3>& point : plane.contour) {
-            contour.push_back(point);
+            contour.push_back(readable(point));
         }
         list.push_back({{"id", uuidText(plane.uuid)},
                         {"label", plane.label},
-                        {"normal", plane.normal},
-                        {"offset", plane.offset},
+                        {"normal", readable(plane.normal)},
+                        {"offset", readable(plane.offset)},
                         {"contour", contour}});
     }
-    const nlohmann::json json = {
+    const Json json = {
         {"units", "metres; plane: normal . x + offset = 0, normal towards free space"},
         {"planes", list},
         {"subsumed", linksJson(planes.links)}};
@@ -198,16 +212,16 @@ std::string planesJson(const HostPlanes& planes) {
 }
 
 std::string instancesJson(const HostInstances& instances) {
-    nlohmann::json list = nlohmann::json::array();
+    Json list = Json::array();
     for (const HostInstance& instance : instances.instances) {
         list.push_back({{"id", uuidText(instance.uuid)},
                         {"label", instance.label},
-                        {"boundsMin", instance.boundsMin},
-                        {"boundsMax", instance.boundsMax}});
+                        {"boundsMin", readable(instance.boundsMin)},
+                        {"boundsMax", readable(instance.boundsMax)}});
     }
-    const nlohmann::json json = {{"units", "metres; axis-aligned bounds in world coordinates"},
-                                 {"instances", list},
-                                 {"subsumed", linksJson(instances.links)}};
+    const Json json = {{"units", "metres; axis-aligned bounds in world coordinates"},
+                       {"instances", list},
+                       {"subsumed", linksJson(instances.links)}};
     return json.dump(2);
 }
 

@@ -157,6 +157,13 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     meshCommand->add_option("--truncation", mesh.truncation, "Truncation band, metres")
         ->capture_default_str();
+    std::string meshUp = "z";
+    meshCommand
+        ->add_option("--up", meshUp,
+                     "World axis that points up, for the pictures: x, y, z, -x, -y or -z (fuse "
+                     "and demo take it from the camera poses)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"x", "y", "z", "-x", "-y", "-z"}));
     addOutputOptions(meshCommand, mesh.outputs);
 
     AccuracyCommandOptions accuracy;
@@ -214,6 +221,7 @@ int main(int argc, char** argv) {
     }
     if (meshCommand->parsed()) {
         mesh.mode = meshMode == "combined" ? FuseMode::kCombined : FuseMode::kSplit;
+        parseAxis(meshUp, mesh.outputs.up);
         return runMesh(mesh, std::cout, std::cerr, interactive);
     }
     parseSize(demoSize, demo.width, demo.height);

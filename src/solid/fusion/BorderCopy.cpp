@@ -1,5 +1,6 @@
 #include "solid/fusion/BorderCopy.h"
 
+#include <climits>
 #include <cstring>
 
 #include "common/Logger.h"
@@ -79,8 +80,13 @@ void copySubvolumeBorder(const KeyType& key, const typename GridType::Block& src
     auto& src = const_cast<typename GridType::Block&>(srcBlock);
     const Index3 b = src.bounds();
     auto withNeighbour = [&](int dx, int dy, int dz, auto copy) {
+        // A block at the lowest key of an axis has no lower neighbour there: never wrap around.
+        if ((dx != 0 && key(0) == INT_MIN) || (dy != 0 && key(1) == INT_MIN) ||
+            (dz != 0 && key(2) == INT_MIN)) {
+            return;
+        }
         const KeyType neighbourKey(key(0) + dx, key(1) + dy, key(2) + dz);
-        auto dst = grid.get(neighbourKey);
+        auto dst = grid.getUnlocked(neighbourKey);
         if (!dst) {
             return;
         }
@@ -112,10 +118,15 @@ void copyBorders(GridType& grid, IntegrationStats& stats, IndexSet& blocks) {
     AR::Common::Timing timing;
     timing.beginSection(true);
     IndexSet updated(blocks.size());
-    for (const KeyType& key : blocks) {
-        auto block = grid.get(key);
-        if (block) {
-            copySubvolumeBorder(key, *block, grid, updated);
+    {
+        // One read lock for the whole pass instead of one per lookup: the frame thread, which
+        // runs this pass, is the only one that adds blocks, so nothing waits for it meanwhile.
+        AR::Common::ReadLockGuard<typename GridType::Lock> guard(grid.lock());
+        for (const KeyType& key : blocks) {
+            auto block = grid.getUnlocked(key);
+            if (block) {
+                copySubvolumeBorder(key, *block, grid, updated);
+            }
         }
     }
     const size_t before = blocks.size();

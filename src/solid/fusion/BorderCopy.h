@@ -12,13 +12,15 @@
 namespace Solid {
 
 // Copies the borders of every block of `blocks`, then adds the neighbours that received data to
-// `blocks`. Runs on the frame thread; holds a block's mutex while it locks a neighbour's, which
-// cannot deadlock as long as no second pass runs at the same time.
+// `blocks`. Runs on the frame thread, the only one that adds blocks; holds the grid's read lock for
+// the pass, and a block's mutex while it locks a neighbour's, which cannot deadlock as long as no
+// second pass runs at the same time.
 template <typename GridType>
 void copyBorders(GridType& grid, IntegrationStats& stats, IndexSet& blocks);
 
 // Pushes the lower planes of block `key` (`src`, locked by the caller) into its existing lower
-// neighbours and records them in `updated`.
+// neighbours and records them in `updated`. The caller holds the grid's lock (read is enough).
+// Neighbours below the lowest key of an axis do not exist.
 template <typename GridType>
 void copySubvolumeBorder(const KeyType& key, const typename GridType::Block& src, GridType& grid,
                          IndexSet& updated);

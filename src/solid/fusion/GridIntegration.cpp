@@ -78,10 +78,15 @@ IndexSet createBlocks(const BlockInfoMapType& blocks, GridType& grid, Integratio
     stats.createdBlocks = 0;
     for (const auto& entry : blocks) {
         result.insert(entry.first);
-        if (grid.ensure(entry.first)) {
-            ++stats.createdBlocks;
-        }
+        // Most blocks of a frame exist already: a lookup under the read lock finds them, and
+        // only a missing block takes the write lock.
         auto block = grid.get(entry.first);
+        if (!block) {
+            if (grid.ensure(entry.first)) {
+                ++stats.createdBlocks;
+            }
+            block = grid.get(entry.first);
+        }
         block->setBestSampleDistance(
             std::min(block->bestSampleDistance(), entry.second.bestSampleDistance));
     }

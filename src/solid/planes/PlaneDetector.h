@@ -32,6 +32,7 @@
 #include <ostream>
 #include <vector>
 
+#include "common/ArrayView.h"
 #include "common/FlatMap.h"
 #include "common/FlatSet.h"
 #include "cv/Plane3D.h"
@@ -129,12 +130,34 @@ public:
     // joint fit stays good for both parts and all three normals agree. Returns the new roots.
     PlaneIDSet mergePlanes(const IndexSet& updatedBlocks);
 
+    // --- Geometry, labels and contours of new roots -------------------------------------------
+    // The samples of each root of `planes` (of its blocks and their 26 neighbours) that lie
+    // within mMaxStdError metres of its plane, projected onto it, into the root's `geometry`.
+    template <typename Grid>
+    void updateGeometry(const Grid& grid, const PlaneIDSet& planes);
+    // The most voted label of the samples of each root of `planes` (the lowest label on a tie, 0
+    // without votes), read from `labelGrid`. A block not yet in `labelGrid` adds nothing.
+    template <typename Grid, typename LabelGridType>
+    void updateLabels(const Grid& grid, const LabelGridType& labelGrid, const PlaneIDSet& planes);
+    // The outline of each root of `planes` from its `geometry`, thinned to one point per half
+    // sample cell: the convex hull (contour alpha 0) or the largest alpha shape, closed (its
+    // first point repeated last). Fewer than three points give an empty contour.
+    template <typename Grid>
+    void updateContours(const Grid& grid, const PlaneIDSet& planes);
+
     // The sample indices chosen in each block by the last fit (or the surface crossings).
     const AR::Common::FlatMap<Index3, IndexSet>& blockSamples() const { return mBlockSamples; }
 
     friend std::ostream& operator<<(std::ostream& out, const PlaneDetector& planeDetector);
 
 private:
+    // Calls visitor(visitGrid, key, sampleIndex) for the chosen samples of the node's blocks and
+    // of their neighbours that exist in `sampleGrid`, for each block that exists in `visitGrid`.
+    // No block lock is held during a call.
+    template <typename SampleGrid, typename VisitGrid, typename Visitor>
+    void forEachSampleInPlane(const SampleGrid& sampleGrid, const VisitGrid& visitGrid,
+                              const Node& node, Visitor&& visitor);
+
     bool mEnabled = false;
     size_t mIdxCount = 0;                                 // next PlaneID, == mPlanes.size()
     AR::Common::FlatMap<Index3, PlaneID> mGridIdxs;       // the leaf of each block that has one
@@ -163,6 +186,18 @@ template <typename VolumeType>
 size_t getPlaneSystem(AR::Math::Matrix<float>& X, AR::Math::Vector<float>& s,
                       const VolumeType& volume, const IndexSet& indices, float truncation,
                       const Vec3& origin);
+
+// The samples of a block's own cells next to which the distance crosses `isoValue` (towards
+// the upper neighbour along x, y or z), with those neighbours. `CheckWeights` 0: weights are not
+// consulted. Samples at the saturated ends of the band (|v| == 1) are skipped.
+template <int CheckWeights, typename VolumeType>
+IndexSet extractIsoSurfaceIndexes(const VolumeType& volume, float isoValue);
+
+// 2-D coordinates of `points` in the plane: origin at the plane's point nearest the world
+// origin, first axis along the projection of world x or world y (whichever is longer), second
+// axis normal x first axis. Metres.
+std::vector<Vec2> projectTo2D(AR::Common::ArrayView<const Vec3> points,
+                              const AR::CV::Geometry::Plane3D<float>& plane);
 
 }  // namespace Solid
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "solid/planes/PlaneDetector.h"
+#include "solid/planes/SampleValues.h"
 
 namespace Solid {
 
@@ -13,23 +14,6 @@ namespace {
 // Samples at or beyond this normalised distance sit at the saturated ends of the band and say
 // nothing about where the surface is.
 constexpr float kSaturatedDistance = 0.99999f;
-// First size tried for a block's set of chosen samples; doubled up to one sample plane.
-constexpr size_t kMinSampleSetSize = 8;
-
-template <typename VolumeType>
-float normalisedDistance(const VolumeType& volume, int x, int y, int z) {
-    return static_cast<float>(depthPart(volume.at(x, y, z))(0)) * kDepthValueScale;
-}
-
-template <typename VolumeType>
-size_t sampleSetSize(const VolumeType& volume) {
-    const size_t planeSamples = static_cast<size_t>(volume.size()(0) * volume.size()(1));
-    size_t size = kMinSampleSetSize;
-    while (size < planeSamples) {
-        size *= 2;
-    }
-    return size;
-}
 
 }  // namespace
 
@@ -93,7 +77,12 @@ void PlaneDetector::fitPlanes(const Grid& grid, const IndexSet& updatedBlocks) {
         }
         const auto& volume = *block;
         const float threshold = 2.0f * volume.spacing()(0) / mTruncation;
-        AR_ASSERT(threshold < 1.f);
+        // The band must span more than two samples. init ensures five cells, but a loaded volume
+        // brings its own spacing: a grid too coarse for the band gives no planes, not an abort.
+        if (!(threshold < 1.f)) {
+            removeLeafNode(key);
+            continue;
+        }
         const IndexSet indices = extractSampleIndexes(volume, threshold);
         mBlockSamples[key] = indices;
         if (indices.size() <= 2) {

@@ -98,7 +98,17 @@ PlacementInfo getPlacementInfo(const VolumeGrid<B, P, L>& grid, const Vec3& line
     if (info.result == 0) {
         return info;
     }
-    const Vec3 n = AR::Math::normalize(gradient);
+    // The normal needs a gradient of some length: a field that is flat around the hit (equal
+    // samples, as a loaded file may hold) gives no orientation, hence no placement. The length is
+    // taken in double, where no float gradient overflows or vanishes when squared.
+    const double gx = gradient(0), gy = gradient(1), gz = gradient(2);
+    const double gradientLength = std::sqrt(gx * gx + gy * gy + gz * gz);
+    if (!(gradientLength > 0.0 && std::isfinite(gradientLength))) {
+        info.result = 0;
+        return info;
+    }
+    const Vec3 n(static_cast<float>(gx / gradientLength), static_cast<float>(gy / gradientLength),
+                 static_cast<float>(gz / gradientLength));
 
     // Columns: x, the normal as y, z from the reference direction.
     Matrix3 R = Matrix3::zeros();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <mutex>
 
 #include "common/Logger.h"
 #include "common/Timing.h"
@@ -128,6 +129,59 @@ bool walkToFirstBlock(const Grid& grid, const typename Grid::TableSnapshot* snap
     return false;
 }
 
+// Reads values along one ray. It remembers the block of its last read (or that there was none),
+// so that reads staying in one block skip the table, and keeps that block's mutex until the ray
+// leaves the block or the reader goes away; it never holds it while it looks up another block.
+// Blocks never move or vanish while the grid lives, so a remembered block stays valid; a block
+// created while the reader remembers its absence is seen from the next block on. Lookups go to
+// `snapshot` when there is one, else to the table under its read lock. The key and the local
+// position are those of `VolumeGrid::value`, computed here so that the sample loop stays inline.
+template <typename Grid>
+class RaySampler {
+public:
+    RaySampler(const Grid& grid, const typename Grid::TableSnapshot* snapshot)
+        : mGrid(grid), mSnapshot(snapshot) {
+        for (int a = 0; a < 3; ++a) {
+            mDimension[a] = grid.dimension()(a);
+            mInverseDimension[a] = grid.inverseDimension()(a);
+        }
+    }
+
+    float value(const Vec3& p) {
+        const KeyType key(floorToKey(p(0) * mInverseDimension[0]),
+                          floorToKey(p(1) * mInverseDimension[1]),
+                          floorToKey(p(2) * mInverseDimension[2]));
+        if (!mValid || !(key == mKey)) {
+            if (mBlockLock.owns_lock()) {
+                mBlockLock.unlock();
+            }
+            mEntry = mSnapshot != nullptr ? mSnapshot->find(key) : mGrid.findEntry(key);
+            mKey = key;
+            mValid = true;
+            if (mEntry != nullptr) {
+                mBlockLock = std::unique_lock<std::mutex>(*mEntry->mutex);
+            }
+        }
+        if (mEntry == nullptr) {
+            return kUnobservedValue;
+        }
+        const Vec3 local(p(0) - mDimension[0] * static_cast<float>(key(0)),
+                         p(1) - mDimension[1] * static_cast<float>(key(1)),
+                         p(2) - mDimension[2] * static_cast<float>(key(2)));
+        return mEntry->block.val(local);
+    }
+
+private:
+    const Grid& mGrid;
+    const typename Grid::TableSnapshot* mSnapshot;
+    float mDimension[3];
+    float mInverseDimension[3];
+    KeyType mKey;
+    const typename Grid::Entry* mEntry = nullptr;
+    std::unique_lock<std::mutex> mBlockLock;  // of mEntry, while there is one
+    bool mValid = false;                      // mKey and mEntry describe a lookup
+};
+
 // The march of `raycastSparseVolume`, with lookups in `snapshot` when there is one, and the
 // verbose log only when `verbose` (the level is tested once per rendering, not per sample).
 template <typename Grid>
@@ -148,11 +202,10 @@ Vec4 march(const Grid& grid, const typename Grid::TableSnapshot* snapshot, bool 
     Vec3 increment = direction * step;
     float previous = kUnobservedValue;
     bool coarse = true;
-    KeyType key;
-    typename Grid::PathReader reader(grid, snapshot);
+    RaySampler<Grid> reader(grid, snapshot);
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
-        const float value = reader.value(position, key);
+        const float value = reader.value(position);
         if (verbose) {
             AR_LOG_VERBOSE("searching intersection: value %f d %f currentPos %f %f %f", value, d,
                            position(0), position(1), position(2));

@@ -197,26 +197,6 @@ float VolumeGrid<B, P, L>::value(const Vec3& p, KeyType& key) const {
 }
 
 template <typename B, template <typename> class P, typename L>
-float VolumeGrid<B, P, L>::PathReader::value(const Vec3& p, KeyType& key) {
-    key = mGrid.keyOf(p);
-    if (!mValid || !(key == mKey)) {
-        if (mBlockLock.owns_lock()) {
-            mBlockLock.unlock();
-        }
-        mEntry = mSnapshot != nullptr ? mSnapshot->find(key) : mGrid.findEntry(key);
-        mKey = key;
-        mValid = true;
-        if (mEntry != nullptr) {
-            mBlockLock = std::unique_lock<std::mutex>(*mEntry->mutex);
-        }
-    }
-    if (mEntry == nullptr) {
-        return kUnobservedValue;
-    }
-    return mEntry->block.val(mGrid.localPosition(p, key));
-}
-
-template <typename B, template <typename> class P, typename L>
 const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::findEntry(
     const KeyType& key) const {
     AR::Common::ReadLockGuard<L> guard(mLock);
@@ -247,7 +227,7 @@ VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
     }
     mMask = capacity - 1;
     for (const auto& item : grid.mGrid) {
-        uint32_t slot = slotOf(item.first);
+        uint32_t slot = mixBlockKey(item.first) & mMask;
         while (mEntries.data()[slot] != nullptr) {
             slot = (slot + 1) & mMask;
         }
@@ -256,27 +236,6 @@ VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
         for (int a = 0; a < 3; ++a) {
             mMinKey(a) = std::min(mMinKey(a), item.first(a));
             mMaxKey(a) = std::max(mMaxKey(a), item.first(a));
-        }
-    }
-}
-
-template <typename B, template <typename> class P, typename L>
-uint32_t VolumeGrid<B, P, L>::TableSnapshot::slotOf(const KeyType& key) const {
-    return mixBlockKey(key) & mMask;
-}
-
-template <typename B, template <typename> class P, typename L>
-const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::TableSnapshot::find(
-    const KeyType& key) const {
-    for (int a = 0; a < 3; ++a) {
-        if (key(a) < mMinKey(a) || key(a) > mMaxKey(a)) {
-            return nullptr;
-        }
-    }
-    for (uint32_t slot = slotOf(key);; slot = (slot + 1) & mMask) {
-        const Entry* entry = mEntries.data()[slot];
-        if (entry == nullptr || mKeys.data()[slot] == key) {
-            return entry;
         }
     }
 }
@@ -317,12 +276,9 @@ std::optional<typename VolumeGrid<B, P, L>::SampleType> VolumeGrid<B, P, L>::get
     template Vec3 G::blockOrigin(const KeyType&) const;          \
     template Vec3 G::localPosition(const Vec3&, const KeyType&) const;
 
-#define VELMORA_INSTANTIATE_GRID_VALUES(G)                                 \
-    template float G::value(const Vec3&, KeyType&) const;                  \
-    template float G::PathReader::value(const Vec3&, KeyType&);            \
-    template G::TableSnapshot::TableSnapshot(const G&);                    \
-    template const G::Entry* G::TableSnapshot::find(const KeyType&) const; \
-    template uint32_t G::TableSnapshot::slotOf(const KeyType&) const;      \
+#define VELMORA_INSTANTIATE_GRID_VALUES(G)                \
+    template float G::value(const Vec3&, KeyType&) const; \
+    template G::TableSnapshot::TableSnapshot(const G&);   \
     template bool G::valueAndGradient(const Vec3&, float&, Vec3&) const;
 
 #define VELMORA_INSTANTIATE_GRID_SAMPLES(G) \

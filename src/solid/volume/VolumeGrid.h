@@ -146,6 +146,7 @@ public:
     using SampleType = typename BlockType::SampleType;
     using Ptr = PtrType<BlockType>;
     using Entry = typename Ptr::Entry;
+    using Lock = GridLockType;
     using Table = std::unordered_map<KeyType, Entry, AR::Common::hash<KeyType>>;
 
     VolumeGrid();
@@ -183,40 +184,26 @@ public:
     public:
         explicit TableSnapshot(const VolumeGrid& grid);
         // The entry of `key`, or null.
-        const Entry* find(const KeyType& key) const;
+        const Entry* find(const KeyType& key) const {
+            for (int a = 0; a < 3; ++a) {
+                if (key(a) < mMinKey(a) || key(a) > mMaxKey(a)) {
+                    return nullptr;
+                }
+            }
+            for (uint32_t slot = mixBlockKey(key) & mMask;; slot = (slot + 1) & mMask) {
+                const Entry* entry = mEntries.data()[slot];
+                if (entry == nullptr || mKeys.data()[slot] == key) {
+                    return entry;
+                }
+            }
+        }
 
     private:
-        uint32_t slotOf(const KeyType& key) const;
-
         AR::Common::Vector<KeyType> mKeys;
         AR::Common::Vector<const Entry*> mEntries;  // null for an empty slot
         uint32_t mMask = 0;
         KeyType mMinKey;  // bounding box of all keys; lookups outside it fail at once
         KeyType mMaxKey;
-    };
-
-    // Reads values along a path, such as a ray. It remembers the block of its last read (or that
-    // there was none), so that reads staying in one block skip the table, and it keeps that
-    // block's mutex until the path leaves the block or the reader goes away (it never holds it
-    // while it looks up another block). Blocks never move or vanish while the grid lives (`reset`
-    // must not run beside readers), so a remembered block stays valid. A block created while a
-    // reader remembers its absence is seen from the next block on, as if the lookup had happened
-    // a moment earlier. Lookups go to `snapshot` when one is given, else to the table under the
-    // read lock. One reader per thread.
-    class PathReader {
-    public:
-        explicit PathReader(const VolumeGrid& grid, const TableSnapshot* snapshot = nullptr)
-            : mGrid(grid), mSnapshot(snapshot) {}
-        // As `VolumeGrid::value`.
-        float value(const Vec3& p, KeyType& key);
-
-    private:
-        const VolumeGrid& mGrid;
-        const TableSnapshot* mSnapshot;
-        KeyType mKey;
-        const Entry* mEntry = nullptr;
-        std::unique_lock<std::mutex> mBlockLock;  // of mEntry, while there is one
-        bool mValid = false;                      // mKey and mEntry describe a lookup
     };
 
     // The entry of `key` (block and mutex, the mutex not taken), found under the read lock, or

@@ -111,6 +111,14 @@ TYPED_TEST(BlockPlaneFit, BlocksWithoutAPlaneLoseTheirLeaf) {
     EXPECT_EQ(this->detector->getNodeID(this->key), PlaneDetector::INVALID);
     EXPECT_EQ(this->detector->numLeafNodes(), 0u);
     EXPECT_TRUE(this->detector->blockSamples().at(this->key).empty());
+    // A band narrower than two samples (a loaded volume may bring a coarser spacing) fits
+    // nothing, and it is no error either.
+    Velmora::Test::writeExactBlocks(this->grid, planeScene(up, {0.0, 0.0, 0.2}), kTruncation,
+                                    {this->key});
+    PlaneDetector narrow;
+    narrow.configure(2.0f * kCellSize, kAnyStdError, kMaxAngle, 2, 0.0f);
+    narrow.fitPlanes(this->grid, blocks);
+    EXPECT_EQ(narrow.numLeafNodes(), 0u);
     // A block that does not exist is dropped as well, and it is no error.
     blocks.insert(Solid::KeyType(7, 7, 7));
     this->detector->fitPlanes(this->grid, blocks);

@@ -1,0 +1,342 @@
+// The queries of the fuzz harnesses: each call with arguments from the input, checked against
+// what the public header promises for any argument. The harness is a careful host: it follows
+// the two-call protocols, never asks for texture coordinates (a request the library refuses by
+// aborting), never passes a zero reference direction to placement (for which the header defines
+// an abort), and lays out mesh buffers it really owns.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "common/Logger.h"
+#include "fuzz/FuzzHarness.h"
+#include "fuzz/FuzzInput.h"
+#include "velmora/Impl.h"
+
+namespace Velmora {
+namespace Fuzz {
+
+namespace {
+
+// Ranges of ordinary query arguments, metres: around and inside a small room at the origin.
+constexpr float kTypicalCoordinateLo = -2.0f;
+constexpr float kTypicalCoordinateHi = 6.0f;
+constexpr float kTypicalDistanceHi = 3.0f;
+// The largest |q^2 - 1| of a placement orientation that counts as unit length.
+constexpr float kUnitQuaternionTolerance = 1e-3f;
+// Number of distinct query kinds of runQuery, and the kind that is getPlanes.
+constexpr int kQueryKinds = 8;
+constexpr int kPlanesQuery = 5;
+
+enum Attribute : uint32_t {
+    kPosition = 0,
+    kColour = 1,
+    kTexCoord = 2,
+    kInstanceId = 3,
+    kIndex = 4,
+};
+constexpr uint32_t kElementSize[] = {12, 16, 8, 2, 4};
+
+XrVector3fVLM anyPoint(FuzzInput& in) {
+    return {in.anyFloat(kTypicalCoordinateLo, kTypicalCoordinateHi),
+            in.anyFloat(kTypicalCoordinateLo, kTypicalCoordinateHi),
+            in.anyFloat(kTypicalCoordinateLo, kTypicalCoordinateHi)};
+}
+
+XrVector3fVLM anyDirection(FuzzInput& in) {
+    return {in.anyFloat(-1.0f, 1.0f), in.anyFloat(-1.0f, 1.0f), in.anyFloat(-1.0f, 1.0f)};
+}
+
+bool finite(const XrVector3fVLM& v) {
+    return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
+}
+
+void checkIntersection(const IntersectionResult& r) {
+    fuzzCheck(r.collision >= 0 && r.collision <= 2, "collision outcome outside 0..2");
+}
+
+void placement(Impl& scene, FuzzInput& in) {
+    const XrVector3fVLM start = anyPoint(in);
+    const XrVector3fVLM direction = anyDirection(in);
+    XrVector3fVLM reference = anyDirection(in);
+    if (reference.x == 0.0f && reference.y == 0.0f && reference.z == 0.0f) {
+        reference = {0.0f, 0.0f, 1.0f};
+    }
+    const float maxDistance = in.anyFloat(0.0f, kTypicalDistanceHi);
+    PlacementInfo info{};
+    const XrResultVLM r = scene.getPlacementInfo(start, direction, reference, info, maxDistance);
+    fuzzCheck(r == kSuccess || r == kErrorDirectionZero || r == kErrorInvalidArgument,
+              "getPlacementInfo result code");
+    if (r == kSuccess && info.result != 0) {
+        const XrQuaternionfVLM& q = info.poseLocalToWorld.orientation;
+        const float norm = q.x * q.x + q.y * q.y + q.z * q.z + q.w * q.w;
+        fuzzCheck(std::fabs(norm - 1.0f) < kUnitQuaternionTolerance,
+                  "placement orientation not of unit length");
+        fuzzCheck(finite(info.poseLocalToWorld.position), "placement position not finite");
+    }
+}
+
+// Instance ids handed out by the last getObjectInstances of the current input, for instance
+// meshes.
+std::vector<UuidBytes>& knownInstances() {
+    static std::vector<UuidBytes> uuids;
+    return uuids;
+}
+
+void instances(Impl& scene) {
+    span<ObjectInstance> none{};
+    span<SubsumedLink> noLinks{};
+    XrResultVLM r = scene.getObjectInstances(none, noLinks);
+    fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getObjectInstances count call");
+    std::vector<ObjectInstance> table(none.size);
+    std::vector<SubsumedLink> links(noLinks.size);
+    span<ObjectInstance> all{table.empty() ? nullptr : table.data(), uint32_t(table.size())};
+    span<SubsumedLink> allLinks{links.empty() ? nullptr : links.data(), uint32_t(links.size())};
+    r = scene.getObjectInstances(all, allLinks);
+    // Nothing changed between the calls, so the counts of the first one suffice.
+    fuzzCheck(r == kSuccess, "getObjectInstances with the capacities it asked for");
+    knownInstances().clear();
+    for (const ObjectInstance& instance : table) {
+        knownInstances().push_back(instance.uuid);
+    }
+}
+
+void planes(Impl& scene) {
+    span<Planef> none{};
+    span<SubsumedLink> noLinks{};
+    XrResultVLM r = scene.getPlanes(none, noLinks);
+    if (r == kErrorPlanesDisabled) {
+        return;
+    }
+    fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getPlanes count call");
+    std::vector<Planef> table(none.size);
+    std::vector<SubsumedLink> links(noLinks.size);
+    span<Planef> all{table.empty() ? nullptr : table.data(), uint32_t(table.size())};
+    span<SubsumedLink> allLinks{links.empty() ? nullptr : links.data(), uint32_t(links.size())};
+    r = scene.getPlanes(all, allLinks);
+    fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getPlanes contour count call");
+    std::vector<std::vector<XrVector3fVLM>> contours(table.size());
+    for (size_t i = 0; i < table.size(); ++i) {
+        contours[i].resize(table[i].vertexCount);
+        table[i].vertices = contours[i].empty() ? nullptr : contours[i].data();
+    }
+    r = scene.getPlanes(all, allLinks);
+    fuzzCheck(r == kSuccess, "getPlanes with the capacities it asked for");
+    for (const Planef& plane : table) {
+        const float n = plane.plane[0] * plane.plane[0] + plane.plane[1] * plane.plane[1] +
+                        plane.plane[2] * plane.plane[2];
+        fuzzCheck(std::fabs(n - 1.0f) < kUnitQuaternionTolerance, "plane normal not unit");
+    }
+}
+
+UuidBytes meshId(FuzzInput& in) {
+    UuidBytes uuid{};
+    const int choice = in.byte() % 4;
+    if (choice == 1 && !knownInstances().empty()) {
+        uuid = knownInstances()[in.byte() % knownInstances().size()];
+    } else if (choice == 2) {
+        for (uint8_t& b : uuid) {
+            b = in.byte();
+        }
+    }
+    return uuid;
+}
+
+TextureQuality anyQuality(FuzzInput& in) {
+    TextureQuality quality{};
+    quality.vertexColors = in.flag();
+    quality.removeUnseenVertices = in.byte() % 2;
+    return quality;
+}
+
+void checkMesh(const std::vector<XrVector3fVLM>& positions, const std::vector<uint32_t>& indices) {
+    fuzzCheck(indices.size() % 3 == 0, "index count not a multiple of three");
+    for (uint32_t index : indices) {
+        fuzzCheck(index < positions.size(), "mesh index beyond the positions");
+    }
+    for (const XrVector3fVLM& p : positions) {
+        fuzzCheck(finite(p), "mesh position not finite");
+    }
+}
+
+bool meshResultExpected(XrResultVLM r) {
+    return r == kSuccess || r == kErrorBufferTooSmall || r == kErrorInstanceMeshDisabled ||
+           r == kErrorUnknownInstance;
+}
+
+void meshArrays(Impl& scene, FuzzInput& in) {
+    const bool annotate = in.flag();
+    const UuidBytes uuid = meshId(in);
+    const TextureQuality quality = anyQuality(in);
+    PolygonMesh counts{};
+    XrResultVLM r = scene.extractSurface(counts, annotate, uuid, quality);
+    fuzzCheck(meshResultExpected(r), "extractSurface count call");
+    if (r != kSuccess && r != kErrorBufferTooSmall) {
+        return;
+    }
+    std::vector<XrVector3fVLM> positions(counts.positionCount);
+    std::vector<uint32_t> indices(counts.indexCount);
+    std::vector<uint16_t> ids(annotate ? counts.instanceIdCount : 0);
+    std::vector<XrColor4fVLM> colours(quality.vertexColors ? counts.colorCount : 0);
+    PolygonMesh mesh{};
+    mesh.positions = positions.data();
+    mesh.positionCount = uint32_t(positions.size());
+    mesh.indices = indices.data();
+    mesh.indexCount = uint32_t(indices.size());
+    mesh.instanceIds = ids.data();
+    mesh.instanceIdCount = uint32_t(ids.size());
+    mesh.colors = colours.data();
+    mesh.colorCount = uint32_t(colours.size());
+    r = scene.extractSurface(mesh, annotate, uuid, quality);
+    fuzzCheck(r == kSuccess, "extractSurface with the capacities it asked for");
+    fuzzCheck(mesh.positionCount == positions.size() && mesh.indexCount == indices.size(),
+              "extractSurface counts changed without a frame");
+    checkMesh(positions, indices);
+}
+
+// The buffer form in one of two layouts a host would use: one buffer per attribute, or positions
+// and colours interleaved in one; the indices follow in a call of their own.
+void meshBuffers(Impl& scene, FuzzInput& in) {
+    const bool annotate = in.flag();
+    const UuidBytes uuid = meshId(in);
+    const TextureQuality quality = anyQuality(in);
+    const bool separate = in.flag();
+
+    std::vector<PolygonMeshBufferDescriptor> descriptors;
+    auto describe = [&](uint32_t attribute, uint32_t buffer, uint32_t offset, uint32_t stride) {
+        descriptors.push_back({attribute, buffer, offset, kElementSize[attribute], stride});
+    };
+    std::vector<PolygonMeshBuffer> buffers;
+    if (separate) {
+        buffers.resize(3);
+        describe(kPosition, 0, 0, kElementSize[kPosition]);
+        describe(kInstanceId, 1, 0, kElementSize[kInstanceId]);
+        describe(kColour, 2, 0, kElementSize[kColour]);
+    } else {
+        buffers.resize(1);
+        describe(kPosition, 0, 0, kElementSize[kPosition] + kElementSize[kColour]);
+        describe(kColour, 0, kElementSize[kPosition],
+                 kElementSize[kPosition] + kElementSize[kColour]);
+    }
+    span<const PolygonMeshBufferDescriptor> described{descriptors.data(),
+                                                      uint32_t(descriptors.size())};
+    span<PolygonMeshBuffer> owned{buffers.data(), uint32_t(buffers.size())};
+    XrResultVLM r = scene.extractSurface(described, owned, annotate, uuid, quality);
+    fuzzCheck(meshResultExpected(r), "extractSurface buffer count call");
+    if (r != kErrorBufferTooSmall) {
+        return;
+    }
+    const uint32_t vertexCount = buffers[0].vertexCount;
+    // An index copy of a mesh without triangles is refused by aborting, so indices are asked for
+    // only when the positions show a surface; they are counted in a call of their own.
+    std::vector<PolygonMeshBuffer> indexBuffer(1);
+    std::vector<PolygonMeshBufferDescriptor> indexDescriptor{
+        {kIndex, 0, 0, kElementSize[kIndex], kElementSize[kIndex]}};
+    uint32_t indexCount = 0;
+    if (vertexCount > 0) {
+        r = scene.extractSurface({indexDescriptor.data(), 1}, {indexBuffer.data(), 1}, annotate,
+                                 uuid, quality);
+        fuzzCheck(r == kErrorBufferTooSmall, "extractSurface index count call");
+        indexCount = indexBuffer[0].indexCount;
+    }
+    std::vector<std::vector<uint8_t>> storage(buffers.size());
+    for (size_t b = 0; b < buffers.size(); ++b) {
+        uint32_t bytes = 0;
+        for (const PolygonMeshBufferDescriptor& d : descriptors) {
+            if (d.bufferIndex == b) {
+                bytes += d.elementSize * vertexCount;
+            }
+        }
+        storage[b].resize(bytes + 1);
+        buffers[b].data = storage[b].data();
+        buffers[b].size = bytes;
+    }
+    r = scene.extractSurface(described, owned, annotate, uuid, quality);
+    fuzzCheck(r == kSuccess, "extractSurface buffers with the capacities it asked for");
+    if (indexCount > 0) {
+        std::vector<uint32_t> indices(indexCount);
+        indexBuffer[0].data = indices.data();
+        indexBuffer[0].size = indexCount * kElementSize[kIndex];
+        r = scene.extractSurface({indexDescriptor.data(), 1}, {indexBuffer.data(), 1}, annotate,
+                                 uuid, quality);
+        fuzzCheck(r == kSuccess, "extractSurface indices with the capacity asked for");
+        for (uint32_t index : indices) {
+            fuzzCheck(index < vertexCount, "buffer index beyond the positions");
+        }
+    }
+}
+
+void runQueryOfKind(Impl& scene, FuzzInput& in, int kind) {
+    switch (kind) {
+        case 0:
+            checkIntersection(
+                scene.intersectPoint(anyPoint(in), in.anyFloat(0.0f, kTypicalDistanceHi)));
+            break;
+        case 1: {
+            const XrVector3fVLM centre = anyPoint(in);
+            const XrVector3fVLM size = anyDirection(in);
+            checkIntersection(
+                scene.intersectAxisAlignedBox(centre, size, in.anyFloat(0.0f, kTypicalDistanceHi)));
+            break;
+        }
+        case 2: {
+            const XrVector3fVLM centre = anyPoint(in);
+            const float radius = in.anyFloat(0.0f, 1.0f);
+            checkIntersection(
+                scene.intersectSphere(centre, radius, in.anyFloat(0.0f, kTypicalDistanceHi)));
+            break;
+        }
+        case 3:
+            placement(scene, in);
+            break;
+        case 4:
+            instances(scene);
+            break;
+        case kPlanesQuery:
+            planes(scene);
+            break;
+        case 6:
+            meshArrays(scene, in);
+            break;
+        default:
+            meshBuffers(scene, in);
+            break;
+    }
+}
+
+}  // namespace
+
+QuietLog::QuietLog() : mPreviousLevel(AR::Common::Logger::getInstance().getLevel()) {
+    AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::LEVEL_NONE);
+}
+
+QuietLog::~QuietLog() {
+    AR::Common::Logger::getInstance().setLevel(mPreviousLevel);
+}
+
+void fuzzCheck(bool condition, const char* what) {
+    if (!condition) {
+        std::fprintf(stderr, "fuzz harness: broken promise: %s\n", what);
+        std::abort();
+    }
+}
+
+void forgetInstances() {
+    knownInstances().clear();
+}
+
+void runQuery(Impl& scene, FuzzInput& in) {
+    runQueryOfKind(scene, in, in.byte() % kQueryKinds);
+}
+
+void runEveryQuery(Impl& scene, FuzzInput& in, bool withPlanes) {
+    for (int kind = 0; kind < kQueryKinds; ++kind) {
+        if (kind == kPlanesQuery && !withPlanes) {
+            continue;
+        }
+        runQueryOfKind(scene, in, kind);
+    }
+}
+
+}  // namespace Fuzz
+}  // namespace Velmora
