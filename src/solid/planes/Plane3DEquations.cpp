@@ -56,7 +56,11 @@ Plane3DEquations<T>::Plane3DEquations(const MatrixX& X, const VectorX& s) : Plan
 template <typename T>
 bool Plane3DEquations<T>::solve(Plane& plane) const {
     AR_ASSERT(mNumSamples >= 3);
-    AR_ASSERT(AR::Math::norm(mXts) > T(0));
+    // Samples that all lie on the surface (every distance 0, as legal frames can leave them) give
+    // a zero right-hand side: no plane follows from them, which is an answer, not an error.
+    if (!(AR::Math::norm(mXts) > T(0))) {
+        return false;
+    }
     AR::Math::LU<T, 4> lu;
     lu.compute(mXtX);
     AR::Math::Vector<T, 4> p;

@@ -20,7 +20,6 @@ using Camera = TextureExtractor::Camera;
 constexpr float kDegreesToRadians = 0.017453292f;
 constexpr float kMinProjectionDepth = 0.01f;  // metres in front of the camera
 constexpr float kMillimetresToMetres = 0.001f;
-constexpr float kByteToUnit = 1.0f / 255.0f;
 
 // What one frame sees of one vertex.
 struct VertexView {
