@@ -70,6 +70,9 @@ private:
     // (0: the whole scene) up to date.
     XrResultVLM extractSurface(bool annotate, const unsigned short& instanceId,
                                const TextureQuality& quality);
+    // Its colour step: block meshes of `instanceId` whose colours do not match their vertices
+    // are coloured from the kept colour frames, when `quality` asks for vertex colours.
+    XrResultVLM colorMeshes(uint16_t instanceId, const TextureQuality& quality);
 
     bool mInitialized = false;      // guarded by mInitMutex
     std::string mVersion;           // the text of getVersion

@@ -150,7 +150,7 @@ struct Image {
 
 struct TextureQuality {
     bool vertexColors;             // compute a colour per vertex
-    bool textureCoordinates;       // not supported: requesting texture coordinates aborts
+    bool textureCoordinates;       // not supported: the coordinates are left empty
     uint8_t removeUnseenVertices;  // non-zero deletes vertices that received no colour
 };
 

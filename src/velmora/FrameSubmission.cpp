@@ -247,6 +247,12 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
         if (!indexOfDepthLabelColorImages(images, depthIdx, labelIdx, colorIdx)) {
             return kErrorInvalidArgument;
         }
+        // Labels are read at the depth pixels' own coordinates, so a label image of another
+        // size cannot be aligned with its depth image.
+        if (images.data[labelIdx].width != images.data[depthIdx].width ||
+            images.data[labelIdx].height != images.data[depthIdx].height) {
+            return kErrorImageInvalid;
+        }
         if (colorIdx >= 0 &&
             !colourFrameAcceptable(s, intrinsics, images.data[colorIdx], images.data[depthIdx])) {
             return kErrorIntrinsicsInvalid;

@@ -40,6 +40,15 @@ struct SurfaceExtraction {
     Solid::PolygonMesh getMergedMesh(uint16_t id);
     Solid::MeshGridType getMeshGrid(uint16_t id);
     void setMeshGrid(uint16_t id, const Solid::MeshGridType& grid);
+    // Under meshMutex: puts each coloured block mesh of `id` in place of the cached one, but only
+    // where the cache still holds the geometry that was coloured (the same position stream); a
+    // block re-meshed or a grid dropped meanwhile by another request keeps the newer state.
+    struct ColoredBlock {
+        Solid::KeyType key;
+        const void* positions;  // identity of the coloured geometry
+        Solid::PolygonMesh mesh;
+    };
+    void putColoredBlocks(uint16_t id, const std::vector<ColoredBlock>& blocks);
 };
 
 // Colour frames kept for texturing, with the two camera models set from the first of them.

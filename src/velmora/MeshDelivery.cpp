@@ -8,6 +8,7 @@
 
 #include "common/Trace.h"
 #include "solid/surface/IncrementalExtraction.h"
+#include "solid/surface/TextureExtractor.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 #include "velmora/ObjectIds.h"
@@ -18,6 +19,12 @@ namespace {
 
 // Bytes of one element of each buffer attribute, by attribute value.
 constexpr uint32_t kElementSize[kNumBufferAttributes] = {12, 16, 8, 2, 4};
+
+// What the colour step accepts of a keyframe: a vertex whose depth in a frame differs by more
+// than this share from what the frame measured is hidden there (2 %), and one seen at more than
+// this angle (degrees) from its normal is not coloured by it.
+constexpr float kTextureMaxDepthError = 0.02f;
+constexpr float kTextureMaxViewAngleDegrees = 120.0f;
 
 struct AttributeCounts {
     uint32_t value[kNumBufferAttributes];
@@ -45,6 +52,20 @@ void SurfaceExtraction::setMeshGrid(uint16_t id, const Solid::MeshGridType& grid
     stored.max_load_factor(maxLoadFactor);
 }
 
+void SurfaceExtraction::putColoredBlocks(uint16_t id, const std::vector<ColoredBlock>& blocks) {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    const auto grid = surfaceMeshes.find(id);
+    if (grid == surfaceMeshes.end()) {
+        return;
+    }
+    for (const ColoredBlock& block : blocks) {
+        const auto cached = grid->second.find(block.key);
+        if (cached != grid->second.end() && cached->second.findPositions() == block.positions) {
+            cached->second = block.mesh;
+        }
+    }
+}
+
 XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId,
                                  const TextureQuality& quality) {
     AR::Common::ScopedTrace trace("extractSurface");
@@ -57,6 +78,7 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
     }
     SurfaceExtraction& surfaces = s.mSurfaces;
     Solid::IndexSet localBlocks;
+    bool upToDate = false;
     {
         std::lock_guard<std::mutex> updatedLock(surfaces.updatedBlocksMutex);
         std::lock_guard<std::mutex> meshLock(surfaces.meshMutex);
@@ -70,23 +92,28 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
             AR_ASSERT(surfaces.surfaceMeshes.size() <= 1);
         }
         const bool sceneBehind = instanceId == 0 && !surfaces.sceneMissedBlocks.empty();
-        if (!changed && !sceneBehind && surfaces.surfaceMeshes.count(instanceId) != 0) {
-            return kSuccess;  // up to date; colours are the business of the texture step
-        }
-        localBlocks.swap(surfaces.updatedBlocks);
-        AR_ASSERT(surfaces.updatedBlocks.empty());
-        // An instance consumes the change for every grid, but the whole-scene grid has not
-        // seen it: remember the blocks for it, so that they are re-meshed on its next request.
-        if (instanceId != 0) {
-            for (const Solid::KeyType& key : localBlocks) {
-                surfaces.sceneMissedBlocks.insert(key);
+        upToDate = !changed && !sceneBehind && surfaces.surfaceMeshes.count(instanceId) != 0;
+        if (!upToDate) {
+            localBlocks.swap(surfaces.updatedBlocks);
+            AR_ASSERT(surfaces.updatedBlocks.empty());
+            // An instance consumes the change for every grid, but the whole-scene grid has not
+            // seen it: remember the blocks for it, so that they are re-meshed on its next request.
+            if (instanceId != 0) {
+                for (const Solid::KeyType& key : localBlocks) {
+                    surfaces.sceneMissedBlocks.insert(key);
+                }
+            } else {
+                for (const Solid::KeyType& key : surfaces.sceneMissedBlocks) {
+                    localBlocks.insert(key);
+                }
+                surfaces.sceneMissedBlocks.clear();
             }
-        } else {
-            for (const Solid::KeyType& key : surfaces.sceneMissedBlocks) {
-                localBlocks.insert(key);
-            }
-            surfaces.sceneMissedBlocks.clear();
         }
+    }
+    if (upToDate) {
+        // The geometry is; colours may still be missing (a first colour request, or keyframes
+        // that arrived after the meshing).
+        return colorMeshes(instanceId, quality);
     }
     {
         AR::Common::ScopedTrace meshingTrace("extractSurface");
@@ -107,9 +134,59 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
         }
         surfaces.setMeshGrid(instanceId, localGrid);
     }
-    // TODO(#18): vertex colours from the keyframes when quality.vertexColors is set; until then
-    // the colour stream stays empty. Texture coordinates are never produced.
-    static_cast<void>(quality);
+    return colorMeshes(instanceId, quality);
+}
+
+XrResultVLM Impl::colorMeshes(uint16_t instanceId, const TextureQuality& quality) {
+    // Texture coordinates would need a texture atlas, which the library does not build; asking
+    // for them is legal, so they are left empty rather than attempted.
+    if (!quality.vertexColors) {
+        return kSuccess;
+    }
+    AR::Common::ScopedTrace trace("extractTexture");
+    State& s = *mState;
+    SurfaceExtraction& surfaces = s.mSurfaces;
+    Solid::MeshGridType localGrid = surfaces.getMeshGrid(instanceId);
+    std::vector<Solid::RGBDFrame> keyframes;
+    AR::CV::Camera<float> colorCamera;
+    AR::CV::Camera<float> depthCamera;
+    {
+        std::lock_guard<std::mutex> lock(s.mTexture.mutex);
+        keyframes = s.mTexture.keyframes;
+        colorCamera = s.mTexture.colorCalib;
+        depthCamera = s.mTexture.depthCalib;
+    }
+    if (keyframes.empty()) {
+        return kSuccess;
+    }
+    Solid::TextureExtractor::Config config;
+    config.maxDepthError = kTextureMaxDepthError;
+    config.maxViewAngle = kTextureMaxViewAngleDegrees;
+    config.maxLostTriangles = 0;
+    config.removeUnseenVertices = quality.removeUnseenVertices;
+    Solid::TextureExtractor extractor(config, colorCamera, depthCamera);
+    // `localGrid` keeps the coloured geometry alive, so its stream addresses stay unique until
+    // the write-back has compared them.
+    std::vector<SurfaceExtraction::ColoredBlock> colored;
+    for (const auto& entry : localGrid) {
+        const Solid::PolygonMesh::Positions* positions = entry.second.findPositions();
+        const Solid::PolygonMesh::Colors* colors = entry.second.findColors();
+        const size_t numPositions = positions == nullptr ? 0 : positions->size();
+        const size_t numColors = colors == nullptr ? 0 : colors->size();
+        if (numColors == numPositions) {
+            continue;  // coloured when it was last meshed, or empty
+        }
+        // The cached block mesh shares its streams with copies other readers may hold: colour a
+        // copy of its own and put that in its place.
+        SurfaceExtraction::ColoredBlock block{entry.first, positions, Solid::PolygonMesh()};
+        Solid::appendMesh(entry.second, block.mesh);
+        AR::Common::Map<int, Solid::PolygonMesh*> textureMeshes;
+        extractor.computeTextures(keyframes, block.mesh, textureMeshes, false);
+        colored.push_back(std::move(block));
+    }
+    if (!colored.empty()) {
+        surfaces.putColoredBlocks(instanceId, colored);
+    }
     return kSuccess;
 }
 

@@ -274,6 +274,114 @@ TEST_P(MeshDeliveryTest, OnlyChangedBlocksAreRemeshedAndNoneIsLost) {
     EXPECT_EQ(cached.findPositions()->size(), expected.findPositions()->size());
 }
 
+// Colour frames from two of the depth views: in combined mode with their depth and labels, in
+// split mode alone.
+void addColourFrames(IVelmora& scene, int32_t mode, const AnalyticScene& world) {
+    for (const Velmora::Test::Vec3d& eye :
+         {Velmora::Test::Vec3d{-0.6, -0.6, 1.4}, Velmora::Test::Vec3d{1.8, 1.8, 1.4}}) {
+        const PinholeCamera camera = viewFrom(eye, {0.5, 0.5, 0.1});
+        const Test::RenderedFrame frame = Test::render(world, camera);
+        std::vector<Image> images = {frame.colorImage()};
+        if (mode == kCombined) {
+            images.push_back(frame.depthImage());
+            images.push_back(frame.labelImage());
+        }
+        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(),
+                                     {images.data(), static_cast<uint32_t>(images.size())}),
+                  kSuccess);
+    }
+}
+
+// The whole scene's positions and colours; texture coordinates are asked for and come empty.
+void readColouredMesh(IVelmora& scene, uint8_t removeUnseen, std::vector<XrVector3fVLM>& positions,
+                      std::vector<XrColor4fVLM>& colors) {
+    TextureQuality quality{};
+    quality.vertexColors = true;
+    quality.textureCoordinates = true;
+    quality.removeUnseenVertices = removeUnseen;
+    PolygonMesh mesh{};
+    ASSERT_EQ(scene.extractSurface(mesh, false, kWholeScene, quality), kErrorBufferTooSmall);
+    EXPECT_EQ(mesh.texCoordCount, 0u);
+    positions.resize(mesh.positionCount);
+    colors.resize(mesh.colorCount);
+    std::vector<uint32_t> indices(mesh.indexCount);
+    mesh.positions = positions.data();
+    mesh.colors = colors.data();
+    mesh.indices = indices.data();
+    ASSERT_EQ(scene.extractSurface(mesh, false, kWholeScene, quality), kSuccess);
+}
+
+// The box's top shows the box's colour and the open floor the floor's; a second request keeps
+// the colours of blocks that were not re-meshed; vertices no colour frame saw (the fixture's
+// other two views see floor the colour views do not) are dropped on request, and only they.
+TEST_P(MeshDeliveryTest, VertexColoursComeFromTheColourFrames) {
+    addColourFrames(*scene, GetParam(), world);
+    // Returns the number of vertices no colour frame saw.
+    const auto checkColours = [](const std::vector<XrVector3fVLM>& positions,
+                                 const std::vector<XrColor4fVLM>& colors) {
+        EXPECT_EQ(colors.size(), positions.size());
+        int boxTop = 0;
+        int floor = 0;
+        int floorWrong = 0;
+        size_t unseen = 0;
+        for (size_t v = 0; v < std::min(positions.size(), colors.size()); ++v) {
+            const XrVector3fVLM& p = positions[v];
+            const XrColor4fVLM& c = colors[v];
+            if (c.a <= 0.0f) {
+                ++unseen;
+                continue;
+            }
+            // Away from the box's edges, where a corner's pixel may fall on the other object.
+            if (std::fabs(p.z - 0.4f) < 0.02f && p.x > 0.4f && p.x < 0.6f && p.y > 0.4f &&
+                p.y < 0.6f) {
+                EXPECT_NEAR(c.r, 200 / 255.0, 0.01);
+                EXPECT_NEAR(c.g, 50 / 255.0, 0.01);
+                ++boxTop;
+            }
+            if (std::fabs(p.z) < 0.02f && (p.x < 0.1f || p.y < 0.1f) && p.x > -0.3f &&
+                p.y > -0.3f) {
+                const bool floorColour =
+                    std::fabs(c.r - 120 / 255.0) < 0.01 && std::fabs(c.b - 120 / 255.0) < 0.01;
+                floorWrong += floorColour ? 0 : 1;
+                ++floor;
+            }
+        }
+        EXPECT_GT(boxTop, 10);
+        EXPECT_GT(floor, 10);
+        // Split mode tests depth against what the volume shows, which at the box's outline may
+        // let a floor vertex behind it through: one in a hundred at the most.
+        EXPECT_LE(floorWrong, floor / 100) << "of " << floor;
+        return unseen;
+    };
+    std::vector<XrVector3fVLM> positions;
+    std::vector<XrColor4fVLM> colors;
+    readColouredMesh(*scene, 0, positions, colors);
+    const size_t unseen = checkColours(positions, colors);
+    ASSERT_GT(unseen, 0u);
+    // A new depth frame re-meshes part of the room: those blocks are coloured again, the others
+    // keep theirs, and colours stay aligned with their vertices.
+    fuse(*scene, GetParam(), world, viewFrom({0.5, -1.0, 1.2}, {0.5, 0.5, 0.1}));
+    std::vector<XrVector3fVLM> again;
+    std::vector<XrColor4fVLM> againColors;
+    readColouredMesh(*scene, 0, again, againColors);
+    checkColours(again, againColors);
+
+    std::unique_ptr<Impl> pruned = makeScene(GetParam());
+    for (const Velmora::Test::Vec3d& eye :
+         {Velmora::Test::Vec3d{-0.6, -0.6, 1.4}, Velmora::Test::Vec3d{1.8, -0.6, 1.4},
+          Velmora::Test::Vec3d{1.8, 1.8, 1.4}, Velmora::Test::Vec3d{-0.6, 1.8, 1.4}}) {
+        fuse(*pruned, GetParam(), world, viewFrom(eye, {0.5, 0.5, 0.1}));
+    }
+    addColourFrames(*pruned, GetParam(), world);
+    std::vector<XrVector3fVLM> kept;
+    std::vector<XrColor4fVLM> keptColors;
+    readColouredMesh(*pruned, 1, kept, keptColors);
+    EXPECT_EQ(kept.size(), positions.size() - unseen);
+    for (const XrColor4fVLM& c : keptColors) {
+        ASSERT_GT(c.a, 0.0f);
+    }
+}
+
 TEST(MeshDeliveryResults, CodesAndCounts) {
     PolygonMesh mesh{};
     std::unique_ptr<Impl> fresh(static_cast<Impl*>(newVelmora()));

@@ -117,6 +117,10 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
     Image brokenColour = colour;
     brokenColour.pixelData = nullptr;
     EXPECT_EQ(submit(*combined, {depth, label, brokenColour}, camera.pose()), kErrorImageInvalid);
+    // Labels narrower than their depth image cannot be read at the depth pixels.
+    Image narrowLabel = label;
+    narrowLabel.width = label.width / 2;
+    EXPECT_EQ(submit(*combined, {depth, narrowLabel}, camera.pose()), kErrorImageInvalid);
     EXPECT_EQ(blockCount(*combined), 0u);
 
     auto unknownMode = makeScene(7);
