@@ -3,11 +3,19 @@
 // at 0.02 m / 0.10 m and at 0.01 m / 0.05 m. Every block of the depth grid is meshed with
 // MarchingCubes into a fresh grid of block meshes; the second benchmark also merges them into
 // the one mesh that a host receives. Counters: blocks, triangles, ns per block and per triangle.
+//
+// Then extractSurface as a host calls it (mesh form, whole scene, the two calls of the two-call
+// protocol) on the room at 0.02 m fused with labels in each run mode: the first request after
+// the 60 frames (cache emptied, every block changed), and a request after one more frame.
 #include <benchmark/benchmark.h>
 
 #include <map>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "solid/surface/MarchingCubes.h"
 #include "velmora/BuiltinScene.h"
@@ -20,10 +28,40 @@ using namespace Velmora;
 
 constexpr size_t kFrames = 60;
 
-// The fused room for a cell size in millimetres; made once per size and kept for all runs.
-Impl& fusedRoom(int cellMm) {
-    static std::map<int, std::unique_ptr<Impl>> rooms;
-    std::unique_ptr<Impl>& room = rooms[cellMm];
+// Submits frame `index` of the built-in scene: depth only, or depth and labels in the scene's
+// run mode.
+void submitFrame(Impl& room, VelmoraTool::BuiltinSceneSource& source, size_t index, int32_t mode,
+                 bool labels) {
+    const VelmoraTool::Intrinsics k = source.intrinsics();
+    const IntrinsicLinearCameraCalibrationVLM intrinsics{k.cx, k.cy, k.fx, k.fy};
+    VelmoraTool::Frame frame;
+    std::string problem;
+    source.load(index % kFrames, frame, problem);
+    const XrPosefVLM pose = VelmoraTool::toXrPose(frame.worldFromCamera);
+    const Image images[2] = {
+        {kImageDepthU16, frame.depthMm.data(), frame.width, frame.height, frame.width * 2, 0},
+        {kImageLabelU8, frame.labels8.data(), frame.width, frame.height, frame.width, 0}};
+    if (!labels) {
+        room.submitImages(frame.timestamp, intrinsics, pose, {images, 1});
+    } else if (mode == 0) {
+        room.submitImages(frame.timestamp, intrinsics, pose, {images, 2});
+    } else {
+        room.submitImages(frame.timestamp, intrinsics, pose, {images, 1});
+        room.submitImages(frame.timestamp, intrinsics, pose, {images + 1, 1});
+    }
+}
+
+VelmoraTool::BuiltinSceneSource& sceneSource() {
+    static VelmoraTool::BuiltinSceneSource source(kFrames, VelmoraTool::kDefaultWidth,
+                                                  VelmoraTool::kDefaultHeight, 0.0, 1);
+    return source;
+}
+
+// The fused room for a cell size in millimetres, a run mode, and with or without labels; made
+// once and kept for all runs.
+Impl& fusedRoom(int cellMm, int32_t mode = 1, bool labels = false) {
+    static std::map<std::tuple<int, int32_t, bool>, std::unique_ptr<Impl>> rooms;
+    std::unique_ptr<Impl>& room = rooms[{cellMm, mode, labels}];
     if (room) {
         return *room;
     }
@@ -31,20 +69,11 @@ Impl& fusedRoom(int cellMm) {
     Config config{};
     config.cellSize = static_cast<float>(cellMm) * 0.001f;
     config.truncation = 5.0f * config.cellSize;
-    config.mode = 1;
+    config.mode = mode;
+    config.labelPlanes = true;
     room->init(config);
-    VelmoraTool::BuiltinSceneSource source(kFrames, VelmoraTool::kDefaultWidth,
-                                           VelmoraTool::kDefaultHeight, 0.0, 1);
-    const VelmoraTool::Intrinsics k = source.intrinsics();
-    const IntrinsicLinearCameraCalibrationVLM intrinsics{k.cx, k.cy, k.fx, k.fy};
     for (size_t i = 0; i < kFrames; ++i) {
-        VelmoraTool::Frame frame;
-        std::string problem;
-        source.load(i, frame, problem);
-        const Image depth{kImageDepthU16, frame.depthMm.data(), frame.width,
-                          frame.height,   frame.width * 2,      0};
-        room->submitImages(frame.timestamp, intrinsics,
-                           VelmoraTool::toXrPose(frame.worldFromCamera), {&depth, 1});
+        submitFrame(*room, sceneSource(), i, mode, labels);
     }
     return *room;
 }
@@ -86,6 +115,74 @@ void BM_MarchingCubesWholeRoomMerged(benchmark::State& state) {
     meshRoom(state, true);
 }
 
+// The host's two calls of the mesh form for the whole scene, with instance ids.
+uint32_t deliverScene(Impl& room, std::vector<XrVector3fVLM>& positions,
+                      std::vector<uint32_t>& indices, std::vector<uint16_t>& ids) {
+    PolygonMesh mesh{};
+    mesh.positions = positions.data();
+    mesh.positionCount = static_cast<uint32_t>(positions.size());
+    mesh.indices = indices.data();
+    mesh.indexCount = static_cast<uint32_t>(indices.size());
+    mesh.instanceIds = ids.data();
+    mesh.instanceIdCount = static_cast<uint32_t>(ids.size());
+    if (room.extractSurface(mesh, true, UuidBytes{}, TextureQuality{}) == kErrorBufferTooSmall) {
+        positions.resize(mesh.positionCount);
+        indices.resize(mesh.indexCount);
+        ids.resize(mesh.instanceIdCount);
+        return deliverScene(room, positions, indices, ids);
+    }
+    return mesh.indexCount / 3;
+}
+
+// range(0): run mode; range(1): 1 for the request after one more frame, 0 for the first.
+void BM_ExtractSurface(benchmark::State& state) {
+    const int32_t mode = static_cast<int32_t>(state.range(0));
+    const bool afterOneFrame = state.range(1) != 0;
+    Impl& room = fusedRoom(20, mode, true);
+    Impl::State& s = internalState(room);
+    Solid::IndexSet all;
+    auto collect = [&all](const Solid::KeyType& key, const auto&) { all.insert(key); };
+    if (mode == 0) {
+        s.mLabelDepthVolumeGrid->for_each(collect);
+    } else {
+        s.mVolumeGrid->for_each(collect);
+    }
+    // Host arrays large enough for every request, so that each is one call.
+    std::vector<XrVector3fVLM> positions;
+    std::vector<uint32_t> indices;
+    std::vector<uint16_t> ids;
+    deliverScene(room, positions, indices, ids);
+    size_t frame = 0;
+    uint32_t triangles = 0;
+    size_t changed = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        if (afterOneFrame) {
+            submitFrame(room, sceneSource(), frame++, mode, true);
+        } else {
+            std::lock_guard<std::mutex> updatedLock(s.mSurfaces.updatedBlocksMutex);
+            std::lock_guard<std::mutex> meshLock(s.mSurfaces.meshMutex);
+            s.mSurfaces.surfaceMeshes.clear();
+            s.mSurfaces.updatedBlocks = all;
+        }
+        {
+            std::lock_guard<std::mutex> updatedLock(s.mSurfaces.updatedBlocksMutex);
+            changed = s.mSurfaces.updatedBlocks.size();
+        }
+        state.ResumeTiming();
+        triangles = deliverScene(room, positions, indices, ids);
+    }
+    state.counters["blocks"] = static_cast<double>(all.size());
+    state.counters["changed_blocks"] = static_cast<double>(changed);
+    state.counters["triangles"] = triangles;
+}
+
+BENCHMARK(BM_ExtractSurface)
+    ->Args({0, 0})
+    ->Args({0, 1})
+    ->Args({1, 0})
+    ->Args({1, 1})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MarchingCubesWholeRoom)->Arg(20)->Arg(10)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MarchingCubesWholeRoomMerged)->Arg(20)->Arg(10)->Unit(benchmark::kMillisecond);
 

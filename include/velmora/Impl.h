@@ -66,6 +66,10 @@ private:
     friend struct StateAccess;  // the library's own reach into State (src/velmora/ImplState.h)
 
     bool isInitialized() const;
+    // The common step of both forms of extractSurface: brings the mesh cache of `instanceId`
+    // (0: the whole scene) up to date.
+    XrResultVLM extractSurface(bool annotate, const unsigned short& instanceId,
+                               const TextureQuality& quality);
 
     bool mInitialized = false;      // guarded by mInitMutex
     std::string mVersion;           // the text of getVersion

@@ -92,36 +92,6 @@ XrResultVLM Impl::init(const Config& config) {
     return kSuccess;
 }
 
-XrResultVLM Impl::extractSurface(PolygonMesh& mesh, bool /*annotate*/, const UuidBytes& /*uuid*/,
-                                 TextureQuality /*quality*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host
-    // arrays.
-    mesh.positionCount = 0;
-    mesh.indexCount = 0;
-    mesh.instanceIdCount = 0;
-    mesh.colorCount = 0;
-    mesh.texCoordCount = 0;
-    return kSuccess;
-}
-
-XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> /*descriptors*/,
-                                 span<PolygonMeshBuffer> buffers, bool /*annotate*/,
-                                 const UuidBytes& /*uuid*/, TextureQuality /*quality*/) {
-    if (!isInitialized()) {
-        return kErrorNotInitialized;
-    }
-    // TODO(unfiled: mesh delivery): meshing of the changed blocks and delivery into the host
-    // buffers.
-    for (uint32_t i = 0; i < buffers.size && buffers.data != nullptr; ++i) {
-        buffers.data[i].vertexCount = 0;
-        buffers.data[i].indexCount = 0;
-    }
-    return kSuccess;
-}
-
 const char* Impl::getVersion() const {
     AR_LOG_DEBUG("Impl::getVersion()");
     return mVersion.c_str();

@@ -6,11 +6,13 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "cv/Camera.h"
 #include "solid/instances/InstanceExtractor.h"
 #include "solid/planes/PlaneDetector.h"
+#include "solid/surface/PolygonMesh.h"
 #include "solid/volume/Frames.h"
 #include "solid/volume/VolumeGrid.h"
 #include "velmora/Impl.h"
@@ -21,11 +23,23 @@ namespace Velmora {
 constexpr int32_t kModeCombined = 0;  // one grid of depth and labels, fused together
 constexpr int32_t kModeSplit = 1;     // a depth grid and a label grid, separate streams
 
-// Blocks changed since the last mesh extraction.
+// The mesh cache: one grid of block meshes per instance id asked for (0: the whole scene), and
+// the blocks changed since they were brought up to date. Lock order: updatedBlocksMutex, then
+// meshMutex; neither is held while blocks are meshed.
 struct SurfaceExtraction {
-    Solid::IndexSet updatedBlocks;
+    Solid::IndexSet updatedBlocks;  // changed since the last extraction; filled by the frame path
+    // Changed blocks that an instance extraction consumed and the whole-scene grid has not
+    // re-meshed yet; guarded by updatedBlocksMutex.
+    Solid::IndexSet sceneMissedBlocks;
     std::mutex updatedBlocksMutex;
-    std::mutex meshMutex;  // guards the per-block meshes
+    std::unordered_map<uint16_t, Solid::MeshGridType> surfaceMeshes;
+    std::mutex meshMutex;  // guards surfaceMeshes
+
+    // Under meshMutex: the grid of `id` merged into one mesh (an unknown id gets an empty grid);
+    // a copy of the grid (sharing its streams); the grid replaced by a copy of `grid`.
+    Solid::PolygonMesh getMergedMesh(uint16_t id);
+    Solid::MeshGridType getMeshGrid(uint16_t id);
+    void setMeshGrid(uint16_t id, const Solid::MeshGridType& grid);
 };
 
 // Colour frames kept for texturing, with the two camera models set from the first of them.

@@ -25,6 +25,14 @@ inline UuidBytes makeObjectUuid(uint64_t prefix, uint32_t kind, uint32_t id) {
     return bytes;
 }
 
+// The internal id of an object UUID: the low 16 bits of its second number. Kind and prefix are
+// not looked at, so any UUID names some id; the all-zero UUID names 0.
+inline uint16_t objectIdOf(const UuidBytes& bytes) {
+    AR::Common::UUID uuid;
+    std::copy(bytes.begin(), bytes.end(), uuid.bytes());
+    return static_cast<uint16_t>(uuid.asUint64().second & 0xFFFFu);
+}
+
 }  // namespace Velmora
 
 #endif  // VELMORA_VELMORA_OBJECTIDS_H

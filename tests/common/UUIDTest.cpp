@@ -25,6 +25,10 @@ TEST(UUID, HalvesAreLeastSignificantByteFirstAndRoundTrip) {
     EXPECT_EQ(id.asUint64(), halves);
     EXPECT_EQ(UUID(id.str()), id);
     EXPECT_EQ(UUID().str(), "00000000-0000-0000-0000-000000000000");
+    // Ordered by bytes, first byte first.
+    EXPECT_TRUE(UUID() < id);
+    EXPECT_FALSE(id < UUID());
+    EXPECT_TRUE(UUID(std::make_pair(0x0100ull, 0x0ull)) < UUID(std::make_pair(0x02ull, 0x0ull)));
 }
 
 TEST(UUID, TextIsParsedUnlessItIsSixteenRawCharacters) {

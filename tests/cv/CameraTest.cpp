@@ -233,6 +233,7 @@ TYPED_TEST(CameraTyped, DistortionAndUndistortionAreInverse) {
     EXPECT_FALSE(camera.tryDistort(Vec2(T(30), T(0)), out));
     EXPECT_FALSE(camera.tryUndistort(Vec2(T(30), T(0)), out));
     EXPECT_FALSE(camera.tryProjectToPix(typename Camera<T>::Vec3(T(1), T(1), T(0)), out));
+    EXPECT_FALSE(camera.tryProjectToPix(typename Camera<T>::Vec3(T(0.1), T(0.1), T(-0.5)), out));
 }
 
 TEST(CameraDeathTest, UnprojectNeedsPositiveDepth) {

@@ -226,7 +226,15 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
     if (r != kErrorBufferTooSmall) {
         return;
     }
-    const uint32_t vertexCount = buffers[0].vertexCount;
+    // In one buffer, the later descriptor (colours) writes the buffer's counts, so the vertex
+    // count of the interleaved layout comes from a query of the positions alone.
+    uint32_t vertexCount = buffers[0].vertexCount;
+    if (!separate) {
+        PolygonMeshBuffer query{};
+        r = scene.extractSurface({descriptors.data(), 1}, {&query, 1}, annotate, uuid, quality);
+        fuzzCheck(r == kErrorBufferTooSmall, "extractSurface position count call");
+        vertexCount = query.vertexCount;
+    }
     // An index copy of a mesh without triangles is refused by aborting, so indices are asked for
     // only when the positions show a surface; they are counted in a call of their own.
     std::vector<PolygonMeshBuffer> indexBuffer(1);

@@ -1,5 +1,5 @@
-// Grids whose samples are written straight from an analytic signed distance, with no frames and
-// no fusion: the exact input for the code that reads surfaces out of grids.
+// Grids whose samples are written straight from analytic functions of the position, with no
+// frames and no fusion: the exact input for the code that reads surfaces out of grids.
 #ifndef VELMORA_TESTS_SUPPORT_FIELDGRID_H
 #define VELMORA_TESTS_SUPPORT_FIELDGRID_H
 
@@ -17,12 +17,12 @@ void configureFieldGrid(Grid& grid, float spacing) {
     grid.set(Size(9, 9, 9), Vec3(spacing, spacing, spacing));
 }
 
-// Creates every block from `lo` to `hi` (keys, inclusive) and writes, at each lattice point p
-// (world metres), the value sdf(p) / truncation clamped to [-1, 1] and the weight `weight`.
-// Shared planes of neighbours get the same value, as border copying would leave them.
-template <typename Grid, typename Sdf>
-void writeField(Grid& grid, const Index3& lo, const Index3& hi, float truncation, short weight,
-                Sdf&& sdf) {
+// Creates every block from `lo` to `hi` (keys, inclusive) and calls `write(sample, p)` for each
+// of its lattice points, p in world metres. Shared planes of neighbours see the same p, so they
+// get the same values, as border copying would leave them.
+template <typename Grid, typename Write>
+void writeLattice(Grid& grid, const Index3& lo, const Index3& hi, Write&& write) {
+    const Vec3& spacing = grid.config().spacing;
     for (int bz = lo[2]; bz <= hi[2]; ++bz) {
         for (int by = lo[1]; by <= hi[1]; ++by) {
             for (int bx = lo[0]; bx <= hi[0]; ++bx) {
@@ -30,22 +30,35 @@ void writeField(Grid& grid, const Index3& lo, const Index3& hi, float truncation
                 grid.ensure(key);
                 auto block = grid.get(key);
                 const Vec3 origin = grid.blockOrigin(key);
-                const Vec3& spacing = grid.config().spacing;
                 for (int z = 0; z < 9; ++z) {
                     for (int y = 0; y < 9; ++y) {
                         for (int x = 0; x < 9; ++x) {
-                            const Vec3 p(origin[0] + spacing[0] * x, origin[1] + spacing[1] * y,
-                                         origin[2] + spacing[2] * z);
-                            const float d = std::clamp(sdf(p) / truncation, -1.0f, 1.0f);
-                            auto& sample = depthPart(block->at(x, y, z));
-                            sample[0] = static_cast<short>(std::lround(d * kMaxDepthValue));
-                            sample[1] = weight;
+                            write(block->at(x, y, z),
+                                  Vec3(origin[0] + spacing[0] * x, origin[1] + spacing[1] * y,
+                                       origin[2] + spacing[2] * z));
                         }
                     }
                 }
             }
         }
     }
+}
+
+// Depth-bearing grids: the value sdf(p) / truncation clamped to [-1, 1], and `weight`.
+template <typename Grid, typename Sdf>
+void writeField(Grid& grid, const Index3& lo, const Index3& hi, float truncation, short weight,
+                Sdf&& sdf) {
+    writeLattice(grid, lo, hi, [&](auto& sample, const Vec3& p) {
+        const float d = std::clamp(sdf(p) / truncation, -1.0f, 1.0f);
+        depthPart(sample)[0] = static_cast<short>(std::lround(d * kMaxDepthValue));
+        depthPart(sample)[1] = weight;
+    });
+}
+
+// Label-bearing grids: the block-instance id `id(p)`.
+template <typename Grid, typename IdOf>
+void writeInstances(Grid& grid, const Index3& lo, const Index3& hi, IdOf&& id) {
+    writeLattice(grid, lo, hi, [&](auto& sample, const Vec3& p) { sample.instance = id(p); });
 }
 
 }  // namespace Test

@@ -186,13 +186,13 @@ TEST(RecordedSequence, BadFrameInputIsRefusedNamingFileAndProblem) {
         {"RGB label",
          [&] { writePngOrFail(label, makeRgb8(kSmallWidth / 3, kSmallHeight, grey8)); }, label,
          "expected an 8- or 16-bit grey label image, found 8-bit RGB"},
-        {"label id 40",
+        {"label id 32",
          [&] {
              std::vector<uint16_t> ids = grey16;
-             ids[5 * kSmallWidth + 7] = 40;
+             ids[5 * kSmallWidth + 7] = 32;
              writePngOrFail(label, makeGrey16(kSmallWidth, kSmallHeight, ids));
          },
-         label, "label id 40 at pixel (7, 5) is 32 or more; give --label-map"},
+         label, "label id 32 at pixel (7, 5) is 32 or more; give --label-map"},
         {"grey colour", [&] { writePngOrFail(color, makeGrey8(kSmallWidth, kSmallHeight, grey8)); },
          color, "expected an 8-bit RGB colour image, found 8-bit grey"},
         {"colour of another size",

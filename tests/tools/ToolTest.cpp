@@ -440,6 +440,11 @@ TEST(ToolAccuracy, DemoReconstructionStaysNearTheTruth) {
                                           "--size", "160x120", "--stats", scratch / "s.json"});
     ASSERT_EQ(run.exitCode, kExitOk) << run.err;
     const nlohmann::json accuracy = nlohmann::json::parse(readText(scratch / "s.json"))["accuracy"];
+    // The mesh lies on the true surface to a few millimetres and covers what the frames saw.
+    EXPECT_GT(accuracy["vertices"].get<size_t>(), 100000u);
+    EXPECT_LT(accuracy["distance"]["mean"].get<double>(), 0.003);
+    EXPECT_LT(accuracy["distance"]["p95"].get<double>(), 0.01);
+    EXPECT_GT(accuracy["completeness"].get<double>(), 0.98);
     // Every true plane is found within a degree or so (the ceiling, seen least, within 4) and
     // half a centimetre; every object is an instance of its label covering half its box.
     EXPECT_EQ(accuracy["planesMatched"], truePlanes().size());

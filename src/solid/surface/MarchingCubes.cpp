@@ -47,7 +47,7 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Grid& grid, cons
                                                           const TestVertexFunc& func) {
     for (const KeyType& key : blocks) {
         PolygonMesh& mesh = meshes[key];
-        mesh.clearStreams();
+        mesh.resetStreams();
         PolygonMesh::Positions& points = mesh.positions();
         PolygonMesh::Indices& indices = mesh.indices();
         {

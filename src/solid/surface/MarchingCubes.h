@@ -56,9 +56,10 @@ public:
     MarchingCubes();
 
     // Meshes every block of `blocks` into its entry of `meshes` (created when absent, all its
-    // streams emptied first). Each block is read under its own mutex; the grid lock is held only
-    // to find it. A key without a block leaves its entry empty. Adds the vertex and index counts
-    // to `stats`.
+    // streams emptied first by PolygonMesh::resetStreams, so that streams shared with another
+    // grid of meshes are replaced, not overwritten). Each block is read under its own mutex; the
+    // grid lock is held only to find it. A key without a block leaves its entry empty. Adds the
+    // vertex and index counts to `stats`.
     void computeMarchingCubes(const Grid& grid, const IndexSet& blocks, int weightThreshold,
                               MeshGridType& meshes, ExtractSurfaceStats& stats,
                               const TestVertexFunc& func);

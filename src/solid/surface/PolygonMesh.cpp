@@ -40,11 +40,26 @@ void PolygonMesh::setAttribute(ATTRIBUTE_NAME name, AttributeBlock::TYPE type,
     mSlots[slotOf(name, type)] = AR::Common::RefPtr<AttributeBlock>(block);
 }
 
-void PolygonMesh::clearStreams() {
-    for (const auto& slot : mSlots) {
-        if (slot) {
-            slot->clear();
+void PolygonMesh::resetStreams() {
+    for (auto& slot : mSlots) {
+        if (!slot) {
+            continue;
         }
+        if (slot->getRefCount() == 1) {
+            slot->clear();
+        } else {
+            auto* block = new AttributeBlock();
+            block->create(slot->type());
+            slot = AR::Common::RefPtr<AttributeBlock>(block);
+        }
+    }
+}
+
+void PolygonMesh::detach(ATTRIBUTE_NAME name, AttributeBlock::TYPE type) {
+    AR::Common::RefPtr<AttributeBlock>& slot = mSlots[slotOf(name, type)];
+    if (slot && slot->getRefCount() > 1) {
+        slot.reset();
+        createAttribute(name, type);
     }
 }
 

@@ -6,7 +6,8 @@
 // COPIES ARE SHALLOW. Copying or assigning a mesh shares every stream with the original (the
 // reference count of each block rises); nothing is duplicated. So a grid of block meshes copied
 // out of a store shares its streams with the stored one, and `clear` on a stream is seen through
-// every mesh that holds it. To change one mesh alone, give it a new stream.
+// every mesh that holds it. To change one mesh alone, give it a new stream (`resetStreams`,
+// `detach`).
 //
 // Reading a stream through the typed accessors (`positions()`, `indices()`, ...) creates it when
 // it is absent: a mesh that went through extraction always has POSITION and INDEX, possibly
@@ -92,8 +93,14 @@ public:
         return block == nullptr ? nullptr : block->stream<E>();
     }
 
-    // Empties every stream the mesh holds (keeping capacities); seen by every sharing mesh.
-    void clearStreams();
+    // Empties every stream of this mesh for a rebuild. A stream that only this mesh holds is
+    // cleared in place, keeping its capacity; a stream shared with another mesh is replaced by
+    // a new empty one, so that the other mesh (a cached copy another thread may be reading) keeps
+    // its contents.
+    void resetStreams();
+    // Makes the stream (name, type) this mesh's own: a shared one is replaced by a new empty
+    // stream; an unshared one is left as it is. For writers of one stream of a shared mesh.
+    void detach(ATTRIBUTE_NAME name, AttributeBlock::TYPE type);
 
     AR::Common::Mutex& mutex() const { return mMutex; }
 

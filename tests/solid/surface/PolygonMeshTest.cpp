@@ -80,13 +80,36 @@ TEST(PolygonMesh, CopiesShareStreams) {
     PolygonMesh assigned;
     assigned = original;
     EXPECT_EQ(original.getAttribute(M::POSITION, B::TYPE_VEC3F)->getRefCount(), 3);
-    original.clearStreams();
+    original.getAttribute(M::POSITION, B::TYPE_VEC3F)->clear();
+    original.getAttribute(M::INDEX, B::TYPE_UINT32)->clear();
     EXPECT_TRUE(copy.findPositions()->empty());
     EXPECT_TRUE(assigned.findIndices()->empty());
     // A stream replaced in one mesh leaves the others alone.
     copy.setAttribute(M::INDEX, B::TYPE_UINT32, nullptr);
     EXPECT_EQ(copy.findIndices(), nullptr);
     EXPECT_NE(original.findIndices(), nullptr);
+}
+
+TEST(PolygonMesh, RebuildingASharedMeshLeavesItsCopiesAlone) {
+    PolygonMesh mesh = makeMesh(40, {0, 1, 2}, {4, 4, 4});
+    {
+        const PolygonMesh cached(mesh);
+        mesh.resetStreams();
+        mesh.detach(M::INSTANCE_ID, B::TYPE_UINT16);
+        EXPECT_EQ(cached.findPositions()->size(), 40u);
+        EXPECT_EQ(cached.findInstanceIds()->size(), 3u);
+        EXPECT_TRUE(mesh.findPositions()->empty());
+        EXPECT_TRUE(mesh.findInstanceIds()->empty());
+        EXPECT_NE(mesh.findPositions(), cached.findPositions());
+    }
+    // Alone again: cleared in place, the capacity kept for the next rebuild.
+    mesh.positions().push_back(Vec3(1, 1, 1));
+    const PolygonMesh::Positions* own = mesh.findPositions();
+    const uint32_t ownCapacity = own->getCapacity();
+    mesh.resetStreams();
+    EXPECT_EQ(mesh.findPositions(), own);
+    EXPECT_TRUE(own->empty());
+    EXPECT_EQ(own->getCapacity(), ownCapacity);
 }
 
 TEST(PolygonMesh, AppendOffsetsIndicesAndCarriesIdsAndColours) {

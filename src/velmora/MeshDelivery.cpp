@@ -1,0 +1,384 @@
+// extractSurface: the mesh cache of Impl brought up to date for the blocks changed since the
+// last request, merged, and copied into the host's arrays or buffers.
+#include "velmora/MeshDelivery.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "common/Trace.h"
+#include "solid/surface/IncrementalExtraction.h"
+#include "velmora/Impl.h"
+#include "velmora/ImplState.h"
+#include "velmora/ObjectIds.h"
+
+namespace Velmora {
+
+namespace {
+
+// Bytes of one element of each buffer attribute, by attribute value.
+constexpr uint32_t kElementSize[kNumBufferAttributes] = {12, 16, 8, 2, 4};
+
+struct AttributeCounts {
+    uint32_t value[kNumBufferAttributes];
+};
+
+}  // namespace
+
+Solid::PolygonMesh SurfaceExtraction::getMergedMesh(uint16_t id) {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    Solid::ExtractSurfaceStats stats;
+    return Solid::mergeMesh(surfaceMeshes[id], stats);
+}
+
+Solid::MeshGridType SurfaceExtraction::getMeshGrid(uint16_t id) {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    const auto found = surfaceMeshes.find(id);
+    return found == surfaceMeshes.end() ? Solid::MeshGridType() : found->second;
+}
+
+void SurfaceExtraction::setMeshGrid(uint16_t id, const Solid::MeshGridType& grid) {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    Solid::MeshGridType& stored = surfaceMeshes[id];
+    const float maxLoadFactor = stored.max_load_factor();
+    stored = grid;
+    stored.max_load_factor(maxLoadFactor);
+}
+
+XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId,
+                                 const TextureQuality& quality) {
+    AR::Common::ScopedTrace trace("extractSurface");
+    if (!isInitialized()) {
+        return kErrorNotInitialized;
+    }
+    State& s = *mState;
+    if (instanceId != 0 && !s.mLabelPlanes) {
+        return kErrorInstanceMeshDisabled;
+    }
+    SurfaceExtraction& surfaces = s.mSurfaces;
+    Solid::IndexSet localBlocks;
+    {
+        std::lock_guard<std::mutex> updatedLock(surfaces.updatedBlocksMutex);
+        std::lock_guard<std::mutex> meshLock(surfaces.meshMutex);
+        const bool changed = !surfaces.updatedBlocks.empty();
+        if (changed) {
+            // Instance meshes are rebuilt from nothing after any change; the whole-scene grid
+            // is kept and patched.
+            for (auto it = surfaces.surfaceMeshes.begin(); it != surfaces.surfaceMeshes.end();) {
+                it = it->first != 0 ? surfaces.surfaceMeshes.erase(it) : std::next(it);
+            }
+            AR_ASSERT(surfaces.surfaceMeshes.size() <= 1);
+        }
+        const bool sceneBehind = instanceId == 0 && !surfaces.sceneMissedBlocks.empty();
+        if (!changed && !sceneBehind && surfaces.surfaceMeshes.count(instanceId) != 0) {
+            return kSuccess;  // up to date; colours are the business of the texture step
+        }
+        localBlocks.swap(surfaces.updatedBlocks);
+        AR_ASSERT(surfaces.updatedBlocks.empty());
+        // An instance consumes the change for every grid, but the whole-scene grid has not
+        // seen it: remember the blocks for it, so that they are re-meshed on its next request.
+        if (instanceId != 0) {
+            for (const Solid::KeyType& key : localBlocks) {
+                surfaces.sceneMissedBlocks.insert(key);
+            }
+        } else {
+            for (const Solid::KeyType& key : surfaces.sceneMissedBlocks) {
+                localBlocks.insert(key);
+            }
+            surfaces.sceneMissedBlocks.clear();
+        }
+    }
+    {
+        AR::Common::ScopedTrace meshingTrace("extractSurface");
+        std::lock_guard<std::mutex> instanceLock(s.mInstanceMutex);
+        const Solid::InstanceExtractor& instances = s.mInstanceExtractor;
+        AR_ASSERT(instances.merged());
+        if (instanceId != 0 &&
+            instances.getInstances().find(instanceId) == instances.getInstances().end()) {
+            return kErrorUnknownInstance;
+        }
+        Solid::MeshGridType localGrid = surfaces.getMeshGrid(instanceId);
+        if (s.mMode == kModeSplit) {
+            Solid::extractSurfaceForInstanceID(*s.mVolumeGrid, *s.mLabelVolumeGrid, instances,
+                                               localBlocks, instanceId, localGrid);
+        } else if (s.mMode == kModeCombined) {
+            Solid::extractSurfaceForInstanceID(*s.mLabelDepthVolumeGrid, instances, localBlocks,
+                                               instanceId, annotate, localGrid);
+        }
+        surfaces.setMeshGrid(instanceId, localGrid);
+    }
+    // TODO(#18): vertex colours from the keyframes when quality.vertexColors is set; until then
+    // the colour stream stays empty. Texture coordinates are never produced.
+    static_cast<void>(quality);
+    return kSuccess;
+}
+
+namespace {
+
+// The merged mesh of `id` with all five delivered streams present (empty where not computed).
+Solid::PolygonMesh deliveredMesh(SurfaceExtraction& surfaces, uint16_t id) {
+    Solid::PolygonMesh mesh = surfaces.getMergedMesh(id);
+    mesh.positions();
+    mesh.indices();
+    mesh.instanceIds();
+    mesh.colors();
+    mesh.texCoords();
+    return mesh;
+}
+
+// Copies `count` elements of `source` to `destination` (which may be null when count is 0).
+template <typename HostElement, typename E>
+void copyOut(const Solid::AttributeVector<E>& source, HostElement* destination) {
+    static_assert(sizeof(HostElement) == sizeof(E), "host and library elements differ in size");
+    if (!source.empty()) {
+        std::memcpy(destination, source.data(), source.size() * sizeof(E));
+    }
+}
+
+}  // namespace
+
+XrResultVLM Impl::extractSurface(PolygonMesh& mesh, bool annotate, const UuidBytes& uuid,
+                                 TextureQuality quality) {
+    const uint16_t id = objectIdOf(uuid);
+    const XrResultVLM result = extractSurface(annotate, id, quality);
+    if (result != kSuccess) {
+        return result;
+    }
+    const Solid::PolygonMesh merged = deliveredMesh(mState->mSurfaces, id);
+    const auto& positions = *merged.findPositions();
+    const auto& indices = *merged.findIndices();
+    const auto& ids = *merged.findInstanceIds();
+    const auto& colors = *merged.findColors();
+    const auto& texCoords = *merged.findTexCoords();
+    const bool tooSmall = mesh.positionCount < positions.size() ||
+                          mesh.indexCount < indices.size() ||
+                          (annotate && mesh.instanceIdCount < ids.size()) ||
+                          (quality.vertexColors && mesh.colorCount < colors.size()) ||
+                          (quality.textureCoordinates && mesh.texCoordCount < texCoords.size());
+    mesh.positionCount = positions.size();
+    mesh.indexCount = indices.size();
+    if (annotate) {
+        mesh.instanceIdCount = ids.size();
+    }
+    if (quality.vertexColors) {
+        mesh.colorCount = colors.size();
+    }
+    if (quality.textureCoordinates) {
+        mesh.texCoordCount = texCoords.size();
+    }
+    if (tooSmall) {
+        return kErrorBufferTooSmall;
+    }
+    AR::Common::ScopedTrace trace("geometryCopy");
+    copyOut(positions, mesh.positions);
+    copyOut(indices, mesh.indices);
+    if (annotate) {
+        copyOut(ids, mesh.instanceIds);
+    }
+    if (quality.vertexColors) {
+        copyOut(colors, mesh.colors);
+    }
+    if (quality.textureCoordinates) {
+        copyOut(texCoords, mesh.texCoords);
+    }
+    return kSuccess;
+}
+
+XrResultVLM Impl::extractSurface(span<const PolygonMeshBufferDescriptor> descriptors,
+                                 span<PolygonMeshBuffer> buffers, bool annotate,
+                                 const UuidBytes& uuid, TextureQuality quality) {
+    const uint16_t id = objectIdOf(uuid);
+    const XrResultVLM result = extractSurface(annotate, id, quality);
+    if (result != kSuccess) {
+        return result;
+    }
+    const Solid::PolygonMesh merged = deliveredMesh(mState->mSurfaces, id);
+    const XrResultVLM check =
+        checkPolygonMeshBuffer(descriptors, buffers, merged.findPositions()->size(),
+                               merged.findIndices()->size(), merged.findInstanceIds()->size(),
+                               merged.findColors()->size(), merged.findTexCoords()->size());
+    if (check != kSuccess) {
+        return check;
+    }
+    writePolygonMeshBuffer(descriptors, buffers, *merged.findPositions(), *merged.findIndices(),
+                           *merged.findInstanceIds(), *merged.findColors(),
+                           *merged.findTexCoords());
+    return kSuccess;
+}
+
+XrResultVLM checkPolygonMeshBuffer(span<const PolygonMeshBufferDescriptor> descriptors,
+                                   span<PolygonMeshBuffer> buffers, uint32_t positionCount,
+                                   uint32_t indexCount, uint32_t instanceIdCount,
+                                   uint32_t colorCount, uint32_t texCoordCount) {
+    const uint32_t counts[kNumBufferAttributes] = {positionCount, colorCount, texCoordCount,
+                                                   instanceIdCount, indexCount};
+    for (uint32_t b = 0; b < buffers.size; ++b) {
+        buffers.data[b].vertexCount = 0;
+        buffers.data[b].indexCount = 0;
+    }
+    for (uint32_t d = 0; d < descriptors.size; ++d) {
+        const PolygonMeshBufferDescriptor& descriptor = descriptors.data[d];
+        if (descriptor.bufferIndex >= buffers.size) {
+            return kErrorBufferDescriptors;
+        }
+        if (descriptor.attribute < kNumBufferAttributes &&
+            descriptor.elementSize != kElementSize[descriptor.attribute]) {
+            return kErrorBufferDescriptors;
+        }
+    }
+    // First elements in each buffer, by offset: no two at one offset, none reaching into the next.
+    std::vector<const PolygonMeshBufferDescriptor*> sorted;
+    for (uint32_t d = 0; d < descriptors.size; ++d) {
+        sorted.push_back(&descriptors.data[d]);
+    }
+    std::sort(sorted.begin(), sorted.end(), [](const auto* a, const auto* b) {
+        return a->bufferIndex != b->bufferIndex ? a->bufferIndex < b->bufferIndex
+                                                : a->offset < b->offset;
+    });
+    for (size_t i = 1; i < sorted.size(); ++i) {
+        const PolygonMeshBufferDescriptor& previous = *sorted[i - 1];
+        const PolygonMeshBufferDescriptor& next = *sorted[i];
+        if (previous.bufferIndex == next.bufferIndex &&
+            (previous.offset == next.offset ||
+             uint64_t(previous.offset) + previous.elementSize > next.offset)) {
+            return kErrorBufferDescriptors;
+        }
+    }
+    bool missingMemory = false;
+    for (uint32_t d = 0; d < descriptors.size; ++d) {
+        const PolygonMeshBufferDescriptor& descriptor = descriptors.data[d];
+        PolygonMeshBuffer& buffer = buffers.data[descriptor.bufferIndex];
+        if (descriptor.attribute < kBufferIndex) {
+            buffer.vertexCount = counts[descriptor.attribute];
+            buffer.indexCount = 0;
+        } else if (descriptor.attribute == kBufferIndex) {
+            buffer.vertexCount = 0;
+            buffer.indexCount = indexCount;
+        }
+        missingMemory = missingMemory || buffer.data == nullptr;
+    }
+    if (missingMemory) {
+        return kErrorBufferTooSmall;
+    }
+    // Bytes each buffer needs: the sum of its attributes, and no less than the reach of the last
+    // element of any one of them, so that a stride wider than the packing cannot write past the
+    // end of the buffer.
+    std::vector<uint64_t> required(buffers.size, 0);
+    std::vector<uint64_t> reach(buffers.size, 0);
+    for (uint32_t d = 0; d < descriptors.size; ++d) {
+        const PolygonMeshBufferDescriptor& descriptor = descriptors.data[d];
+        if (descriptor.attribute >= kNumBufferAttributes) {
+            continue;
+        }
+        const uint64_t count = counts[descriptor.attribute];
+        required[descriptor.bufferIndex] += uint64_t(descriptor.elementSize) * count;
+        if (count > 0) {
+            const uint64_t stride =
+                descriptor.attribute == kBufferIndex ? descriptor.elementSize : descriptor.stride;
+            reach[descriptor.bufferIndex] =
+                std::max(reach[descriptor.bufferIndex],
+                         descriptor.offset + stride * (count - 1) + descriptor.elementSize);
+        }
+    }
+    for (uint32_t b = 0; b < buffers.size; ++b) {
+        if (buffers.data[b].size < std::max(required[b], reach[b])) {
+            return kErrorBufferTooSmall;
+        }
+    }
+    return kSuccess;
+}
+
+void writePolygonMeshBuffer(span<const PolygonMeshBufferDescriptor> descriptors,
+                            span<PolygonMeshBuffer> buffers,
+                            const Solid::PolygonMesh::Positions& positions,
+                            const Solid::PolygonMesh::Indices& indices,
+                            const Solid::PolygonMesh::InstanceIds& instanceIds,
+                            const Solid::PolygonMesh::Colors& colors,
+                            const Solid::PolygonMesh::TexCoords& texCoords) {
+    for (uint32_t b = 0; b < buffers.size; ++b) {
+        buffers.data[b].vertexCount = 0;
+        buffers.data[b].indexCount = 0;
+    }
+    // Each attribute's elements as raw bytes: first element and count.
+    const void* const first[kNumBufferAttributes] = {
+        positions.data(), colors.data(), texCoords.data(), instanceIds.data(), indices.data()};
+    const uint32_t counts[kNumBufferAttributes] = {
+        positions.size(), colors.size(), texCoords.size(), instanceIds.size(), indices.size()};
+    for (uint32_t d = 0; d < descriptors.size; ++d) {
+        const PolygonMeshBufferDescriptor& descriptor = descriptors.data[d];
+        if (descriptor.attribute >= kNumBufferAttributes) {
+            continue;
+        }
+        PolygonMeshBuffer& buffer = buffers.data[descriptor.bufferIndex];
+        uint8_t* destination = static_cast<uint8_t*>(buffer.data) + descriptor.offset;
+        const auto* source = static_cast<const uint8_t*>(first[descriptor.attribute]);
+        const uint32_t count = counts[descriptor.attribute];
+        if (descriptor.attribute == kBufferIndex) {
+            // An empty index list has nothing to copy (and no memory to copy from).
+            if (count > 0) {
+                std::memcpy(destination, source, size_t(count) * descriptor.elementSize);
+            }
+            buffer.indexCount = count;
+            continue;
+        }
+        for (uint32_t i = 0; i < count; ++i) {
+            std::memcpy(destination, source + size_t(i) * descriptor.elementSize,
+                        descriptor.elementSize);
+            destination += descriptor.stride;
+        }
+        buffer.vertexCount = count;
+    }
+}
+
+namespace {
+
+template <typename E>
+void readVertices(const PolygonMeshBufferDescriptor& descriptor, const PolygonMeshBuffer& buffer,
+                  Solid::AttributeVector<E>& target) {
+    target.resize(buffer.vertexCount);
+    const auto* source = static_cast<const uint8_t*>(buffer.data) + descriptor.offset;
+    for (uint32_t i = 0; i < buffer.vertexCount; ++i) {
+        std::memcpy(target.data() + i, source + size_t(i) * descriptor.stride, sizeof(E));
+    }
+}
+
+}  // namespace
+
+Solid::PolygonMesh toSolidPolygonMesh(span<const PolygonMeshBufferDescriptor> descriptors,
+                                      span<const PolygonMeshBuffer> buffers) {
+    Solid::PolygonMesh mesh;
+    for (uint32_t d = 0; d < descriptors.size; ++d) {
+        const PolygonMeshBufferDescriptor& descriptor = descriptors.data[d];
+        AR_ASSERT(descriptor.bufferIndex < buffers.size);
+        const PolygonMeshBuffer& buffer = buffers.data[descriptor.bufferIndex];
+        switch (descriptor.attribute) {
+            case kBufferPosition:
+                readVertices(descriptor, buffer, mesh.positions());
+                break;
+            case kBufferColor:
+                readVertices(descriptor, buffer, mesh.colors());
+                break;
+            case kBufferTexCoord:
+                readVertices(descriptor, buffer, mesh.texCoords());
+                break;
+            case kBufferInstanceId:
+                readVertices(descriptor, buffer, mesh.instanceIds());
+                break;
+            case kBufferIndex: {
+                Solid::PolygonMesh::Indices& indices = mesh.indices();
+                indices.resize(buffer.indexCount);
+                if (buffer.indexCount > 0) {
+                    std::memcpy(indices.data(),
+                                static_cast<const uint8_t*>(buffer.data) + descriptor.offset,
+                                size_t(buffer.indexCount) * sizeof(unsigned int));
+                }
+                break;
+            }
+            default:
+                break;
+        }
+    }
+    return mesh;
+}
+
+}  // namespace Velmora
