@@ -24,12 +24,12 @@ public:
     // The next sizeof(T) bytes as they stand: any bit pattern, NaN and infinities included.
     template <typename T>
     T raw() {
-        unsigned char bytes[sizeof(T)] = {};
-        for (unsigned char& b : bytes) {
-            b = byte();
+        T value{};
+        const size_t count = sizeof(T) < remaining() ? sizeof(T) : remaining();
+        if (count > 0) {
+            std::memcpy(&value, mData + mPos, count);
         }
-        T value;
-        std::memcpy(&value, bytes, sizeof(T));
+        mPos += count;
         return value;
     }
 

@@ -135,9 +135,7 @@ UuidBytes meshId(FuzzInput& in) {
     if (choice == 1 && !knownInstances().empty()) {
         uuid = knownInstances()[in.byte() % knownInstances().size()];
     } else if (choice == 2) {
-        for (uint8_t& b : uuid) {
-            b = in.byte();
-        }
+        uuid = in.raw<UuidBytes>();
     }
     return uuid;
 }
