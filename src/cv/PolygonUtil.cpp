@@ -201,19 +201,45 @@ std::vector<std::vector<size_t>> computeAlphaShapes(const std::vector<Vec2>& poi
             graph[entry.first.second].push_back(entry.first.first);
         }
     }
+    // Thinned contour points lie on a grid, so many triangles are near-collinear slivers whose
+    // cross products carry no reliable sign. The triangulation winds every triangle the same
+    // way, so the side of a boundary edge follows from the order in which its triangle lists the
+    // edge's ends, and the winding from the summed area.
+    double area = 0.0;
+    for (const unsigned int t : passing) {
+        area += static_cast<double>(
+            cross(points[triangles[t][0]], points[triangles[t][1]], points[triangles[t][2]]));
+    }
+    if (!(area != 0.0)) {
+        return {};
+    }
+    const bool clockwiseWinding = area < 0.0;
     const auto isClockWise = [&](unsigned int v1, unsigned int v2) {
-        return testClockWise(points, trianglesAdjacentToEdge, triangles, v1, v2) < 0.0f;
+        const std::vector<unsigned int>& adjacent = trianglesAdjacentToEdge.at(makeEdge(v1, v2));
+        const Triangle& triangle = triangles[adjacent[0]];
+        bool forward = false;
+        for (int i = 0; i < 3; ++i) {
+            forward = forward || (triangle[i] == v1 && triangle[(i + 1) % 3] == v2);
+        }
+        return forward == clockwiseWinding;
     };
 
+    // The walk leaves a vertex only along a boundary edge with the material on its right. Should
+    // the boundary ever admit no closed walk, the contour is given up from there on, with the
+    // closed shapes found so far, rather than ending the host's process over an outline.
     std::vector<std::vector<size_t>> shapes;
     while (!graph.empty()) {
         const unsigned int start = graph.begin()->first;
         std::vector<unsigned int>& startList = graph.begin()->second;
-        AR_ASSERT(!startList.empty() && startList.size() % 2 == 0);
+        if (startList.empty() || startList.size() % 2 != 0) {
+            return shapes;
+        }
         std::vector<size_t> shape{start};
         const auto first = std::find_if(startList.begin(), startList.end(),
                                         [&](unsigned int v) { return isClockWise(start, v); });
-        AR_ASSERT(first != startList.end());
+        if (first == startList.end()) {
+            return shapes;
+        }
         unsigned int current = *first;
         startList.erase(first);
 
@@ -221,30 +247,36 @@ std::vector<std::vector<size_t>> computeAlphaShapes(const std::vector<Vec2>& poi
             const unsigned int previous = static_cast<unsigned int>(shape.back());
             const auto it = graph.find(current);
             if (it == graph.end()) {
-                shape.push_back(current);
-                break;
+                return shapes;
             }
             std::vector<unsigned int>& list = it->second;
-            AR_ASSERT(current == start || (!list.empty() && list.size() % 2 == 0));
-            const bool cameBack = removeValue(list, previous);
-            AR_ASSERT(cameBack);
+            if (!removeValue(list, previous)) {
+                return shapes;
+            }
             if (list.size() % 2 == 0) {
-                AR_ASSERT(current == start);
+                if (current != start) {
+                    return shapes;
+                }
                 shape.push_back(current);
                 break;
             }
-            size_t best = 0;
+            size_t best = list.size();
             float bestAngle = 0.0f;
             for (size_t c = 0; c < list.size(); ++c) {
+                if (!isClockWise(current, list[c])) {
+                    continue;
+                }
                 const float angle =
                     turnAngle(points.at(previous), points.at(current), points.at(list[c]));
-                if (c == 0 || angle < bestAngle) {
+                if (best == list.size() || angle < bestAngle) {
                     best = c;
                     bestAngle = angle;
                 }
             }
+            if (best == list.size()) {
+                return shapes;
+            }
             const unsigned int next = list[best];
-            AR_ASSERT(isClockWise(current, next));
             list.erase(list.begin() + static_cast<std::ptrdiff_t>(best));
             if (list.empty()) {
                 graph.erase(current);
@@ -252,7 +284,6 @@ std::vector<std::vector<size_t>> computeAlphaShapes(const std::vector<Vec2>& poi
             shape.push_back(current);
             current = next;
         }
-        AR_ASSERT(shape.front() == shape.back());
         const auto startEntry = graph.find(start);
         if (startEntry != graph.end() && startEntry->second.empty()) {
             graph.erase(start);

@@ -217,6 +217,28 @@ TEST(AlphaShapes, HolesAndThresholds) {
             .empty());
 }
 
+// Two slanted rows of contour points: the triangulation has near-collinear slivers whose cross
+// products change sign with the vertex they are taken from. The outline still closes once,
+// through the four corners (the middle points of the lower row lie a hair inside).
+TEST(AlphaShapes, SliversBetweenNearlyCollinearPoints) {
+    const std::vector<Vec2> points = {
+        Vec2(7.83957003e-05f, 0.893066704f), Vec2(0.0203796737f, 0.904847264f),
+        Vec2(0.0400092863f, 0.91623807f),    Vec2(0.0603255592f, 0.928027332f),
+        Vec2(0.0800350085f, 0.93946445f),    Vec2(0.0f, 0.913021207f),
+        Vec2(0.0199999996f, 0.924626946f),   Vec2(0.0399999991f, 0.936232686f),
+        Vec2(0.0599999987f, 0.947838426f),   Vec2(0.0799999982f, 0.959444165f)};
+    const auto shapes = PU::computeAlphaShapes(points, 0.1f, 1.1920929e-07f);
+    ASSERT_EQ(shapes.size(), 1u);
+    std::vector<size_t> outline = shapes[0];
+    EXPECT_EQ(outline.front(), outline.back());
+    outline.pop_back();
+    std::sort(outline.begin(), outline.end());
+    EXPECT_EQ(std::unique(outline.begin(), outline.end()), outline.end());
+    for (const size_t corner : {0u, 4u, 5u, 9u}) {
+        EXPECT_TRUE(std::binary_search(outline.begin(), outline.end(), corner)) << corner;
+    }
+}
+
 TEST(AlphaTriangles, EdgeLengthDecides) {
     const std::vector<Vec2> points = {Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(0.0f, 1.0f),
                                       Vec2(3.0f, 3.0f)};

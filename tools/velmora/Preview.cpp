@@ -48,7 +48,7 @@ constexpr double kPlaneFillOpacity = 0.45;
 constexpr double kOutlineWidth = 2.5;
 constexpr double kOutlineBorder = 1.5;
 constexpr std::array<uint8_t, 3> kOutlineBorderColor{20, 20, 20};
-// Colour of surface that has neither a colour nor an instance.
+// Colour of surface that has no colour of its own.
 constexpr std::array<uint8_t, 3> kNeutralColor{175, 175, 170};
 // Hue steps by the golden ratio, so that neighbouring ids get distant hues.
 constexpr double kGoldenRatioConjugate = 0.618033988749895;
@@ -238,9 +238,11 @@ private:
             return {mesh.colors[v][0] * kMaxChannel, mesh.colors[v][1] * kMaxChannel,
                     mesh.colors[v][2] * kMaxChannel};
         }
-        const std::array<uint8_t, 3> color = neutral || mesh.instanceIds.empty()
-                                                 ? kNeutralColor
-                                                 : instanceColor(mesh.instanceIds[v]);
+        // In a coloured mesh, surface no colour frame saw stays neutral: an instance colour
+        // beside real colours would read as paint on the object.
+        const bool plain = neutral || !mesh.colors.empty() || mesh.instanceIds.empty();
+        const std::array<uint8_t, 3> color =
+            plain ? kNeutralColor : instanceColor(mesh.instanceIds[v]);
         return {static_cast<double>(color[0]), static_cast<double>(color[1]),
                 static_cast<double>(color[2])};
     }

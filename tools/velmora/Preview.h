@@ -1,6 +1,7 @@
 // Pictures of a reconstruction: a small software rasteriser that draws the mesh from a viewpoint
-// above the scene, with simple shading, coloured by vertex colour where the mesh has it and by
-// instance elsewhere; and the same picture with the plane outlines drawn over it.
+// above the scene, with simple shading, coloured by vertex colour where the mesh has colours
+// (neutral grey where no colour frame saw it) and by instance otherwise; and the same picture
+// with the plane outlines drawn over it.
 //
 // The viewpoint looks down on the scene from outside its bounds, at an angle, along the world's up
 // direction (z for the built-in room; recorded sequences differ).
