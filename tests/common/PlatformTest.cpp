@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <regex>
 #include <string>
 #include <utility>
 
@@ -113,17 +112,6 @@ TEST(PlatformTiming, SectionsMeasureAndMisuseIsReported) {
     EXPECT_EQ(arTimingEndSection(timing, &micros), -1);
     arTimingDestroy(timing);
     arGetError();
-}
-
-TEST(PlatformClock, ClocksAgreeAndTheTimeStringHasItsForm) {
-    const double seconds = arTimeGetSeconds();
-    const double realNanos = static_cast<double>(arTimeGetNanoSeconds());
-    EXPECT_NEAR(realNanos / 1e9, seconds, 1.0);
-    const int64_t t0 = arTimeGetTimestamp();
-    EXPECT_GE(arTimeGetTimestamp(), t0);
-    std::string text;
-    OS::getTimeString(text);
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << text;
 }
 
 TEST(PlatformThreads, TimedWaitExpiresWithErrorEightAndNullHandlesAreRefused) {
