@@ -346,8 +346,9 @@ TEST(ToolOutputs, FuseWritesTheOutputsAndMeshReproducesThem) {
                               "--preview", dir + "/p.png", "--instance-meshes", dir + "/objects"});
         ASSERT_EQ(run.exitCode, kExitOk) << run.err;
         const PlyFile fused = readPly(dir + "/fused.ply");
-        EXPECT_EQ(summaryRow(run.out, "mesh"), std::to_string(fused.faceCount) + " triangles, " +
-                                                   std::to_string(fused.vertexCount) + " vertices");
+        EXPECT_EQ(summaryRow(run.out, "mesh"), std::to_string(fused.faces.size()) + " triangles, " +
+                                                   std::to_string(fused.vertices.size()) +
+                                                   " vertices");
         const nlohmann::json planes = nlohmann::json::parse(readText(dir + "/planes.json"));
         EXPECT_EQ(std::to_string(planes["planes"].size()), summaryRow(run.out, "planes"));
         const nlohmann::json instances = nlohmann::json::parse(readText(dir + "/instances.json"));
