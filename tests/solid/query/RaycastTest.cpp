@@ -1,10 +1,11 @@
 // Rendering the volume back: the march of one ray against fused analytic walls, the depth frame
-// rendered from the pose a view was fused from, the block walk that picks the first block, and
-// the verbose trace of a march.
+// rendered from the pose a view was fused from, the block walk that picks the first block, the
+// renderer's copy of the block table, and the verbose trace of a march.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -255,6 +256,39 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
     EXPECT_EQ(found, KeyType(0, 0, 4));
 }
 
+// The renderer's copy of the block table answers every key as the table does: dense over a
+// compact box (negative keys included), hashed once one far block makes the box sparse, and
+// empty; keys just outside the box and at the ends of the key range find nothing.
+TEST(RaycastTableSnapshot, AnswersEveryKeyAsTheTable) {
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kCellSize);
+    const auto expectSameAnswers = [&grid](const std::vector<KeyType>& extra) {
+        const DepthGrid::TableSnapshot snapshot(grid);
+        std::vector<KeyType> keys = extra;
+        for (int z = -4; z <= 3; ++z) {
+            for (int y = -4; y <= 3; ++y) {
+                for (int x = -4; x <= 3; ++x) {
+                    keys.emplace_back(x, y, z);
+                }
+            }
+        }
+        for (const KeyType& key : keys) {
+            EXPECT_EQ(snapshot.find(key), grid.findEntry(key))
+                << key(0) << " " << key(1) << " " << key(2);
+        }
+    };
+    const std::vector<KeyType> far = {KeyType(INT_MIN, INT_MIN, INT_MIN), KeyType(INT_MAX, 0, 0),
+                                      KeyType(0, INT_MIN, INT_MAX), KeyType(900, -2, 1),
+                                      KeyType(900, -2, 2)};
+    expectSameAnswers(far);
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_TRUE(grid.ensure(KeyType(i % 3 - 2, (i / 3) % 3 - 1, i / 9 - 2)));
+    }
+    expectSameAnswers(far);
+    ASSERT_TRUE(grid.ensure(KeyType(900, -2, 1)));
+    expectSameAnswers(far);
+}
+
 // The march as it reads in words: a grid lookup under its locks for every sample.
 template <typename Grid>
 float plainMarch(const Grid& grid, const Vec3& origin, const Vec3& direction, float nearPlane,
@@ -358,6 +392,10 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
             PinholeCamera camera;
             camera.T_world_camera = Velmora::Test::lookAt(views[v][0], views[v][1], {0, 0, 1});
             Velmora::Test::fuseView(grid, room, camera, 5.0f * cell);
+        }
+        if (cell == 0.01f) {
+            // A block far away makes the renderer's table copy hashed rather than dense.
+            ASSERT_TRUE(grid.ensure(KeyType(-5000, 40, 3000)));
         }
         for (const Eye& view : views) {
             PinholeCamera camera;
