@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
 
 #include "common/Logger.h"
@@ -149,6 +150,11 @@ public:
                        floorToKey(p(2) * mInverseDimension[2]));
     }
 
+    // The floats of axis `a` whose key component is `k`.
+    bool keyInterval(int a, int k, float& low, float& high) const {
+        return keyComponentInterval(k, mDimension[a], mInverseDimension[a], low, high);
+    }
+
     Vec3 local(const Vec3& p, const KeyType& key) const {
         return Vec3(p(0) - mDimension[0] * static_cast<float>(key(0)),
                     p(1) - mDimension[1] * static_cast<float>(key(1)),
@@ -190,6 +196,9 @@ public:
         return trilinearValue(mEntry->block, mFrame.local(p, key));
     }
 
+    // Never: a block missing at the last read may have been created since.
+    bool inMissingBlock(const Vec3& /*p*/) const { return false; }
+
 private:
     const Grid& mGrid;
     BlockFrame mFrame;
@@ -216,6 +225,9 @@ public:
         if (!(key == mKey)) {
             mEntry = mSnapshot.find(key);
             mKey = key;
+            if (mEntry == nullptr) {
+                updateIntervals();
+            }
         }
         if (mEntry == nullptr) {
             return kUnobservedValue;
@@ -223,11 +235,51 @@ public:
         return trilinearValue(mEntry->block, mFrame.local(p, key));
     }
 
+    // Whether `p` lies in the block of the last read and that block is missing: a read there
+    // gives -2.0 again, and the march can step on without it.
+    bool inMissingBlock(const Vec3& p) const {
+        return mEntry == nullptr && mCurrent[0].low <= p(0) && p(0) <= mCurrent[0].high &&
+               mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high && mCurrent[2].low <= p(2) &&
+               p(2) <= mCurrent[2].high;
+    }
+
 private:
+    // The float interval of one key component; empty (low above high) where it was not found,
+    // so that every read there looks the block up.
+    struct Interval {
+        int key = INT_MIN;
+        float low = 0.0f;
+        float high = -1.0f;
+    };
+
+    // Brings the intervals of the axes up to `mKey`, from a small cache per axis (the rays of a
+    // rendering cross the same few dozen block planes).
+    void updateIntervals() {
+        for (int a = 0; a < 3; ++a) {
+            const int k = mKey(a);
+            if (mCurrent[a].key == k) {
+                continue;
+            }
+            Interval& cached = mCache[a][static_cast<uint32_t>(k) & (kIntervalCacheSize - 1)];
+            if (cached.key != k) {
+                cached.key = k;
+                if (!mFrame.keyInterval(a, k, cached.low, cached.high)) {
+                    cached.low = std::numeric_limits<float>::infinity();
+                    cached.high = -std::numeric_limits<float>::infinity();
+                }
+            }
+            mCurrent[a] = cached;
+        }
+    }
+
+    static constexpr uint32_t kIntervalCacheSize = 64;
+
     const typename Grid::TableSnapshot& mSnapshot;
     BlockFrame mFrame;
     KeyType mKey;
     const typename Grid::Entry* mEntry;
+    Interval mCurrent[3];  // of the components of `mKey`, while its entry is missing
+    Interval mCache[3][kIntervalCacheSize];
 };
 
 // The march of `raycastSparseVolume`, reading through `reader`, with the verbose log only when
@@ -300,6 +352,20 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
         }
         d = next;
         position += increment;
+        // Samples in the missing block of the last read would read -2.0 again: they are stepped
+        // over with the same additions, so every later position and depth is the same float.
+        while (!verbose && reader.inMissingBlock(position)) {
+            ++samples;
+            if (!(d <= farPlane && samples < kMaxMarchSamples)) {
+                return result;
+            }
+            const float after = d + step;
+            if (after == d) {
+                return result;
+            }
+            d = after;
+            position += increment;
+        }
     }
     return result;
 }
@@ -352,6 +418,8 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                                    ? kMaxWalkBlocks
                                    : static_cast<unsigned>(std::max(marchSamples, 1.0f));
 
+    // One reader for all rays: what it remembers of the last block read holds for every ray.
+    SnapshotSampler<Grid> reader(grid, snapshot);
     AR::CV::Image<float>& depth = depthFrame.depth;
     const int width = depth.width();
     const int height = depth.height();
@@ -381,7 +449,6 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                 continue;
             }
             ++stats.raycastRays;
-            SnapshotSampler<Grid> reader(grid, snapshot);
             const Vec4 hit = march(reader, grid.config().spacing(0), verbose, cameraPosition,
                                    direction, start, farPlane, stepFactor);
             row[x] = hit(3);

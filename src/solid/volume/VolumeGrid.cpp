@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "common/OS.h"
 
@@ -206,6 +207,44 @@ const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::findEntry(
 
 namespace {
 
+// Key components whose float interval is searched, and the float steps of a search: far inside
+// the range where a float still counts single blocks, the product k * dimension lies within a
+// float or two of the interval's end.
+constexpr int kMaxIntervalKey = 1 << 22;
+constexpr int kMaxIntervalSteps = 8;
+
+// The float just below a finite `v` (std::nextafter toward -infinity, without its call).
+float nextDown(float v) {
+    if (v == 0.0f) {
+        return -std::numeric_limits<float>::denorm_min();
+    }
+    uint32_t bits;
+    std::memcpy(&bits, &v, sizeof(bits));
+    bits = v > 0.0f ? bits - 1 : bits + 1;
+    std::memcpy(&v, &bits, sizeof(bits));
+    return v;
+}
+
+// The least float v whose key component is `k` or more, by single float steps from
+// k * dimension; false when that takes more than a few steps.
+bool lowestOfKey(int k, float dimension, float inverseDimension, float& lowest) {
+    float v = static_cast<float>(k) * dimension;
+    for (int steps = 0; floorToKey(v * inverseDimension) >= k; ++steps) {
+        if (steps == kMaxIntervalSteps) {
+            return false;
+        }
+        v = nextDown(v);
+    }
+    for (int steps = 0; floorToKey(v * inverseDimension) < k; ++steps) {
+        if (steps == kMaxIntervalSteps) {
+            return false;
+        }
+        v = -nextDown(-v);
+    }
+    lowest = v;
+    return true;
+}
+
 // Slots of a hashed table snapshot per block: at most half of them are used.
 constexpr uint32_t kSnapshotSlotsPerBlock = 2;
 constexpr uint32_t kMinSnapshotSlots = 16;
@@ -214,6 +253,17 @@ constexpr uint32_t kMinSnapshotSlots = 16;
 constexpr uint64_t kDenseSnapshotCellsPerBlock = 32;
 
 }  // namespace
+
+bool keyComponentInterval(int k, float dimension, float inverseDimension, float& low, float& high) {
+    float above = 0.0f;
+    if (k < -kMaxIntervalKey || k >= kMaxIntervalKey ||
+        !lowestOfKey(k, dimension, inverseDimension, low) ||
+        !lowestOfKey(k + 1, dimension, inverseDimension, above)) {
+        return false;
+    }
+    high = nextDown(above);
+    return true;
+}
 
 template <typename B, template <typename> class P, typename L>
 VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)

@@ -56,6 +56,11 @@ inline int floorToKey(float v) {
     return floorToKeyInRange(v, key) ? key : INT_MIN;
 }
 
+// The floats v of one axis whose key component floorToKey(v * inverseDimension) is `k`, as
+// [low, high]: an interval, since the product and its floor only grow with v. False for a
+// component beyond +-2^22, where the search from k * dimension is not needed by any scene.
+bool keyComponentInterval(int k, float dimension, float inverseDimension, float& low, float& high);
+
 // Scrambled bits of a block key for the private power-of-two tables of hot loops, where the
 // neighbouring keys of a surface must spread over the low bits (the table hash of the grid is kept
 // for the order of its block sets).

@@ -256,6 +256,33 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
     EXPECT_EQ(found, KeyType(0, 0, 4));
 }
 
+// The march steps over a missing block by the float interval of each key component, which must
+// be exact: its ends have the key, the floats just outside have the neighbouring keys (cell sizes
+// whose block edge is not a float of k * edge, negative keys and zero included); far keys have
+// none.
+TEST(RaycastKeyInterval, EndsAreTheLastFloatsOfTheKey) {
+    const float inf = std::numeric_limits<float>::infinity();
+    for (const float cell : {0.02f, 0.01f, 0.013f}) {
+        DepthGrid grid;
+        Velmora::Test::configureGrid(grid, cell);
+        const float dimension = grid.dimension()(0);
+        const float inverse = grid.inverseDimension()(0);
+        for (int k = -700; k <= 700; ++k) {
+            float low = 0.0f;
+            float high = 0.0f;
+            ASSERT_TRUE(keyComponentInterval(k, dimension, inverse, low, high)) << k;
+            EXPECT_EQ(floorToKey(low * inverse), k) << cell << " " << k;
+            EXPECT_EQ(floorToKey(high * inverse), k) << cell << " " << k;
+            EXPECT_EQ(floorToKey(std::nextafter(low, -inf) * inverse), k - 1) << cell << " " << k;
+            EXPECT_EQ(floorToKey(std::nextafter(high, inf) * inverse), k + 1) << cell << " " << k;
+        }
+        float low = 0.0f;
+        float high = 0.0f;
+        EXPECT_FALSE(keyComponentInterval(1 << 22, dimension, inverse, low, high));
+        EXPECT_FALSE(keyComponentInterval(INT_MIN, dimension, inverse, low, high));
+    }
+}
+
 // The renderer's copy of the block table answers every key as the table does: dense over a
 // compact box (negative keys included), hashed once one far block makes the box sparse, and
 // empty; keys just outside the box and at the ends of the key range find nothing.
