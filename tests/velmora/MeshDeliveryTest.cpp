@@ -406,8 +406,9 @@ TEST(MeshDeliveryBuffers, DescriptorChecks) {
         {"indices do not fit",
          {{kBufferPosition, 0, 0, 12, 12}, {kBufferIndex, 0, 120, 4, 4}},
          kErrorBufferTooSmall},
+        // The last id starts at byte 4 + 9 * 44 = 400 of 400: only its own two bytes overflow.
         {"a stride that reaches past the end",
-         {{kBufferInstanceId, 1, 0, 2, 50}},
+         {{kBufferInstanceId, 1, 4, 2, 44}},
          kErrorBufferTooSmall},
     };
     std::vector<uint8_t> small(120);
