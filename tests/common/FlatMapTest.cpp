@@ -5,8 +5,6 @@
 #include <map>
 #include <random>
 #include <string>
-#include <unordered_map>
-#include <vector>
 
 namespace {
 
@@ -70,26 +68,6 @@ TEST(FlatMap, ValuesTravelWithTheirKeysThroughShiftsRehashesAndErases) {
     EXPECT_EQ(names.size(), reference.size());
     names = copy;
     EXPECT_TRUE(names.empty());
-}
-
-TEST(FlatMap, EraseByIteratorWalksTheRemainder) {
-    FlatMap<unsigned short, int> map;
-    for (unsigned short k = 0; k < 50; ++k) {
-        map[k] = k * 10;
-    }
-    std::vector<unsigned short> before;
-    for (const auto& entry : map) {
-        before.push_back(entry.first);
-    }
-    // Erasing every element in turn visits them in their iteration order.
-    std::vector<unsigned short> visited;
-    for (auto it = map.begin(); it != map.end();) {
-        visited.push_back(it->first);
-        EXPECT_EQ(it->second, it->first * 10);
-        it = map.erase(it);
-    }
-    EXPECT_EQ(visited, before);
-    EXPECT_TRUE(map.empty());
 }
 
 TEST(FlatMapDeathTest, AtAbortsOnAMissingKey) {

@@ -215,15 +215,6 @@ TEST_F(LoggerTest, SystemLogGetsTheTextFromTheColonUnlessAFileTakesTheLine) {
     std::remove(path.c_str());
 }
 
-TEST_F(LoggerTest, OnelineStringChecksItsLevel) {
-    logger().setLevel(Logger::LEVEL_VERBOSE);
-    AR::Common::logOnelineString("short", Logger::LEVEL_INFO);
-    AR::Common::logOnelineString("odd", 9);
-    EXPECT_EQ(capture.lines,
-              (std::vector<std::string>{"AR INFO: short\n",
-                                        "AR ERROR: Unsupported log level 9 message odd\n"}));
-}
-
 TEST(LoggerDeathTest, AssertionReportsAndEndsTheProcess) {
     const std::string tooLong(AR::Common::MAX_LOG_LINE_LEN + 1, 'x');
     EXPECT_DEATH(AR::Common::logOnelineString(tooLong.c_str(), Logger::LEVEL_ERROR), "AR_ASSERT");

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <regex>
 #include <string>
 #include <utility>
 
@@ -115,17 +114,6 @@ TEST(PlatformTiming, SectionsMeasureAndMisuseIsReported) {
     arGetError();
 }
 
-TEST(PlatformClock, ClocksAgreeAndTheTimeStringHasItsForm) {
-    const double seconds = arTimeGetSeconds();
-    const double realNanos = static_cast<double>(arTimeGetNanoSeconds());
-    EXPECT_NEAR(realNanos / 1e9, seconds, 1.0);
-    const int64_t t0 = arTimeGetTimestamp();
-    EXPECT_GE(arTimeGetTimestamp(), t0);
-    std::string text;
-    OS::getTimeString(text);
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << text;
-}
-
 TEST(PlatformThreads, TimedWaitExpiresWithErrorEightAndNullHandlesAreRefused) {
     ArMutex* mutex = arThreadMutexCreate();
     ArCond* cond = arThreadCondCreate();
@@ -149,35 +137,25 @@ TEST(PlatformThreads, TimedWaitExpiresWithErrorEightAndNullHandlesAreRefused) {
     arGetError();
 }
 
-TEST(PlatformFiles, RoundTripPositionsAndExistence) {
+// The library opens files (the log file) and asks for existence (paths); the rest of the file
+// interface is a thin layer over stdio that nothing calls.
+TEST(PlatformFiles, WrittenFilesExistAndBadArgumentsAreRefused) {
     char dirTemplate[] = "/tmp/velmora-platform-XXXXXX";
     ASSERT_NE(mkdtemp(dirTemplate), nullptr);
-    const std::string dir = dirTemplate;
-    const std::string sub = dir + "/sub";
-    const std::string path = sub + "/data.bin";
-    ASSERT_EQ(arFileCreateDirectory(sub.c_str()), 0);
-
+    const std::string path = std::string(dirTemplate) + "/data.bin";
     EXPECT_EQ(arFileExists(path.c_str()), 0);
     ArFile* out = arFileOpen(path.c_str(), "wb");
     ASSERT_NE(out, nullptr);
-    const char payload[] = "velmora";
-    EXPECT_EQ(arFileWrite(out, payload, sizeof(payload) - 1), 7);
-    EXPECT_EQ(arFilePrint(out, "|%d", 42), 3);
+    EXPECT_EQ(arFileWrite(out, "velmora", 7), 7);
     EXPECT_EQ(arFileClose(out), 0);
     EXPECT_TRUE(AR::Common::FileSystem::doesFileExist(AR::Common::Path(path)));
-
-    ArFile* in = arFileOpen(path.c_str(), "rb");
-    ASSERT_NE(in, nullptr);
-    EXPECT_EQ(arFileSetPosition(in, 3, SEEK_SET), 0);
-    char text[16] = {};
-    EXPECT_EQ(arFileRead(in, text, sizeof(text)), 7);
-    EXPECT_STREQ(text, "mora|42");
-    EXPECT_EQ(arFileIsEOF(in), 1);
-    EXPECT_EQ(arFileGetPosition(in), 10);
-    EXPECT_EQ(arFileClose(in), 0);
+    // A path below a regular file is missing (ENOTDIR), not "exists but cannot be examined".
+    EXPECT_EQ(arFileExists((path + "/below").c_str()), 0);
+    EXPECT_EQ(arFileExists(""), 0);
 
     arGetError();
     testing::internal::CaptureStderr();
+    char text[4];
     EXPECT_EQ(arFileRead(nullptr, text, 1), -1);
     EXPECT_EQ(arGetError(), AR_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(arFileExists(nullptr), -1);
@@ -185,15 +163,9 @@ TEST(PlatformFiles, RoundTripPositionsAndExistence) {
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("File is invalid"), std::string::npos);
     EXPECT_NE(log.find("arFileExists(): Path parameter is invalid"), std::string::npos);
-    EXPECT_EQ(arFileExists(""), 0);
-
-    // A path below a regular file is missing (ENOTDIR), not "exists but cannot be examined".
-    EXPECT_EQ(arFileExists((path + "/below").c_str()), 0);
     EXPECT_EQ(arFileDeleteFile(path.c_str()), 0);
     EXPECT_EQ(arFileExists(path.c_str()), 0);
-    EXPECT_EQ(arFileDeleteEmptyDirectory(sub.c_str()), 0);
-    EXPECT_EQ(arFileDeleteEmptyDirectory(dir.c_str()), 0);
-    arGetError();
+    EXPECT_EQ(arFileDeleteEmptyDirectory(dirTemplate), 0);
 }
 
 TEST(PlatformSystemLog, OnlyTheTextFromTheFirstColonIsWritten) {

@@ -1,12 +1,10 @@
-// Identifiers, formatted strings and the stopwatch.
+// Identifiers and formatted strings.
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 
-#include "common/Platform.h"
 #include "common/StringTool.h"
-#include "common/Timing.h"
 #include "common/UUID.h"
 
 namespace {
@@ -82,29 +80,6 @@ TEST(StringTool, FormatsShortAndLongTexts) {
     const std::string longText(700, 'x');
     EXPECT_EQ(format_string("[%s]%d", longText.c_str(), 42), "[" + longText + "]42");
     EXPECT_EQ(format_string("%s", ""), "");
-}
-
-TEST(Timing, SectionsAddUpAndResetClears) {
-    constexpr unsigned kSleepMs = 2;
-    AR::Common::Timing timing;
-    timing.beginSection(true);
-    arThreadSleepMilliSeconds(kSleepMs);
-    EXPECT_GE(timing.getDurationMicroSeconds(true), kSleepMs * 1000);
-    timing.endSection();
-    const int64_t first = timing.getDurationMicroSeconds(false);
-    EXPECT_GE(first, kSleepMs * 1000);
-    timing.beginSection(false);
-    arThreadSleepMilliSeconds(kSleepMs);
-    timing.endSection();
-    const int64_t total = timing.getDurationMicroSeconds(false);
-    EXPECT_GE(total, first + kSleepMs * 1000);
-    EXPECT_FLOAT_EQ(timing.getDuration(false), static_cast<float>(total) / 1e6f);
-    EXPECT_FLOAT_EQ(timing.getDurationMilliseconds(false), static_cast<float>(total) / 1e3f);
-    timing.beginSection(true);
-    timing.endSection();
-    EXPECT_LT(timing.getDurationMicroSeconds(false), total);
-    timing.reset();
-    EXPECT_EQ(timing.getDurationMicroSeconds(false), 0);
 }
 
 }  // namespace

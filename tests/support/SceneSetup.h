@@ -1,24 +1,99 @@
-// A scene initialised for a test, created as a host would create it.
+// Scenes created and fed as a host would: init with a config, rendered views of an analytic world
+// fused in either run mode, and the host's two calls for the instances.
 #ifndef VELMORA_TESTS_SUPPORT_SCENESETUP_H
 #define VELMORA_TESTS_SUPPORT_SCENESETUP_H
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
+#include "support/AnalyticScene.h"
 #include "velmora/Impl.h"
+#include "velmora/ImplState.h"
 
 namespace Velmora {
 namespace Test {
 
-inline std::unique_ptr<Impl> makeInitialisedScene(int32_t mode, float cellSize, float truncation) {
+inline std::unique_ptr<Impl> makeInitialisedScene(int32_t mode, float cellSize, float truncation,
+                                                  bool labelPlanes = false) {
     std::unique_ptr<Impl> scene(static_cast<Impl*>(newVelmora()));
     Config config{};
     config.cellSize = cellSize;
     config.truncation = truncation;
     config.mode = mode;
+    config.labelPlanes = labelPlanes;
     EXPECT_EQ(scene->init(config), kSuccess);
     return scene;
+}
+
+// One view: depth and labels together in combined mode; in split mode depth, then the labels as
+// a call of their own when `withLabels`.
+inline void fuseView(IVelmora& scene, int32_t mode, const AnalyticScene& world,
+                     const PinholeCamera& camera, bool withLabels = true) {
+    const RenderedFrame frame = render(world, camera);
+    const Image images[2] = {frame.depthImage(), frame.labelImage()};
+    if (mode == kModeCombined) {
+        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 2}), kSuccess);
+        return;
+    }
+    ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 1}), kSuccess);
+    if (withLabels) {
+        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images + 1, 1}),
+                  kSuccess);
+    }
+}
+
+// A width x height camera (principal point in the middle) at `eye` looking at `target`, z up.
+inline PinholeCamera viewFrom(const Vec3d& eye, const Vec3d& target, int width = 160,
+                              int height = 120, double focal = 110.0) {
+    PinholeCamera camera;
+    camera.width = width;
+    camera.height = height;
+    camera.fx = camera.fy = focal;
+    camera.cx = (width - 1) / 2.0;
+    camera.cy = (height - 1) / 2.0;
+    camera.T_world_camera = lookAt(eye, target, {0, 0, 1});
+    return camera;
+}
+
+struct TrueBox {
+    Vec3d min;
+    Vec3d max;
+    uint8_t label;
+};
+
+// A floor (label 1, grey) with red boxes on it.
+inline AnalyticScene boxesOnAFloor(const std::vector<TrueBox>& boxes) {
+    AnalyticScene scene;
+    scene.add(makeHalfSpace({0, 0, 1}, 0.0, 1, {120, 120, 120}));
+    for (const TrueBox& box : boxes) {
+        scene.add(makeBox(box.min, box.max, box.label, {200, 50, 50}));
+    }
+    return scene;
+}
+
+struct InstanceReport {
+    XrResultVLM result = 0;
+    std::vector<ObjectInstance> instances;
+    std::vector<SubsumedLink> links;
+};
+
+// The host's two calls: counts, then the arrays.
+inline InstanceReport readInstances(IVelmora& scene) {
+    InstanceReport report;
+    span<ObjectInstance> instances{};
+    span<SubsumedLink> links{};
+    report.result = scene.getObjectInstances(instances, links);
+    if (report.result != kErrorBufferTooSmall) {
+        return report;
+    }
+    report.instances.resize(instances.size);
+    report.links.resize(links.size);
+    instances.data = report.instances.data();
+    links.data = report.links.data();
+    report.result = scene.getObjectInstances(instances, links);
+    return report;
 }
 
 }  // namespace Test

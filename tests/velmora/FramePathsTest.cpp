@@ -26,14 +26,7 @@ std::unique_ptr<Impl> makeScene(int32_t mode) {
 }
 
 PinholeCamera wallCamera(int width = 80, int height = 60) {
-    PinholeCamera camera;
-    camera.width = width;
-    camera.height = height;
-    camera.fx = camera.fy = 65.0 * width / 80.0;
-    camera.cx = (width - 1) / 2.0;
-    camera.cy = (height - 1) / 2.0;
-    camera.T_world_camera = Velmora::Test::lookAt({2.0, 1.5, 1.3}, {4.0, 1.8, 1.0}, {0, 0, 1});
-    return camera;
+    return Test::viewFrom({2.0, 1.5, 1.3}, {4.0, 1.8, 1.0}, width, height, 65.0 * width / 80.0);
 }
 
 XrResultVLM submitOne(Impl& scene, const PinholeCamera& camera, const Image& image) {
@@ -105,12 +98,7 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
         Impl::State& s = internalState(*scene);
         const PinholeCamera camera = wallCamera();
         const RenderedFrame frame = render(room, camera);
-        std::vector<Image> fuse = {frame.depthImage()};
-        if (mode == 0)
-            fuse.push_back(frame.labelImage());
-        ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
-                                      span<const Image>{fuse.data(), uint32_t(fuse.size())}),
-                  kSuccess);
+        Velmora::Test::fuseView(*scene, mode, room, camera, false);
 
         // A colour image alone: depth rendered from the volume, close to the wall's true depth.
         ASSERT_EQ(submitOne(*scene, camera, frame.colorImage()), kSuccess) << mode;
@@ -166,7 +154,9 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
     }
 }
 
-TEST(FramePaths, CombinedLaterColourOfAnotherSizeKeepsDepthAndLabels) {
+// Colour submitted with depth and labels is kept with the submitted depth and pose, also when a
+// later frame is smaller and its principal point lies outside the first frame's size.
+TEST(FramePaths, CombinedColourIsKeptAlongsideFusion) {
     const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
     auto scene = makeScene(0);
     Impl::State& s = internalState(*scene);
@@ -176,38 +166,23 @@ TEST(FramePaths, CombinedLaterColourOfAnotherSizeKeepsDepthAndLabels) {
     ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
                                   span<const Image>{images.data(), 3}),
               kSuccess);
+    ASSERT_EQ(s.mTexture.keyframes.size(), 1u);
+    EXPECT_EQ(s.mTexture.keyframes[0].depthU16(10, 10),
+              frame.depthMillimetres[10 * camera.width + 10]);
+    EXPECT_NE(s.mTexture.keyframes[0].pose(0, 3), 0.0f);
     const size_t blocks = s.mLabelDepthVolumeGrid->size();
-    // A smaller frame whose intrinsics put the principal point outside the first frame's depth
-    // image size is still fused and kept.
+    ASSERT_GT(blocks, 0u);
     PinholeCamera far = wallCamera(40, 30);
     far.cx = 70.0;
     far.T_world_camera = Velmora::Test::lookAt({1.0, 0.5, 1.3}, {0.0, 0.2, 1.0}, {0, 0, 1});
     const RenderedFrame other = render(room, far);
-    std::vector<Image> second = {other.colorImage(), other.depthImage(), other.labelImage()};
+    images = {other.colorImage(), other.depthImage(), other.labelImage()};
     ASSERT_EQ(
-        scene->submitImages(1, far.intrinsics(), far.pose(), span<const Image>{second.data(), 3}),
+        scene->submitImages(1, far.intrinsics(), far.pose(), span<const Image>{images.data(), 3}),
         kSuccess);
     ASSERT_EQ(s.mTexture.keyframes.size(), 2u);
     EXPECT_EQ(s.mTexture.keyframes[1].rgb.width(), 40);
     EXPECT_GT(s.mLabelDepthVolumeGrid->size(), blocks);
-}
-
-TEST(FramePaths, CombinedColourIsKeptAlongsideFusion) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    auto scene = makeScene(0);
-    const PinholeCamera camera = wallCamera();
-    const RenderedFrame frame = render(room, camera);
-    std::vector<Image> images = {frame.colorImage(), frame.depthImage(), frame.labelImage()};
-    ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
-                                  span<const Image>{images.data(), 3}),
-              kSuccess);
-    Impl::State& s = internalState(*scene);
-    ASSERT_EQ(s.mTexture.keyframes.size(), 1u);
-    const Solid::RGBDFrame& key = s.mTexture.keyframes[0];
-    // The keyframe's depth is the submitted one, its camera the submitted pose.
-    EXPECT_EQ(key.depthU16(10, 10), frame.depthMillimetres[10 * camera.width + 10]);
-    EXPECT_NE(key.pose(0, 3), 0.0f);
-    EXPECT_GT(s.mLabelDepthVolumeGrid->size(), 0u);
 }
 
 }  // namespace

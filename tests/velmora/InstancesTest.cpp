@@ -8,7 +8,6 @@
 #include <memory>
 #include <vector>
 
-#include "support/AnalyticScene.h"
 #include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
@@ -33,11 +32,10 @@ float boundsTolerance(int32_t mode) {
     return (mode == kCombined ? kTruncation : 0.26f) + 1.5f * kCell + 0.01f;
 }
 
-struct TrueBox {
-    Velmora::Test::Vec3d min;
-    Velmora::Test::Vec3d max;
-    uint8_t label;
-};
+using Test::TrueBox;
+using Report = Test::InstanceReport;
+using Test::boxesOnAFloor;
+using Test::readInstances;
 
 // Boxes on a floor: A and B apart, C long enough to span several blocks (a block is 0.32 m).
 const std::vector<TrueBox> kBoxes = {
@@ -46,65 +44,18 @@ const std::vector<TrueBox> kBoxes = {
     {{0.2, 1.3, 0.0}, {1.6, 1.5, 0.25}, 6},
 };
 
-AnalyticScene boxesOnAFloor(const std::vector<TrueBox>& boxes) {
-    AnalyticScene scene;
-    scene.add(Velmora::Test::makeHalfSpace({0, 0, 1}, 0.0, kFloor, {120, 120, 120}));
-    for (const TrueBox& box : boxes)
-        scene.add(Velmora::Test::makeBox(box.min, box.max, box.label, {200, 50, 50}));
-    return scene;
-}
-
 // Views from above the four corners of the boxes' area, looking at its middle.
 std::vector<PinholeCamera> aroundTheBoxes() {
     std::vector<PinholeCamera> cameras;
-    const Velmora::Test::Vec3d eyes[] = {
-        {-0.6, -0.6, 1.4}, {2.4, -0.6, 1.4}, {2.4, 2.3, 1.4}, {-0.6, 2.3, 1.4}};
-    for (const Velmora::Test::Vec3d& eye : eyes) {
-        PinholeCamera camera;
-        camera.width = 160;
-        camera.height = 120;
-        camera.fx = camera.fy = 110.0;
-        camera.cx = 79.5;
-        camera.cy = 59.5;
-        camera.T_world_camera = Velmora::Test::lookAt(eye, {0.9, 0.85, 0.1}, {0, 0, 1});
-        cameras.push_back(camera);
+    for (const Test::Vec3d& eye :
+         {Test::Vec3d{-0.6, -0.6, 1.4}, {2.4, -0.6, 1.4}, {2.4, 2.3, 1.4}, {-0.6, 2.3, 1.4}}) {
+        cameras.push_back(Test::viewFrom(eye, {0.9, 0.85, 0.1}));
     }
     return cameras;
 }
 
-// Depth and labels of one view, as the run mode wants them.
 void fuse(IVelmora& scene, int32_t mode, const AnalyticScene& world, const PinholeCamera& camera) {
-    const Velmora::Test::RenderedFrame frame = Velmora::Test::render(world, camera);
-    const Image images[2] = {frame.depthImage(), frame.labelImage()};
-    if (mode == kCombined) {
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 2}), kSuccess);
-    } else {
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 1}), kSuccess);
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images + 1, 1}),
-                  kSuccess);
-    }
-}
-
-struct Report {
-    XrResultVLM result = 0;
-    std::vector<ObjectInstance> instances;
-    std::vector<SubsumedLink> links;
-};
-
-// The host's two calls: counts, then the arrays.
-Report readInstances(IVelmora& scene) {
-    Report report;
-    span<ObjectInstance> instances{};
-    span<SubsumedLink> links{};
-    report.result = scene.getObjectInstances(instances, links);
-    if (report.result != kErrorBufferTooSmall)
-        return report;
-    report.instances.resize(instances.size);
-    report.links.resize(links.size);
-    instances.data = report.instances.data();
-    links.data = report.links.data();
-    report.result = scene.getObjectInstances(instances, links);
-    return report;
+    Test::fuseView(scene, mode, world, camera);
 }
 
 std::map<uint16_t, std::vector<ObjectInstance>> byLabel(const Report& report) {

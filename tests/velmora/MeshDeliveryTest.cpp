@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "solid/surface/IncrementalExtraction.h"
-#include "support/AnalyticScene.h"
+#include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 #include "velmora/MeshDelivery.h"
@@ -21,57 +21,27 @@
 namespace Velmora {
 namespace {
 
-using Velmora::Test::AnalyticScene;
-using Velmora::Test::PinholeCamera;
+using Test::AnalyticScene;
+using Test::fuseView;
+using Test::makeInitialisedScene;
+using Test::PinholeCamera;
+using Test::Vec3d;
 
 constexpr float kCell = 0.04f;
 constexpr float kTruncation = 0.2f;
-constexpr int32_t kCombined = 0;
-constexpr int32_t kSplit = 1;
 constexpr uint8_t kBoxLabel = 4;
-const Velmora::Test::Vec3d kBoxMin = {0.3, 0.3, 0.0};
-const Velmora::Test::Vec3d kBoxMax = {0.7, 0.7, 0.4};
+const Vec3d kBoxMin = {0.3, 0.3, 0.0};
+const Vec3d kBoxMax = {0.7, 0.7, 0.4};
 const UuidBytes kWholeScene{};
+// Four views from above the corners of the floor around the box.
+const Vec3d kEyes[4] = {{-0.6, -0.6, 1.4}, {1.8, -0.6, 1.4}, {1.8, 1.8, 1.4}, {-0.6, 1.8, 1.4}};
 
-AnalyticScene boxOnAFloor() {
-    AnalyticScene scene;
-    scene.add(Test::makeHalfSpace({0, 0, 1}, 0.0, 1, {120, 120, 120}));
-    scene.add(Test::makeBox(kBoxMin, kBoxMax, kBoxLabel, {200, 50, 50}));
-    return scene;
-}
-
-PinholeCamera viewFrom(const Velmora::Test::Vec3d& eye, const Velmora::Test::Vec3d& target) {
-    PinholeCamera camera;
-    camera.width = 160;
-    camera.height = 120;
-    camera.fx = camera.fy = 110.0;
-    camera.cx = 79.5;
-    camera.cy = 59.5;
-    camera.T_world_camera = Test::lookAt(eye, target, {0, 0, 1});
-    return camera;
+PinholeCamera viewFrom(const Vec3d& eye) {
+    return Velmora::Test::viewFrom(eye, {0.5, 0.5, 0.1});
 }
 
 std::unique_ptr<Impl> makeScene(int32_t mode, bool labelPlanes = true) {
-    std::unique_ptr<Impl> scene(static_cast<Impl*>(newVelmora()));
-    Config config{};
-    config.cellSize = kCell;
-    config.truncation = kTruncation;
-    config.mode = mode;
-    config.labelPlanes = labelPlanes;
-    EXPECT_EQ(scene->init(config), kSuccess);
-    return scene;
-}
-
-void fuse(IVelmora& scene, int32_t mode, const AnalyticScene& world, const PinholeCamera& camera) {
-    const Test::RenderedFrame frame = Test::render(world, camera);
-    const Image images[2] = {frame.depthImage(), frame.labelImage()};
-    if (mode == kCombined) {
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 2}), kSuccess);
-    } else {
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 1}), kSuccess);
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images + 1, 1}),
-                  kSuccess);
-    }
+    return makeInitialisedScene(mode, kCell, kTruncation, labelPlanes);
 }
 
 // A host's mesh: counts, then arrays.
@@ -82,33 +52,27 @@ struct HostMesh {
     std::vector<uint16_t> ids;
 };
 
-HostMesh readMesh(IVelmora& scene, const UuidBytes& uuid, bool annotate = true) {
+HostMesh readMesh(IVelmora& scene, const UuidBytes& uuid) {
     HostMesh out;
     PolygonMesh mesh{};
-    out.result = scene.extractSurface(mesh, annotate, uuid, TextureQuality{});
+    out.result = scene.extractSurface(mesh, true, uuid, TextureQuality{});
     if (out.result != kErrorBufferTooSmall) {
         return out;
     }
     out.positions.resize(mesh.positionCount);
     out.indices.resize(mesh.indexCount);
-    out.ids.resize(annotate ? mesh.instanceIdCount : 0);
+    out.ids.resize(mesh.instanceIdCount);
     mesh.positions = out.positions.data();
     mesh.indices = out.indices.data();
     mesh.instanceIds = out.ids.data();
-    out.result = scene.extractSurface(mesh, annotate, uuid, TextureQuality{});
+    out.result = scene.extractSurface(mesh, true, uuid, TextureQuality{});
     return out;
 }
 
 UuidBytes boxInstance(IVelmora& scene) {
-    span<ObjectInstance> instances{};
-    span<SubsumedLink> links{};
-    EXPECT_EQ(scene.getObjectInstances(instances, links), kErrorBufferTooSmall);
-    std::vector<ObjectInstance> found(instances.size);
-    std::vector<SubsumedLink> linkData(links.size);
-    instances.data = found.data();
-    links.data = linkData.data();
-    EXPECT_EQ(scene.getObjectInstances(instances, links), kSuccess);
-    for (const ObjectInstance& instance : found) {
+    const Velmora::Test::InstanceReport report = Velmora::Test::readInstances(scene);
+    EXPECT_EQ(report.result, kSuccess);
+    for (const ObjectInstance& instance : report.instances) {
         if (instance.label == kBoxLabel) {
             return instance.uuid;
         }
@@ -117,21 +81,23 @@ UuidBytes boxInstance(IVelmora& scene) {
     return UuidBytes{};
 }
 
+void fuseAround(IVelmora& scene, int32_t mode, const AnalyticScene& world) {
+    for (const Vec3d& eye : kEyes) {
+        fuseView(scene, mode, world, viewFrom(eye));
+    }
+}
+
 class MeshDeliveryTest : public ::testing::TestWithParam<int32_t> {
 protected:
     void SetUp() override {
         scene = makeScene(GetParam());
-        for (const Velmora::Test::Vec3d& eye :
-             {Velmora::Test::Vec3d{-0.6, -0.6, 1.4}, Velmora::Test::Vec3d{1.8, -0.6, 1.4},
-              Velmora::Test::Vec3d{1.8, 1.8, 1.4}, Velmora::Test::Vec3d{-0.6, 1.8, 1.4}}) {
-            fuse(*scene, GetParam(), world, viewFrom(eye, {0.5, 0.5, 0.1}));
-        }
+        fuseAround(*scene, GetParam(), world);
     }
 
-    AnalyticScene world = boxOnAFloor();
+    AnalyticScene world = Velmora::Test::boxesOnAFloor({{kBoxMin, kBoxMax, kBoxLabel}});
     std::unique_ptr<Impl> scene;
 };
-INSTANTIATE_TEST_SUITE_P(BothModes, MeshDeliveryTest, ::testing::Values(kCombined, kSplit));
+INSTANTIATE_TEST_SUITE_P(BothModes, MeshDeliveryTest, ::testing::Values(kModeCombined, kModeSplit));
 
 TEST_P(MeshDeliveryTest, TheSceneAndTheBoxLieOnTheirTrueSurfaces) {
     const UuidBytes box = boxInstance(*scene);
@@ -222,10 +188,8 @@ TEST_P(MeshDeliveryTest, OnlyChangedBlocksAreRemeshedAndNoneIsLost) {
         streams[{key[0], key[1], key[2]}] = mesh.findPositions();
     }
     // A narrow view of one corner of the floor touches a few blocks only.
-    PinholeCamera close = viewFrom({1.6, 1.6, 0.5}, {1.9, 1.9, 0.0});
-    close.width = close.height = 24;
-    close.cx = close.cy = 11.5;
-    fuse(*scene, GetParam(), world, close);
+    fuseView(*scene, GetParam(), world,
+             Velmora::Test::viewFrom({1.6, 1.6, 0.5}, {1.9, 1.9, 0.0}, 24, 24));
     Solid::IndexSet changed;
     {
         std::lock_guard<std::mutex> lock(state.mSurfaces.updatedBlocksMutex);
@@ -257,7 +221,7 @@ TEST_P(MeshDeliveryTest, OnlyChangedBlocksAreRemeshedAndNoneIsLost) {
     Solid::IndexSet all;
     Solid::ExtractSurfaceStats stats;
     auto collect = [&all](const Solid::KeyType& key, const auto&) { all.insert(key); };
-    if (GetParam() == kCombined) {
+    if (GetParam() == kModeCombined) {
         state.mLabelDepthVolumeGrid->for_each(collect);
         Solid::extractSurfaceIncremental(
             *state.mLabelDepthVolumeGrid, all, fresh, stats,
@@ -277,12 +241,11 @@ TEST_P(MeshDeliveryTest, OnlyChangedBlocksAreRemeshedAndNoneIsLost) {
 // Colour frames from two of the depth views: in combined mode with their depth and labels, in
 // split mode alone.
 void addColourFrames(IVelmora& scene, int32_t mode, const AnalyticScene& world) {
-    for (const Velmora::Test::Vec3d& eye :
-         {Velmora::Test::Vec3d{-0.6, -0.6, 1.4}, Velmora::Test::Vec3d{1.8, 1.8, 1.4}}) {
-        const PinholeCamera camera = viewFrom(eye, {0.5, 0.5, 0.1});
+    for (const Vec3d& eye : {kEyes[0], kEyes[2]}) {
+        const PinholeCamera camera = viewFrom(eye);
         const Test::RenderedFrame frame = Test::render(world, camera);
         std::vector<Image> images = {frame.colorImage()};
-        if (mode == kCombined) {
+        if (mode == kModeCombined) {
             images.push_back(frame.depthImage());
             images.push_back(frame.labelImage());
         }
@@ -360,18 +323,14 @@ TEST_P(MeshDeliveryTest, VertexColoursComeFromTheColourFrames) {
     ASSERT_GT(unseen, 0u);
     // A new depth frame re-meshes part of the room: those blocks are coloured again, the others
     // keep theirs, and colours stay aligned with their vertices.
-    fuse(*scene, GetParam(), world, viewFrom({0.5, -1.0, 1.2}, {0.5, 0.5, 0.1}));
+    fuseView(*scene, GetParam(), world, viewFrom({0.5, -1.0, 1.2}));
     std::vector<XrVector3fVLM> again;
     std::vector<XrColor4fVLM> againColors;
     readColouredMesh(*scene, 0, again, againColors);
     checkColours(again, againColors);
 
     std::unique_ptr<Impl> pruned = makeScene(GetParam());
-    for (const Velmora::Test::Vec3d& eye :
-         {Velmora::Test::Vec3d{-0.6, -0.6, 1.4}, Velmora::Test::Vec3d{1.8, -0.6, 1.4},
-          Velmora::Test::Vec3d{1.8, 1.8, 1.4}, Velmora::Test::Vec3d{-0.6, 1.8, 1.4}}) {
-        fuse(*pruned, GetParam(), world, viewFrom(eye, {0.5, 0.5, 0.1}));
-    }
+    fuseAround(*pruned, GetParam(), world);
     addColourFrames(*pruned, GetParam(), world);
     std::vector<XrVector3fVLM> kept;
     std::vector<XrColor4fVLM> keptColors;
@@ -389,10 +348,10 @@ TEST(MeshDeliveryResults, CodesAndCounts) {
               kErrorNotInitialized);
     UuidBytes someInstance{};
     someInstance[8] = 3;
-    std::unique_ptr<Impl> unlabelled = makeScene(kSplit, false);
+    std::unique_ptr<Impl> unlabelled = makeScene(kModeSplit, false);
     EXPECT_EQ(unlabelled->extractSurface(mesh, false, someInstance, TextureQuality{}),
               kErrorInstanceMeshDisabled);
-    std::unique_ptr<Impl> scene = makeScene(kCombined);
+    std::unique_ptr<Impl> scene = makeScene(kModeCombined);
     EXPECT_EQ(scene->extractSurface(mesh, false, someInstance, TextureQuality{}),
               kErrorUnknownInstance);
     // The empty scene: an empty mesh, in both forms, indices included.
@@ -409,7 +368,8 @@ TEST(MeshDeliveryResults, CodesAndCounts) {
               kSuccess);
     EXPECT_EQ(buffer.indexCount, 0u);
     // A full scene with capacities of 0: -11 and the requested counts.
-    fuse(*scene, kCombined, boxOnAFloor(), viewFrom({-0.6, -0.6, 1.4}, {0.5, 0.5, 0.1}));
+    fuseView(*scene, kModeCombined, Velmora::Test::boxesOnAFloor({{kBoxMin, kBoxMax, kBoxLabel}}),
+             viewFrom(kEyes[0]));
     mesh = PolygonMesh{};
     mesh.texCoordCount = 5;
     TextureQuality colours{};
@@ -446,8 +406,9 @@ TEST(MeshDeliveryBuffers, DescriptorChecks) {
         {"indices do not fit",
          {{kBufferPosition, 0, 0, 12, 12}, {kBufferIndex, 0, 120, 4, 4}},
          kErrorBufferTooSmall},
+        // The last id starts at byte 4 + 9 * 44 = 400 of 400: only its own two bytes overflow.
         {"a stride that reaches past the end",
-         {{kBufferInstanceId, 1, 0, 2, 50}},
+         {{kBufferInstanceId, 1, 4, 2, 44}},
          kErrorBufferTooSmall},
     };
     std::vector<uint8_t> small(120);

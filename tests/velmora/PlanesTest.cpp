@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/PlaneScenes.h"
+#include "support/SceneSetup.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 #include "velmora/ObjectIds.h"
@@ -39,23 +40,9 @@ Config planeConfig(int32_t mode, bool detectPlanes = true) {
     return config;
 }
 
-// Fuses view `v` of the tour: depth and labels together in combined mode; in split mode depth,
-// and labels as a call of their own when `withLabels`.
 void submitView(IVelmora& scene, int32_t mode, const Velmora::Test::PinholeCamera& camera,
                 const Velmora::Test::AnalyticScene& room, bool withLabels = true) {
-    const Velmora::Test::RenderedFrame frame = Velmora::Test::render(room, camera);
-    if (mode == 0) {
-        const Image images[2] = {frame.depthImage(), frame.labelImage()};
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images, 2}), kSuccess);
-        return;
-    }
-    const Image depth = frame.depthImage();
-    ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {&depth, 1}), kSuccess);
-    if (withLabels) {
-        const Image labels = frame.labelImage();
-        ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {&labels, 1}),
-                  kSuccess);
-    }
+    Velmora::Test::fuseView(scene, mode, room, camera, withLabels);
 }
 
 struct ReadPlane {

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "math/SolidTypes.h"
-#include "support/AnalyticScene.h"
+#include "support/SceneSetup.h"
 #include "velmora/Velmora.h"
 
 namespace Velmora {
@@ -37,25 +37,15 @@ AnalyticScene floorAndWall() {
 }
 
 std::unique_ptr<IVelmora> fusedScene(int32_t mode) {
-    std::unique_ptr<IVelmora> scene(newVelmora());
-    Config config{};
-    config.cellSize = kCellSize;
-    config.truncation = kTruncation;
-    config.mode = mode;
-    EXPECT_EQ(scene->init(config), kSuccess);
-    const AnalyticScene world = floorAndWall();
-    const Test::Pose views[] = {
-        Test::lookAt({1.0, 1.0, 1.0}, {2.0, 1.0, 1.0}, {0, 1, 0}),  // the wall head-on
-        Test::lookAt({1.0, 1.0, 1.0}, {1.0, 0.0, 1.0}, {1, 0, 0}),  // straight down
-        Test::lookAt({1.2, 0.8, 1.0}, {2.0, 0.0, 1.0}, {0, 1, 0}),  // the corner
-    };
-    for (const Test::Pose& view : views) {
+    std::unique_ptr<IVelmora> scene = Test::makeInitialisedScene(mode, kCellSize, kTruncation);
+    for (const Test::Pose& view : {
+             Test::lookAt({1.0, 1.0, 1.0}, {2.0, 1.0, 1.0}, {0, 1, 0}),  // the wall head-on
+             Test::lookAt({1.0, 1.0, 1.0}, {1.0, 0.0, 1.0}, {1, 0, 0}),  // straight down
+             Test::lookAt({1.2, 0.8, 1.0}, {2.0, 0.0, 1.0}, {0, 1, 0}),  // the corner
+         }) {
         PinholeCamera camera;
         camera.T_world_camera = view;
-        const Test::RenderedFrame frame = Test::render(world, camera);
-        const Image images[2] = {frame.depthImage(), frame.labelImage()};
-        const span<const Image> submitted{images, mode == kCombined ? 2u : 1u};
-        EXPECT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(), submitted), kSuccess);
+        Test::fuseView(*scene, mode, floorAndWall(), camera, false);
     }
     return scene;
 }
@@ -290,12 +280,8 @@ TEST_P(Placement, OnAFloorAndOnAWall) {
 INSTANTIATE_TEST_SUITE_P(RunModes, Placement, ::testing::Values(kCombined, kSplit));
 
 TEST(Queries, PlacementInAModeWithoutGrids) {
-    std::unique_ptr<IVelmora> scene(newVelmora());
-    Config config{};
-    config.cellSize = kCellSize;
-    config.truncation = kTruncation;
-    config.mode = 2;
-    ASSERT_EQ(scene->init(config), kSuccess);
+    std::unique_ptr<IVelmora> scene =
+        Velmora::Test::makeInitialisedScene(2, kCellSize, kTruncation);
     PlacementInfo info{};
     info.result = 1;
     info.label = 5;

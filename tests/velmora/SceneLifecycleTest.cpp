@@ -6,9 +6,11 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <string>
+#include <vector>
 
+#include "common/Logger.h"
 #include "velmora/Impl.h"
-#include "velmora/ImplState.h"
 #include "velmora/Velmora.h"
 
 namespace Velmora {
@@ -35,45 +37,38 @@ TEST(SceneLifecycle, VersionTextIsExactAndNeedsNoInit) {
     EXPECT_EQ(scene->getVersion(), version);
 }
 
+// cellSize is checked before truncation; a truncation of exactly five cells is the least one;
+// a failed init leaves the object in the constructed state; the run mode is not checked.
 TEST(SceneLifecycle, InitChecksConfigInOrderAndChangesNothingOnFailure) {
-    auto scene = makeScene();
-    // cellSize is tested first, even when truncation is bad too.
-    EXPECT_EQ(scene->init(makeConfig(0.0f, 0.0f, 1)), kErrorCellSizeInvalid);
-    EXPECT_EQ(scene->init(makeConfig(-0.01f, 1.0f, 1)), kErrorCellSizeInvalid);
-    EXPECT_EQ(scene->init(makeConfig(NAN, 1.0f, 1)), kErrorCellSizeInvalid);
-    EXPECT_EQ(scene->init(makeConfig(0.02f, 0.05f, 1)), kErrorTruncationTooSmall);
-    // A failed init leaves the object in the constructed state.
-    span<ObjectInstance> instances{};
-    span<SubsumedLink> links{};
-    EXPECT_EQ(scene->getObjectInstances(instances, links), kErrorNotInitialized);
-    EXPECT_EQ(scene->init(makeConfig(0.02f, 0.1f, 1)), kSuccess);
-}
-
-TEST(SceneLifecycle, TruncationOfExactlyFiveCellsIsTheBoundary) {
-    const float cell = 0.02f;
-    const float fiveCells = cell * 5.0f;
-    EXPECT_EQ(Impl::checkConfig(makeConfig(cell, fiveCells, 0)), kSuccess);
-    EXPECT_EQ(Impl::checkConfig(makeConfig(cell, std::nextafter(fiveCells, 0.0f), 0)),
-              kErrorTruncationTooSmall);
-    auto scene = makeScene();
-    EXPECT_EQ(scene->init(makeConfig(cell, std::nextafter(fiveCells, 0.0f), 0)),
-              kErrorTruncationTooSmall);
-    EXPECT_EQ(scene->init(makeConfig(cell, fiveCells, 0)), kSuccess);
-}
-
-TEST(SceneLifecycle, SecondInitIsRefusedWhateverTheConfig) {
-    auto scene = makeScene();
-    ASSERT_EQ(scene->init(makeConfig(0.02f, 0.1f, 0)), kSuccess);
-    EXPECT_EQ(scene->init(makeConfig(0.02f, 0.1f, 0)), kErrorAlreadyInitialized);
-    EXPECT_EQ(scene->init(makeConfig(0.0f, 0.0f, 0)), kErrorAlreadyInitialized);
-}
-
-TEST(SceneLifecycle, UnknownModeInitialises) {
-    auto scene = makeScene();
-    EXPECT_EQ(scene->init(makeConfig(0.02f, 0.1f, 7)), kSuccess);
-    auto* impl = static_cast<Impl*>(scene.get());
-    // No grid exists: saving writes nothing and still reports success.
-    EXPECT_EQ(impl->saveVolumes("/nonexistent-dir/never-written"), 1);
+    const float fiveCells = 0.02f * 5.0f;
+    const struct {
+        float cellSize;
+        float truncation;
+        XrResultVLM result;
+    } cases[] = {
+        {0.0f, 0.0f, kErrorCellSizeInvalid},
+        {-0.01f, 1.0f, kErrorCellSizeInvalid},
+        {NAN, 1.0f, kErrorCellSizeInvalid},
+        {0.02f, 0.05f, kErrorTruncationTooSmall},
+        {0.02f, std::nextafter(fiveCells, 0.0f), kErrorTruncationTooSmall},
+    };
+    for (int32_t mode : {0, 1, 7}) {
+        auto scene = makeScene();
+        for (const auto& c : cases) {
+            EXPECT_EQ(scene->init(makeConfig(c.cellSize, c.truncation, mode)), c.result)
+                << c.cellSize << " " << c.truncation;
+        }
+        span<ObjectInstance> instances{};
+        span<SubsumedLink> links{};
+        EXPECT_EQ(scene->getObjectInstances(instances, links), kErrorNotInitialized);
+        EXPECT_EQ(scene->init(makeConfig(0.02f, fiveCells, mode)), kSuccess);
+        EXPECT_EQ(scene->init(makeConfig(0.02f, 0.1f, mode)), kErrorAlreadyInitialized);
+        EXPECT_EQ(scene->init(makeConfig(0.0f, 0.0f, mode)), kErrorAlreadyInitialized);
+    }
+    // A mode without grids: saving writes nothing and still reports success.
+    auto unknownMode = makeScene();
+    ASSERT_EQ(unknownMode->init(makeConfig(0.02f, 0.1f, 7)), kSuccess);
+    EXPECT_EQ(static_cast<Impl*>(unknownMode.get())->saveVolumes("/nonexistent-dir/never"), 1);
 }
 
 TEST(SceneLifecycle, EveryIntrinsicsFieldMustBeFiniteAndAboveZero) {
@@ -150,8 +145,27 @@ TEST(SceneLifecycle, PlanesDisabledAndZeroPlacementDirection) {
     config.detectPlanes = true;
     ASSERT_EQ(withPlanes->init(config), kSuccess);
     EXPECT_EQ(withPlanes->getPlanes(planes, links), kSuccess);
-    EXPECT_TRUE(internalState(*static_cast<Impl*>(withPlanes.get())).mPlaneDetector.isEnabled());
-    EXPECT_FALSE(internalState(*static_cast<Impl*>(scene.get())).mPlaneDetector.isEnabled());
+}
+
+class LogLines : public AR::Common::LogTarget {
+public:
+    void write(int, const char* text, size_t length) override { lines.emplace_back(text, length); }
+    std::vector<std::string> lines;
+};
+
+TEST(SceneLifecycle, GetVersionLogsOnceAtTheDefaultLevelAndNotBelowIt) {
+    AR::Common::Logger& logger = AR::Common::Logger::getInstance();
+    LogLines log;
+    logger.addTarget(&log);
+    auto scene = makeScene();
+    scene->getVersion();
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.lines[0], "AR DEBUG: Impl::getVersion()\n");
+    logger.setLevel(AR::Common::Logger::LEVEL_WARNING);
+    scene->getVersion();
+    EXPECT_EQ(log.lines.size(), 1u);
+    logger.setLevel(AR::Common::Logger::kDefaultLevel);
+    logger.removeTarget(&log);
 }
 
 }  // namespace

@@ -37,18 +37,11 @@ std::unique_ptr<Impl> makeScene(int32_t mode) {
     return Test::makeInitialisedScene(mode, kCell, kTruncation);
 }
 
+// A view from near the middle of the room towards a wall, turned by `angle`.
 PinholeCamera roomCamera(double angle) {
-    PinholeCamera camera;
-    camera.width = 80;
-    camera.height = 60;
-    camera.fx = camera.fy = 65.0;
-    camera.cx = 39.5;
-    camera.cy = 29.5;
-    const Velmora::Test::Vec3d eye{2.0 + 0.3 * std::cos(angle), 1.5 + 0.3 * std::sin(angle), 1.3};
-    const Velmora::Test::Vec3d target{2.0 + 2.0 * std::cos(angle + 0.5),
-                                      1.5 + 2.0 * std::sin(angle + 0.5), 0.9};
-    camera.T_world_camera = Velmora::Test::lookAt(eye, target, {0, 0, 1});
-    return camera;
+    return Test::viewFrom(
+        {2.0 + 0.3 * std::cos(angle), 1.5 + 0.3 * std::sin(angle), 1.3},
+        {2.0 + 2.0 * std::cos(angle + 0.5), 1.5 + 2.0 * std::sin(angle + 0.5), 0.9}, 80, 60, 65.0);
 }
 
 size_t blockCount(Impl& scene) {
@@ -267,15 +260,7 @@ TEST(SubmitImagesFusion, RoomMatchesTrueDistanceInBothModes) {
     for (int32_t mode : {0, 1}) {
         auto scene = makeScene(mode);
         for (int f = 0; f < 4; ++f) {
-            const PinholeCamera camera = roomCamera(1.5 * f);
-            const RenderedFrame frame = render(room, camera);
-            std::vector<Image> images = {frame.depthImage()};
-            if (mode == 0)
-                images.push_back(frame.labelImage());
-            ASSERT_EQ(
-                scene->submitImages(f, camera.intrinsics(), camera.pose(),
-                                    span<const Image>{images.data(), uint32_t(images.size())}),
-                kSuccess);
+            Velmora::Test::fuseView(*scene, mode, room, roomCamera(1.5 * f), false);
         }
         Impl::State& s = internalState(*scene);
         int checked = 0;
@@ -310,10 +295,7 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
     auto scene = makeScene(1);
     const PinholeCamera camera = roomCamera(0.7);
     const RenderedFrame frame = render(room, camera);
-    std::vector<Image> images = {frame.depthImage()};
-    ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
-                                  span<const Image>{images.data(), 1}),
-              kSuccess);
+    Velmora::Test::fuseView(*scene, 1, room, camera, false);
     Solid::DepthGrid& grid = *internalState(*scene).mVolumeGrid;
     const float half = 0.5f * grid.config().spacing(0);
     int pixelsChecked = 0;

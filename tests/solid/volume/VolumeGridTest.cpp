@@ -105,16 +105,12 @@ TEST(VolumeGrid, KeysUseATrueFloor) {
     EXPECT_FLOAT_EQ(dim, 0.16f);
     const Vec3 justBelow(-1e-6f, 0.0f, dim);
     const KeyType key = grid.keyOf(justBelow);
-    EXPECT_EQ(key(0), -1);
-    EXPECT_EQ(key(1), 0);
-    EXPECT_EQ(key(2), 1);  // a point on a face belongs to the upper block
+    EXPECT_EQ(key, KeyType(-1, 0, 1));  // a point on a face belongs to the upper block
     const Vec3 local = grid.localPosition(justBelow, key);
     EXPECT_NEAR(local(0), dim, 1e-5f);
     EXPECT_LT(local(0), dim);
     EXPECT_EQ(local(2), 0.0f);
-    EXPECT_EQ(grid.keyOf(Vec3(-0.33f, -0.16f, 0.31f))(0), -3);
-    EXPECT_EQ(grid.keyOf(Vec3(-0.33f, -0.16f, 0.31f))(1), -1);
-    EXPECT_EQ(grid.keyOf(Vec3(-0.33f, -0.16f, 0.31f))(2), 1);
+    EXPECT_EQ(grid.keyOf(Vec3(-0.33f, -0.16f, 0.31f)), KeyType(-3, -1, 1));
 }
 
 TEST(VolumeGrid, MissingBlocksAndUnobservedSamplesReadAsUnknown) {
