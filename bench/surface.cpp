@@ -7,6 +7,9 @@
 // Then extractSurface as a host calls it (mesh form, whole scene, the two calls of the two-call
 // protocol) on the room at 0.02 m fused with labels in each run mode: the first request after
 // the 60 frames (cache emptied, every block changed), and a request after one more frame.
+// BM_ExtractSurfaceColoured does the same on the room in split mode with a colour image every
+// tenth frame (as the tool sends them), asking for vertex colours; its "uncoloured" row asks the
+// same room for none, so that the two rows show the cost of the colour step alone.
 #include <benchmark/benchmark.h>
 
 #include <map>
@@ -31,7 +34,7 @@ constexpr size_t kFrames = 60;
 // Submits frame `index` of the built-in scene: depth only, or depth and labels in the scene's
 // run mode.
 void submitFrame(Impl& room, VelmoraTool::BuiltinSceneSource& source, size_t index, int32_t mode,
-                 bool labels) {
+                 bool labels, bool colour = false) {
     const VelmoraTool::Intrinsics k = source.intrinsics();
     const IntrinsicLinearCameraCalibrationVLM intrinsics{k.cx, k.cy, k.fx, k.fy};
     VelmoraTool::Frame frame;
@@ -49,6 +52,11 @@ void submitFrame(Impl& room, VelmoraTool::BuiltinSceneSource& source, size_t ind
         room.submitImages(frame.timestamp, intrinsics, pose, {images, 1});
         room.submitImages(frame.timestamp, intrinsics, pose, {images + 1, 1});
     }
+    if (colour) {
+        const Image rgb{kImageColorRGB8, frame.rgb.data(), frame.width,
+                        frame.height,    frame.width * 3,  0};
+        room.submitImages(frame.timestamp, intrinsics, pose, {&rgb, 1});
+    }
 }
 
 VelmoraTool::BuiltinSceneSource& sceneSource() {
@@ -57,11 +65,14 @@ VelmoraTool::BuiltinSceneSource& sceneSource() {
     return source;
 }
 
-// The fused room for a cell size in millimetres, a run mode, and with or without labels; made
-// once and kept for all runs.
-Impl& fusedRoom(int cellMm, int32_t mode = 1, bool labels = false) {
-    static std::map<std::tuple<int, int32_t, bool>, std::unique_ptr<Impl>> rooms;
-    std::unique_ptr<Impl>& room = rooms[{cellMm, mode, labels}];
+// Every this many frames the coloured room gets a colour image.
+constexpr size_t kColourEvery = 10;
+
+// The fused room for a cell size in millimetres, a run mode, with or without labels and colour
+// images; made once and kept for all runs.
+Impl& fusedRoom(int cellMm, int32_t mode = 1, bool labels = false, bool colour = false) {
+    static std::map<std::tuple<int, int32_t, bool, bool>, std::unique_ptr<Impl>> rooms;
+    std::unique_ptr<Impl>& room = rooms[{cellMm, mode, labels, colour}];
     if (room) {
         return *room;
     }
@@ -73,7 +84,7 @@ Impl& fusedRoom(int cellMm, int32_t mode = 1, bool labels = false) {
     config.labelPlanes = true;
     room->init(config);
     for (size_t i = 0; i < kFrames; ++i) {
-        submitFrame(*room, sceneSource(), i, mode, labels);
+        submitFrame(*room, sceneSource(), i, mode, labels, colour && i % kColourEvery == 0);
     }
     return *room;
 }
@@ -115,9 +126,11 @@ void BM_MarchingCubesWholeRoomMerged(benchmark::State& state) {
     meshRoom(state, true);
 }
 
-// The host's two calls of the mesh form for the whole scene, with instance ids.
+// The host's two calls of the mesh form for the whole scene, with instance ids, and colours when
+// `colors` is given.
 uint32_t deliverScene(Impl& room, std::vector<XrVector3fVLM>& positions,
-                      std::vector<uint32_t>& indices, std::vector<uint16_t>& ids) {
+                      std::vector<uint32_t>& indices, std::vector<uint16_t>& ids,
+                      std::vector<XrColor4fVLM>* colors = nullptr) {
     PolygonMesh mesh{};
     mesh.positions = positions.data();
     mesh.positionCount = static_cast<uint32_t>(positions.size());
@@ -125,20 +138,29 @@ uint32_t deliverScene(Impl& room, std::vector<XrVector3fVLM>& positions,
     mesh.indexCount = static_cast<uint32_t>(indices.size());
     mesh.instanceIds = ids.data();
     mesh.instanceIdCount = static_cast<uint32_t>(ids.size());
-    if (room.extractSurface(mesh, true, UuidBytes{}, TextureQuality{}) == kErrorBufferTooSmall) {
+    TextureQuality quality{};
+    if (colors != nullptr) {
+        quality.vertexColors = true;
+        mesh.colors = colors->data();
+        mesh.colorCount = static_cast<uint32_t>(colors->size());
+    }
+    if (room.extractSurface(mesh, true, UuidBytes{}, quality) == kErrorBufferTooSmall) {
         positions.resize(mesh.positionCount);
         indices.resize(mesh.indexCount);
         ids.resize(mesh.instanceIdCount);
-        return deliverScene(room, positions, indices, ids);
+        if (colors != nullptr) {
+            colors->resize(mesh.colorCount);
+        }
+        return deliverScene(room, positions, indices, ids, colors);
     }
     return mesh.indexCount / 3;
 }
 
-// range(0): run mode; range(1): 1 for the request after one more frame, 0 for the first.
-void BM_ExtractSurface(benchmark::State& state) {
-    const int32_t mode = static_cast<int32_t>(state.range(0));
-    const bool afterOneFrame = state.range(1) != 0;
-    Impl& room = fusedRoom(20, mode, true);
+// Requests on `room`: the first after emptying the cache (every block changed), or the one after
+// one more frame of depth and labels. (That frame carries no colour image: every colour image is
+// kept, and colouring costs in proportion to their number, so repetitions would drift.)
+void requestSurfaces(benchmark::State& state, Impl& room, int32_t mode, bool afterOneFrame,
+                     bool askColours) {
     Impl::State& s = internalState(room);
     Solid::IndexSet all;
     auto collect = [&all](const Solid::KeyType& key, const auto&) { all.insert(key); };
@@ -151,7 +173,9 @@ void BM_ExtractSurface(benchmark::State& state) {
     std::vector<XrVector3fVLM> positions;
     std::vector<uint32_t> indices;
     std::vector<uint16_t> ids;
-    deliverScene(room, positions, indices, ids);
+    std::vector<XrColor4fVLM> colors;
+    std::vector<XrColor4fVLM>* wanted = askColours ? &colors : nullptr;
+    deliverScene(room, positions, indices, ids, wanted);
     size_t frame = 0;
     uint32_t triangles = 0;
     size_t changed = 0;
@@ -170,17 +194,35 @@ void BM_ExtractSurface(benchmark::State& state) {
             changed = s.mSurfaces.updatedBlocks.size();
         }
         state.ResumeTiming();
-        triangles = deliverScene(room, positions, indices, ids);
+        triangles = deliverScene(room, positions, indices, ids, wanted);
     }
     state.counters["blocks"] = static_cast<double>(all.size());
     state.counters["changed_blocks"] = static_cast<double>(changed);
     state.counters["triangles"] = triangles;
 }
 
+// range(0): run mode; range(1): 1 for the request after one more frame, 0 for the first.
+void BM_ExtractSurface(benchmark::State& state) {
+    const int32_t mode = static_cast<int32_t>(state.range(0));
+    requestSurfaces(state, fusedRoom(20, mode, true), mode, state.range(1) != 0, false);
+}
+
+// range(0): 1 to ask for colours; range(1) as above. Split mode, colour every tenth frame.
+void BM_ExtractSurfaceColoured(benchmark::State& state) {
+    requestSurfaces(state, fusedRoom(20, 1, true, true), 1, state.range(1) != 0,
+                    state.range(0) != 0);
+}
+
 BENCHMARK(BM_ExtractSurface)
     ->Args({0, 0})
     ->Args({0, 1})
     ->Args({1, 0})
+    ->Args({1, 1})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ExtractSurfaceColoured)
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({0, 1})
     ->Args({1, 1})
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MarchingCubesWholeRoom)->Arg(20)->Arg(10)->Unit(benchmark::kMillisecond);

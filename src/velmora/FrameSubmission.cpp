@@ -1,6 +1,7 @@
 // The frame path of the scene: validation of what the host hands in, the choice of path by run
 // mode and image kinds, fusion, border copying and the publishing of the changed blocks.
 #include <cmath>
+#include <cstring>
 
 #include "common/Trace.h"
 #include "cv/ImageOps.h"
@@ -159,6 +160,45 @@ void keepKeyframe(Impl::State& s, Solid::RGBDFrame& frame, const void* hostPixel
     texture.keyframes.push_back(frame);
 }
 
+bool sameBits(const Solid::Matrix4& a, const Solid::Matrix4& b) {
+    for (int r = 0; r < 4; ++r) {
+        for (int c = 0; c < 4; ++c) {
+            if (std::memcmp(&a(r, c), &b(r, c), sizeof(float)) != 0) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Copies the pixels of `from` into `to`, which has its size; the row lengths may differ.
+void copyDepthPixels(const AR::CV::Image<float>& from, AR::CV::Image<float>& to) {
+    for (int y = 0; y < to.height(); ++y) {
+        std::memcpy(to.pixels() + static_cast<size_t>(y) * to.bufSize()(0),
+                    from.pixels() + static_cast<size_t>(y) * from.bufSize()(0),
+                    static_cast<size_t>(to.width()) * sizeof(float));
+    }
+}
+
+// Renders the split-mode depth grid into `frame.depth` (allocated to the wanted size) from the
+// frame's camera, or copies the last rendering when it was made for the same camera and size and
+// the grid has not changed since.
+void renderSplitView(Impl::State& s, Solid::DepthFrame& frame, Solid::IntegrationStats& stats) {
+    Solid::DepthFrame& last = s.mLastRender;
+    if (s.mLastRenderValid && last.depth.size() == frame.depth.size() &&
+        sameBits(last.projection, frame.projection) && sameBits(last.pose, frame.pose)) {
+        copyDepthPixels(last.depth, frame.depth);
+        return;
+    }
+    Solid::raycast(*s.mVolumeGrid, kRaycastNearPlane, kRaycastFarPlane, kRaycastStepFactor, frame,
+                   stats);
+    last.projection = frame.projection;
+    last.pose = frame.pose;
+    last.depth.allocPixels(frame.depth.size(), AR::Common::ALIGNMENT_16);
+    copyDepthPixels(frame.depth, last.depth);
+    s.mLastRenderValid = true;
+}
+
 void submitSplitLabelFrame(Impl::State& s, XrTimeVLM time,
                            const IntrinsicLinearCameraCalibrationVLM& intrinsics,
                            const XrPosefVLM& pose, const Image& image) {
@@ -174,10 +214,15 @@ void submitSplitLabelFrame(Impl::State& s, XrTimeVLM time,
     Solid::IntegrationStats stats;
     {
         AR::Common::ScopedTrace trace("Integration");
-        Solid::integrateLabelsUsingRaycasting(*s.mLabelVolumeGrid, *s.mVolumeGrid, blocks, frame,
-                                              Solid::ConstantErrorModel(s.mTruncation), stats,
-                                              kLabelDistance, kRaycastStepFactor, kRaycastNearPlane,
-                                              kRaycastFarPlane);
+        Solid::DepthFrame rendered;
+        rendered.depth.allocPixels(frame.labels.size(), AR::Common::ALIGNMENT_16);
+        rendered.projection = frame.projection;
+        rendered.pose = frame.pose;
+        rendered.timestamp = frame.timestamp;
+        renderSplitView(s, rendered, stats);
+        Solid::integrateLabelsWithRenderedDepth(*s.mLabelVolumeGrid, *s.mVolumeGrid, blocks, frame,
+                                                Solid::ConstantErrorModel(s.mTruncation), stats,
+                                                kLabelDistance, rendered);
     }
     {
         AR::Common::ScopedTrace trace("copyBorders");
@@ -202,8 +247,7 @@ void submitColorFrame(Impl::State& s, XrTimeVLM time,
         Solid::raycast(*s.mLabelDepthVolumeGrid, kRaycastNearPlane, kRaycastFarPlane,
                        kRaycastStepFactor, frame, stats);
     } else {
-        Solid::raycast(*s.mVolumeGrid, kRaycastNearPlane, kRaycastFarPlane, kRaycastStepFactor,
-                       frame, stats);
+        renderSplitView(s, frame, stats);
     }
     keepKeyframe(s, frame, image.pixelData);
 }
@@ -293,6 +337,7 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
         Solid::DepthFrame frame = makeDepthFrame(time, image);
         AR_ASSERT(frame.depthU16.numPixels() == 0);
         setUpCamera(frame, intrinsics, pose);
+        s.mLastRenderValid = false;
         const Solid::IndexSet updated =
             fuse(*s.mVolumeGrid, frame, s.mTruncation, Solid::kAccelerationTavric);
         if (s.mLabelVolumeGrid) {

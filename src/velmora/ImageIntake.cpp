@@ -1,5 +1,8 @@
 #include "velmora/ImageIntake.h"
 
+#include <cstddef>
+#include <cstdint>
+
 #include "common/Trace.h"
 #include "cv/ImageOps.h"
 
@@ -66,18 +69,25 @@ Solid::DepthFrame makeDepthFrame(XrTimeVLM time, const Image& image) {
     Solid::DepthFrame frame;
     frame.depth.allocPixels(sizeOf(image), AR::Common::ALIGNMENT_16);
     frame.timestamp = time;
-    const AR::CV::Image<unsigned short> raw = viewU16(image);
     const uint16_t mask = image.format == kImageDepthU16Flagged ? kDepthFlagMask : 0;
+    const uint32_t limit = image.maxDepth != 0 ? image.maxDepth : UINT32_MAX;
     const int height = static_cast<int>(image.height);
     const int width = static_cast<int>(image.width);
+    // Row pointers: the view checked the sizes once, so no pixel needs its own bounds check.
+    const AR::CV::Image<unsigned short> raw = viewU16(image);
+    const unsigned short* source = raw.pixels();
+    const size_t sourceRow = static_cast<size_t>(raw.bufSize()(0));
+    const size_t targetRow = static_cast<size_t>(frame.depth.bufSize()(0));
     for (int y = 0; y < height; ++y) {
+        const unsigned short* in = source + static_cast<size_t>(y) * sourceRow;
+        float* out = frame.depth.pixels() + static_cast<size_t>(y) * targetRow;
         for (int x = 0; x < width; ++x) {
-            const uint16_t pixel = raw(x, y);
+            const uint16_t pixel = in[x];
             uint32_t value = (pixel & mask) != 0 ? 0u : static_cast<uint32_t>(pixel & ~mask);
-            if (image.maxDepth != 0 && value > image.maxDepth) {
+            if (value > limit) {
                 value = 0;
             }
-            frame.depth(x, y) = static_cast<float>(value) * kMillimetresToMetres;
+            out[x] = static_cast<float>(value) * kMillimetresToMetres;
         }
     }
     return frame;

@@ -66,6 +66,11 @@ struct Impl::State {
     Solid::IndexSet mPendingLabelBlocks;
     std::mutex mPendingLabelMutex;
     std::unique_ptr<Solid::LabelDepthGrid> mLabelDepthVolumeGrid;  // combined mode
+    // Split mode: the last depth frame rendered for a label or colour image (its camera and
+    // pixels), while no depth frame or load has changed the depth grid since; the label and the
+    // colour image of one view render the same frame. Frame path (and loadVolumes) only.
+    Solid::DepthFrame mLastRender;
+    bool mLastRenderValid = false;
     float mTruncation = 0.0f;  // copy of Config::truncation, metres
     int32_t mMode = 0;         // copy of Config::mode; values other than 0 and 1 fuse nothing
     SurfaceExtraction mSurfaces;

@@ -86,6 +86,7 @@ int Impl::loadVolumes(const std::string& baseName) {
         return 0;
     }
     State& s = *mState;
+    s.mLastRenderValid = false;
     bool result = loadIfPresent(s.mVolumeGrid, baseName + kDepthGridSuffix);
     result = loadIfPresent(s.mLabelVolumeGrid, baseName + kLabelGridSuffix) && result;
     result = loadIfPresent(s.mLabelDepthVolumeGrid, baseName + kLabelDepthGridSuffix) && result;

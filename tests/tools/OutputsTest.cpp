@@ -10,8 +10,10 @@
 #include "ToolTestSupport.h"
 #include "velmora/Accuracy.h"
 #include "velmora/Commands.h"
+#include "velmora/Fusion.h"
 #include "velmora/Outputs.h"
 #include "velmora/Ply.h"
+#include "velmora/Pose.h"
 #include "velmora/Preview.h"
 
 using namespace VelmoraTool;
@@ -44,8 +46,14 @@ HostPlane plane(uint16_t id, uint16_t label, std::array<float, 3> normal, float 
     return {objectUuid(id, kPlaneKind), label, normal, offset, std::move(contour)};
 }
 
-// A scene of a floor square (red, instance 1) under a ceiling square (green, instance 2), one
-// plane with a contour, one without, two instances and their links.
+struct CannedScene {
+    HostMesh mesh;
+    HostPlanes planes;
+    HostInstances instances;
+};
+
+// A floor square (red, instance 1) under a ceiling square (green, instance 2), one plane with a
+// contour, one without, two instances and their links.
 CannedScene cannedScene() {
     CannedScene scene;
     addSquare(scene.mesh, 0.0f, true, {1, 0, 0, 1}, 1);
@@ -64,59 +72,61 @@ CannedScene cannedScene() {
     return scene;
 }
 
-void expectSameMesh(const HostMesh& a, const HostMesh& b) {
-    EXPECT_EQ(a.positions, b.positions);
-    EXPECT_EQ(a.indices, b.indices);
-    EXPECT_EQ(a.instanceIds, b.instanceIds);
-    EXPECT_EQ(a.colors, b.colors);
-}
-
 }  // namespace
 
-// The readers ask with empty spans, size their arrays from the counts, and ask again: once more
-// for the mesh and instances, twice more for planes (counts, then contour lengths).
-TEST(SceneReadout, ReadsEverythingThroughTheTwoCallProtocols) {
-    CannedScene scene = cannedScene();
+// The readers follow the library's protocols: a fresh scene has nothing to report, and a scene
+// fused from a few frames of the built-in room gives complete and consistent answers.
+TEST(SceneReadout, ReadsAFusedSceneThroughTheLibrarysProtocols) {
+    std::unique_ptr<Velmora::IVelmora> scene(newVelmora());
+    ASSERT_EQ(scene->init(sceneConfig(0.05f, 0.25f, FuseMode::kCombined)), Velmora::kSuccess);
     HostMesh mesh;
-    ASSERT_EQ(readMesh(scene, kWholeScene, true, mesh), Velmora::kSuccess);
-    expectSameMesh(mesh, scene.mesh);
-    EXPECT_EQ(scene.meshCalls, 2);
-    ASSERT_EQ(readMesh(scene, kWholeScene, false, mesh), Velmora::kSuccess);
+    HostPlanes planes;
+    HostInstances instances;
+    ASSERT_EQ(readPlanes(*scene, planes), Velmora::kSuccess);
+    ASSERT_EQ(readInstances(*scene, instances), Velmora::kSuccess);
+    EXPECT_TRUE(planes.planes.empty() && planes.links.empty());
+    EXPECT_TRUE(instances.instances.empty() && instances.links.empty());
+
+    BuiltinSceneSource source(6, 64, 48, 0.0, 1);
+    const Intrinsics k = source.intrinsics();
+    for (size_t i = 0; i < source.frameCount(); ++i) {
+        Frame f;
+        std::string problem;
+        ASSERT_EQ(source.load(i, f, problem), FrameStatus::kOk) << problem;
+        const Velmora::Image images[3] = {
+            {Velmora::kImageDepthU16, f.depthMm.data(), f.width, f.height, 2 * f.width, 0},
+            {Velmora::kImageLabelU8, f.labels8.data(), f.width, f.height, f.width, 0},
+            {Velmora::kImageColorRGB8, f.rgb.data(), f.width, f.height, 3 * f.width, 0}};
+        ASSERT_EQ(scene->submitImages(i, {k.cx, k.cy, k.fx, k.fy}, toXrPose(f.worldFromCamera),
+                                      {images, 3}),
+                  Velmora::kSuccess);
+    }
+    ASSERT_EQ(readMesh(*scene, kWholeScene, true, mesh), Velmora::kSuccess);
+    ASSERT_GT(mesh.triangleCount(), 0u);
+    EXPECT_EQ(mesh.instanceIds.size(), mesh.positions.size());
+    EXPECT_EQ(mesh.colors.size(), mesh.positions.size());
+    ASSERT_EQ(readMesh(*scene, kWholeScene, false, mesh), Velmora::kSuccess);
     EXPECT_TRUE(mesh.colors.empty());
-    EXPECT_EQ(mesh.instanceIds, scene.mesh.instanceIds);
-    EXPECT_EQ(readMesh(scene, objectUuid(3, kInstanceKind), false, mesh),
+    EXPECT_EQ(readMesh(*scene, objectUuid(999, kInstanceKind), false, mesh),
               Velmora::kErrorUnknownInstance);
     EXPECT_TRUE(mesh.positions.empty());
 
-    HostPlanes planes;
-    ASSERT_EQ(readPlanes(scene, planes), Velmora::kSuccess);
-    EXPECT_EQ(scene.planeCalls, 3);
-    ASSERT_EQ(planes.planes.size(), 2u);
-    for (size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(planes.planes[i].uuid, scene.planes.planes[i].uuid);
-        EXPECT_EQ(planes.planes[i].label, scene.planes.planes[i].label);
-        EXPECT_EQ(planes.planes[i].normal, scene.planes.planes[i].normal);
-        EXPECT_EQ(planes.planes[i].offset, scene.planes.planes[i].offset);
-        EXPECT_EQ(planes.planes[i].contour, scene.planes.planes[i].contour);
+    ASSERT_EQ(readPlanes(*scene, planes), Velmora::kSuccess);
+    ASSERT_FALSE(planes.planes.empty());
+    EXPECT_GE(planes.links.size(), planes.planes.size());
+    for (const HostPlane& plane : planes.planes) {
+        EXPECT_GE(plane.contour.size(), 3u);
+        const std::array<float, 3>& n = plane.normal;
+        EXPECT_NEAR(n[0] * n[0] + n[1] * n[1] + n[2] * n[2], 1.0f, 1e-4f);
     }
-    ASSERT_EQ(planes.links.size(), 1u);
-    EXPECT_EQ(planes.links[0].second, objectUuid(5, kPlaneKind));
-
-    HostInstances instances;
-    ASSERT_EQ(readInstances(scene, instances), Velmora::kSuccess);
-    EXPECT_EQ(scene.instanceCalls, 2);
-    ASSERT_EQ(instances.instances.size(), 2u);
-    EXPECT_EQ(instances.instances[1].label, 8);
-    EXPECT_EQ(instances.instances[1].boundsMax, (std::array<float, 3>{3, 2.5f, 1.01f}));
-    EXPECT_EQ(instances.links.size(), 2u);
-
-    // Nothing to report: the library leaves the spans alone and one call suffices.
-    CannedScene empty;
-    ASSERT_EQ(readPlanes(empty, planes), Velmora::kSuccess);
-    ASSERT_EQ(readInstances(empty, instances), Velmora::kSuccess);
-    EXPECT_TRUE(planes.planes.empty() && planes.links.empty());
-    EXPECT_TRUE(instances.instances.empty() && instances.links.empty());
-    EXPECT_EQ(empty.planeCalls + empty.instanceCalls, 2);
+    ASSERT_EQ(readInstances(*scene, instances), Velmora::kSuccess);
+    ASSERT_FALSE(instances.instances.empty());
+    EXPECT_GT(instances.links.size(), 0u);
+    for (const HostInstance& instance : instances.instances) {
+        for (int axis = 0; axis < 3; ++axis) {
+            EXPECT_LE(instance.boundsMin[axis], instance.boundsMax[axis]);
+        }
+    }
 }
 
 // Every combination of the optional vertex properties reads back with its header, counts and
@@ -149,9 +159,9 @@ TEST(PlyFiles, WrittenMeshesReadBack) {
                 properties.push_back("instance_id");
             }
             EXPECT_EQ(ply.vertexProperties, properties);
-            ASSERT_EQ(ply.vertexCount, mesh.positions.size());
-            ASSERT_EQ(ply.faceCount, 4u);
-            for (size_t v = 0; v < ply.vertexCount; ++v) {
+            ASSERT_EQ(ply.vertices.size(), mesh.positions.size());
+            ASSERT_EQ(ply.faces.size(), 4u);
+            for (size_t v = 0; v < ply.vertices.size(); ++v) {
                 for (int axis = 0; axis < 3; ++axis) {
                     EXPECT_EQ(ply.vertices[v][axis], mesh.positions[v][axis]);
                 }

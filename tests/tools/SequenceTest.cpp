@@ -58,29 +58,6 @@ void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, F
 
 }  // namespace
 
-TEST(Png, RoundTripOfEachKindAndAMissingFile) {
-    ScratchDir scratch;
-    const std::vector<uint16_t> depth{0, 1, 1000, 65535, 4321, 7};
-    const std::vector<uint8_t> rgb{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18};
-    writePngOrFail(scratch / "d.png", makeGrey16(3, 2, depth));
-    writePngOrFail(scratch / "c.png", makeRgb8(3, 2, rgb));
-    PngImage image;
-    std::string error;
-    ASSERT_TRUE(readPng(scratch / "d.png", image, error)) << error;
-    EXPECT_EQ(image.describe(), "16-bit grey");
-    for (uint32_t i = 0; i < depth.size(); ++i) {
-        EXPECT_EQ(image.sample(i % 3, i / 3), depth[i]);
-    }
-    ASSERT_TRUE(readPng(scratch / "c.png", image, error)) << error;
-    EXPECT_EQ(image.describe(), "8-bit RGB");
-    EXPECT_EQ(image.bytes, rgb);
-    EXPECT_EQ(image.sample(2, 1, 1), 17u);
-
-    EXPECT_FALSE(readPng(scratch / "none.png", image, error));
-    EXPECT_TRUE(contains(error, "cannot open")) << error;
-    // Text and cut PNG files are among the bad frame inputs below.
-}
-
 TEST(RecordedSequence, ReadsBackWhatWasWritten) {
     ScratchDir scratch;
     const std::string dir = scratch / "seq";
@@ -125,22 +102,6 @@ TEST(RecordedSequence, FramesAreOrderedByNumberAndOptionalStreamsMayBeMissing) {
     EXPECT_FALSE(frame.hasColor);
     ASSERT_EQ(source->load(2, frame, problem), FrameStatus::kOk) << problem;
     EXPECT_TRUE(frame.hasLabels);
-}
-
-TEST(RecordedSequence, LostTrackingIsSkippedNotAnError) {
-    ScratchDir scratch;
-    const std::string dir = scratch / "seq";
-    writeSceneSequence(dir, 2);
-    writeText((fs::path(dir) / "pose" / "000001.txt").string(),
-              "nan nan nan nan\nnan nan nan nan\nnan nan nan nan\n0 0 0 1\n");
-    std::unique_ptr<FrameSource> source = open(dir);
-    const std::string problem = loadProblem(*source, 1, FrameStatus::kTrackingLost);
-    EXPECT_TRUE(contains(problem, "000001.txt")) << problem;
-    EXPECT_TRUE(contains(problem, "tracking lost")) << problem;
-    writeText((fs::path(dir) / "pose" / "000001.txt").string(),
-              "1 0 0 inf\n0 1 0 0\n0 0 1 0\n0 0 0 1\n");
-    loadProblem(*source, 1, FrameStatus::kTrackingLost);
-    loadProblem(*source, 0, FrameStatus::kOk);
 }
 
 // Each kind of bad frame input is refused with the file and the problem named.

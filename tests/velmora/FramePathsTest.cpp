@@ -1,11 +1,13 @@
 // The label and colour paths: split-mode labels vote on the surface the depth frames built and
 // consume the queue, colour frames become keyframes with the depth the volume shows, and the
-// cameras are fixed by the first colour frame.
+// cameras are fixed by the first colour frame; a label and a colour image of one view render once.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
+#include "solid/query/Raycast.h"
 #include "support/AnalyticScene.h"
 #include "support/SceneSetup.h"
 #include "velmora/Impl.h"
@@ -151,6 +153,45 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
                                       span<const Image>{first.data(), uint32_t(first.size())}),
                   kErrorIntrinsicsInvalid);
         EXPECT_TRUE(internalState(*fresh).mTexture.keyframes.empty());
+    }
+}
+
+// In split mode the label and the colour image of one view render the volume once: every colour
+// keyframe's depth is bit for bit a fresh rendering of the volume from its camera (the frame
+// path's near and far plane and step), also after a depth frame from elsewhere changed the
+// volume, and after a label or colour image from another camera.
+TEST(FramePaths, LabelAndColourOfOneViewShareTheirRendering) {
+    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
+    const PinholeCamera camera = wallCamera();
+    PinholeCamera other = camera;
+    other.T_world_camera = Velmora::Test::lookAt({1.0, 0.5, 1.3}, {3.8, 2.6, 0.9}, {0, 0, 1});
+    const RenderedFrame frames[2] = {render(room, camera), render(room, other)};
+    auto scene = makeScene(1);
+    Impl::State& s = internalState(*scene);
+    Velmora::Test::fuseView(*scene, 1, room, camera, false);
+    // Label, colour or depth image of the first (0) or the other view (1).
+    const std::vector<std::pair<char, int>> steps = {{'l', 0}, {'c', 0}, {'d', 1}, {'c', 0},
+                                                     {'l', 1}, {'c', 0}, {'c', 1}, {'c', 0}};
+    for (const auto& [kind, view] : steps) {
+        const RenderedFrame& f = frames[view];
+        const Image image = kind == 'l'   ? f.labelImage()
+                            : kind == 'c' ? f.colorImage()
+                                          : f.depthImage();
+        ASSERT_EQ(submitOne(*scene, view == 0 ? camera : other, image), kSuccess);
+        if (kind != 'c') {
+            continue;
+        }
+        const Solid::RGBDFrame& kept = s.mTexture.keyframes.back();
+        Solid::DepthFrame fresh;
+        fresh.depth.allocPixels(kept.depth.size());
+        fresh.projection = kept.projection;
+        fresh.pose = kept.pose;
+        Solid::IntegrationStats stats;
+        Solid::raycast(*s.mVolumeGrid, 0.05f, 5.0f, 1.0f, fresh, stats);
+        for (int v = 0; v < camera.height; ++v)
+            for (int u = 0; u < camera.width; ++u)
+                ASSERT_EQ(0, std::memcmp(&kept.depth(u, v), &fresh.depth(u, v), sizeof(float)))
+                    << s.mTexture.keyframes.size() << ": " << u << ", " << v;
     }
 }
 

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <tuple>
 #include <vector>
 
 #include "solid/surface/IncrementalExtraction.h"
@@ -322,12 +324,43 @@ TEST_P(MeshDeliveryTest, VertexColoursComeFromTheColourFrames) {
     const size_t unseen = checkColours(positions, colors);
     ASSERT_GT(unseen, 0u);
     // A new depth frame re-meshes part of the room: those blocks are coloured again, the others
-    // keep theirs, and colours stay aligned with their vertices.
+    // keep their colour streams untouched, and colours stay aligned with their vertices.
+    SurfaceExtraction& surfaces = internalState(*scene).mSurfaces;
+    const auto colourStreams = [&surfaces] {
+        std::map<std::tuple<int, int, int>, const void*> streams;
+        for (const auto& entry : surfaces.getMeshGrid(0)) {
+            streams[{entry.first(0), entry.first(1), entry.first(2)}] = entry.second.findColors();
+        }
+        return streams;
+    };
+    const auto before = colourStreams();
     fuseView(*scene, GetParam(), world, viewFrom({0.5, -1.0, 1.2}));
+    Solid::IndexSet changed;
+    {
+        std::lock_guard<std::mutex> lock(surfaces.updatedBlocksMutex);
+        changed = surfaces.updatedBlocks;
+    }
     std::vector<XrVector3fVLM> again;
     std::vector<XrColor4fVLM> againColors;
     readColouredMesh(*scene, 0, again, againColors);
     checkColours(again, againColors);
+    size_t untouched = 0;
+    for (const auto& entry : colourStreams()) {
+        const auto& [x, y, z] = entry.first;
+        const auto old = before.find(entry.first);
+        // The border copy re-meshes the neighbours of a changed block too.
+        bool nearChange = false;
+        for (int n = 0; n < 27; ++n) {
+            nearChange = nearChange || changed.count(Solid::KeyType(
+                                           x + n % 3 - 1, y + n / 3 % 3 - 1, z + n / 9 - 1)) != 0;
+        }
+        if (!nearChange && old != before.end()) {
+            EXPECT_EQ(entry.second, old->second) << "block " << x << " " << y << " " << z;
+            ++untouched;
+        }
+    }
+    EXPECT_GT(untouched, 0u);
+    EXPECT_LT(untouched, before.size());
 
     std::unique_ptr<Impl> pruned = makeScene(GetParam());
     fuseAround(*pruned, GetParam(), world);
@@ -406,8 +439,9 @@ TEST(MeshDeliveryBuffers, DescriptorChecks) {
         {"indices do not fit",
          {{kBufferPosition, 0, 0, 12, 12}, {kBufferIndex, 0, 120, 4, 4}},
          kErrorBufferTooSmall},
+        // The last id starts at byte 4 + 9 * 44 = 400 of 400: only its own two bytes overflow.
         {"a stride that reaches past the end",
-         {{kBufferInstanceId, 1, 0, 2, 50}},
+         {{kBufferInstanceId, 1, 4, 2, 44}},
          kErrorBufferTooSmall},
     };
     std::vector<uint8_t> small(120);

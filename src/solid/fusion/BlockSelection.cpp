@@ -107,17 +107,18 @@ class RunRecorder {
 public:
     explicit RunRecorder(HitTable& table) : mTable(table) {}
 
-    void add(const KeyType& key, unsigned neighbours, float depth) {
+    // `count` consecutive points of one block and neighbour bits, the least depth `best`.
+    void add(const KeyType& key, unsigned neighbours, float best, uint32_t count = 1) {
         if (mCount != 0 && neighbours == mNeighbours && key == mKey) {
-            ++mCount;
-            mBest = std::min(mBest, depth);
+            mCount += count;
+            mBest = std::min(mBest, best);
             return;
         }
         flush();
         mKey = key;
         mNeighbours = neighbours;
-        mCount = 1;
-        mBest = depth;
+        mCount = count;
+        mBest = best;
     }
 
     void flush() {
@@ -219,6 +220,8 @@ inline Float4 splat(float v) {
 }
 
 struct LaneResults {
+    // All four lanes located, in one block with the same neighbour bits: only lane 0 is filled.
+    bool uniform;
     KeyType keys[kLanes];
     unsigned neighbours[kLanes];
     bool located[kLanes];  // d > 0 and a block with a key
@@ -256,6 +259,15 @@ inline void locateLanes(const Unprojection& u, int x, float y, const float* dept
         const Float4 upperLimit = splat(u.dimension[r]) - ramp;
         neighbours |= (local < ramp) & Int4{1, 1, 1, 1} << (2 * r);
         neighbours |= (local > upperLimit) & Int4{1, 1, 1, 1} << (2 * r + 1);
+    }
+    const auto lane0 = [](const Int4& v) { return Int4{v[0], v[0], v[0], v[0]}; };
+    const Int4 same = located & (keys[0] == lane0(keys[0])) & (keys[1] == lane0(keys[1])) &
+                      (keys[2] == lane0(keys[2])) & (neighbours == lane0(neighbours));
+    out.uniform = (same[0] & same[1] & same[2] & same[3]) != 0;
+    if (out.uniform) {
+        out.neighbours[0] = static_cast<unsigned>(neighbours[0]);
+        out.keys[0] = KeyType(keys[0][0], keys[1][0], keys[2][0]);
+        return;
     }
     for (int lane = 0; lane < kLanes; ++lane) {
         out.located[lane] = located[lane] != 0;
@@ -350,8 +362,9 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
     size_t visited = 0;
     size_t accepted = 0;
     // One located point: the optional filter, then its hits.
+    const bool filtering = maxBestSampleDistanceFilter > 0.0f;
     auto record = [&](const KeyType& key, unsigned neighbours, float d) {
-        if (maxBestSampleDistanceFilter > 0.0f) {
+        if (filtering) {
             auto block = grid.get(key);
             if (block && d > block->bestSampleDistance() * maxBestSampleDistanceFilter) {
                 return;
@@ -388,7 +401,20 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
                 }
                 locateLanes(u, x, static_cast<float>(y), row + x, ramps, lanes);
                 visited += kLanes;
+                if (lanes.uniform && !filtering) {
+                    // As four points one after the other: they extend one run.
+                    const float best =
+                        std::min(std::min(row[x], row[x + 1]), std::min(row[x + 2], row[x + 3]));
+                    runs.add(lanes.keys[0], neighboursInRange(lanes.keys[0], lanes.neighbours[0]),
+                             best, kLanes);
+                    accepted += kLanes;
+                    continue;
+                }
                 for (int lane = 0; lane < kLanes; ++lane) {
+                    if (lanes.uniform) {
+                        record(lanes.keys[0], lanes.neighbours[0], row[x + lane]);
+                        continue;
+                    }
                     if (lanes.located[lane]) {
                         record(lanes.keys[lane], lanes.neighbours[lane], row[x + lane]);
                     }

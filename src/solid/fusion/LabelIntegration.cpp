@@ -154,22 +154,30 @@ void integrate(LabelGrid& labelGrid, const DepthGrid& depthGrid, const LabelFram
                    stats.integratedBlocks, stats.totalBlocks);
 }
 
+void integrateLabelsWithRenderedDepth(LabelGrid& labelGrid, const DepthGrid& depthGrid,
+                                      const IndexSet& blocks, const LabelFrame& labelFrame,
+                                      const SensorErrorModel& sensorModel, IntegrationStats& stats,
+                                      float labelDistance, const DepthFrame& rendered) {
+    for (const KeyType& key : blocks) {
+        labelGrid.ensure(key);
+    }
+    integrate(labelGrid, depthGrid, labelFrame, blocks, sensorModel, stats, labelDistance,
+              rendered);
+}
+
 void integrateLabelsUsingRaycasting(LabelGrid& labelGrid, const DepthGrid& depthGrid,
                                     const IndexSet& blocks, const LabelFrame& labelFrame,
                                     const SensorErrorModel& sensorModel, IntegrationStats& stats,
                                     float labelDistance, float stepFactor, float nearPlane,
                                     float farPlane) {
-    for (const KeyType& key : blocks) {
-        labelGrid.ensure(key);
-    }
     DepthFrame depthFrame;
     depthFrame.depth.allocPixels(labelFrame.labels.size(), AR::Common::ALIGNMENT_16);
     depthFrame.projection = labelFrame.projection;
     depthFrame.pose = labelFrame.pose;
     depthFrame.timestamp = labelFrame.timestamp;
     raycast(depthGrid, nearPlane, farPlane, stepFactor, depthFrame, stats);
-    integrate(labelGrid, depthGrid, labelFrame, blocks, sensorModel, stats, labelDistance,
-              depthFrame);
+    integrateLabelsWithRenderedDepth(labelGrid, depthGrid, blocks, labelFrame, sensorModel, stats,
+                                     labelDistance, depthFrame);
 }
 
 }  // namespace Solid

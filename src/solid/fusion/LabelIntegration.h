@@ -28,6 +28,14 @@ void integrateLabelsUsingRaycasting(LabelGrid& labelGrid, const DepthGrid& depth
                                     float labelDistance, float stepFactor, float nearPlane,
                                     float farPlane);
 
+// Frame level with the depth grid already rendered for the label frame's camera, as
+// integrateLabelsUsingRaycasting renders it: makes sure the label grid has every block of
+// `blocks` and votes every sample within `labelDistance` metres of the rendered surface.
+void integrateLabelsWithRenderedDepth(LabelGrid& labelGrid, const DepthGrid& depthGrid,
+                                      const IndexSet& blocks, const LabelFrame& labelFrame,
+                                      const SensorErrorModel& sensorModel, IntegrationStats& stats,
+                                      float labelDistance, const DepthFrame& rendered);
+
 // Grid level: every block of `blocks` must exist in the label grid. A `depthFrame` with pixels
 // is the surface to vote against; an empty one makes each block read the depth grid instead.
 void integrate(LabelGrid& labelGrid, const DepthGrid& depthGrid, const LabelFrame& labelFrame,

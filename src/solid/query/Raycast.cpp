@@ -1,13 +1,16 @@
 #include "solid/query/Raycast.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
 
 #include "common/Logger.h"
 #include "common/Timing.h"
 #include "math/MatrixFunctions.h"
+#include "solid/volume/VolumeSampling.h"
 
 namespace Solid {
 
@@ -129,33 +132,58 @@ bool walkToFirstBlock(const Grid& grid, const typename Grid::TableSnapshot* snap
     return false;
 }
 
-// Reads values along one ray. It remembers the block of its last read (or that there was none),
-// so that reads staying in one block skip the table, and keeps that block's mutex until the ray
-// leaves the block or the reader goes away; it never holds it while it looks up another block.
-// Blocks never move or vanish while the grid lives, so a remembered block stays valid; a block
-// created while the reader remembers its absence is seen from the next block on. Lookups go to
-// `snapshot` when there is one, else to the table under its read lock. The key and the local
-// position are those of `VolumeGrid::value`, computed here so that the sample loop stays inline.
-template <typename Grid>
-class RaySampler {
+// The key and the local position of a world position, as `VolumeGrid::value` computes them,
+// kept here so that the sample loop stays inline.
+class BlockFrame {
 public:
-    RaySampler(const Grid& grid, const typename Grid::TableSnapshot* snapshot)
-        : mGrid(grid), mSnapshot(snapshot) {
+    template <typename Grid>
+    explicit BlockFrame(const Grid& grid) {
         for (int a = 0; a < 3; ++a) {
             mDimension[a] = grid.dimension()(a);
             mInverseDimension[a] = grid.inverseDimension()(a);
         }
     }
 
+    KeyType keyOf(const Vec3& p) const {
+        return KeyType(floorToKey(p(0) * mInverseDimension[0]),
+                       floorToKey(p(1) * mInverseDimension[1]),
+                       floorToKey(p(2) * mInverseDimension[2]));
+    }
+
+    // The floats of axis `a` whose key component is `k`.
+    bool keyInterval(int a, int k, float& low, float& high) const {
+        return keyComponentInterval(k, mDimension[a], mInverseDimension[a], low, high);
+    }
+
+    Vec3 local(const Vec3& p, const KeyType& key) const {
+        return Vec3(p(0) - mDimension[0] * static_cast<float>(key(0)),
+                    p(1) - mDimension[1] * static_cast<float>(key(1)),
+                    p(2) - mDimension[2] * static_cast<float>(key(2)));
+    }
+
+private:
+    float mDimension[3];
+    float mInverseDimension[3];
+};
+
+// Reads values along one ray with lookups in the table under its read lock. It remembers the
+// block of its last read (or that there was none), so that reads staying in one block skip the
+// table, and keeps that block's mutex until the ray leaves the block or the reader goes away; it
+// never holds it while it looks up another block. Blocks never move or vanish while the grid
+// lives, so a remembered block stays valid; a block created while the reader remembers its
+// absence is seen from the next block on.
+template <typename Grid>
+class LockingSampler {
+public:
+    explicit LockingSampler(const Grid& grid) : mGrid(grid), mFrame(grid) {}
+
     float value(const Vec3& p) {
-        const KeyType key(floorToKey(p(0) * mInverseDimension[0]),
-                          floorToKey(p(1) * mInverseDimension[1]),
-                          floorToKey(p(2) * mInverseDimension[2]));
+        const KeyType key = mFrame.keyOf(p);
         if (!mValid || !(key == mKey)) {
             if (mBlockLock.owns_lock()) {
                 mBlockLock.unlock();
             }
-            mEntry = mSnapshot != nullptr ? mSnapshot->find(key) : mGrid.findEntry(key);
+            mEntry = mGrid.findEntry(key);
             mKey = key;
             mValid = true;
             if (mEntry != nullptr) {
@@ -165,29 +193,100 @@ public:
         if (mEntry == nullptr) {
             return kUnobservedValue;
         }
-        const Vec3 local(p(0) - mDimension[0] * static_cast<float>(key(0)),
-                         p(1) - mDimension[1] * static_cast<float>(key(1)),
-                         p(2) - mDimension[2] * static_cast<float>(key(2)));
-        return mEntry->block.val(local);
+        return trilinearValue(mEntry->block, mFrame.local(p, key));
     }
+
+    // Never: a block missing at the last read may have been created since.
+    bool inMissingBlock(const Vec3& /*p*/) const { return false; }
 
 private:
     const Grid& mGrid;
-    const typename Grid::TableSnapshot* mSnapshot;
-    float mDimension[3];
-    float mInverseDimension[3];
+    BlockFrame mFrame;
     KeyType mKey;
     const typename Grid::Entry* mEntry = nullptr;
     std::unique_lock<std::mutex> mBlockLock;  // of mEntry, while there is one
     bool mValid = false;                      // mKey and mEntry describe a lookup
 };
 
-// The march of `raycastSparseVolume`, with lookups in `snapshot` when there is one, and the
-// verbose log only when `verbose` (the level is tested once per rendering, not per sample).
+// Reads values along one ray with lookups in a table snapshot, for the frame renderer. It takes
+// no block mutex: the frame path that renders is the only writer of blocks, so nothing changes
+// under it, and other readers only read.
 template <typename Grid>
-Vec4 march(const Grid& grid, const typename Grid::TableSnapshot* snapshot, bool verbose,
-           const Vec3& origin, const Vec3& direction, float nearPlane, float farPlane,
-           float stepFactor) {
+class SnapshotSampler {
+public:
+    SnapshotSampler(const Grid& grid, const typename Grid::TableSnapshot& snapshot)
+        : mSnapshot(snapshot),
+          mFrame(grid),
+          mKey(INT_MIN, INT_MIN, INT_MIN),
+          mEntry(snapshot.find(mKey)) {}
+
+    float value(const Vec3& p) {
+        const KeyType key = mFrame.keyOf(p);
+        if (!(key == mKey)) {
+            mEntry = mSnapshot.find(key);
+            mKey = key;
+            if (mEntry == nullptr) {
+                updateIntervals();
+            }
+        }
+        if (mEntry == nullptr) {
+            return kUnobservedValue;
+        }
+        return trilinearValue(mEntry->block, mFrame.local(p, key));
+    }
+
+    // Whether `p` lies in the block of the last read and that block is missing: a read there
+    // gives -2.0 again, and the march can step on without it.
+    bool inMissingBlock(const Vec3& p) const {
+        return mEntry == nullptr && mCurrent[0].low <= p(0) && p(0) <= mCurrent[0].high &&
+               mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high && mCurrent[2].low <= p(2) &&
+               p(2) <= mCurrent[2].high;
+    }
+
+private:
+    // The float interval of one key component; empty (low above high) where it was not found,
+    // so that every read there looks the block up.
+    struct Interval {
+        int key = INT_MIN;
+        float low = 0.0f;
+        float high = -1.0f;
+    };
+
+    // Brings the intervals of the axes up to `mKey`, from a small cache per axis (the rays of a
+    // rendering cross the same few dozen block planes).
+    void updateIntervals() {
+        for (int a = 0; a < 3; ++a) {
+            const int k = mKey(a);
+            if (mCurrent[a].key == k) {
+                continue;
+            }
+            Interval& cached = mCache[a][static_cast<uint32_t>(k) & (kIntervalCacheSize - 1)];
+            if (cached.key != k) {
+                cached.key = k;
+                if (!mFrame.keyInterval(a, k, cached.low, cached.high)) {
+                    cached.low = std::numeric_limits<float>::infinity();
+                    cached.high = -std::numeric_limits<float>::infinity();
+                }
+            }
+            mCurrent[a] = cached;
+        }
+    }
+
+    static constexpr uint32_t kIntervalCacheSize = 64;
+
+    const typename Grid::TableSnapshot& mSnapshot;
+    BlockFrame mFrame;
+    KeyType mKey;
+    const typename Grid::Entry* mEntry;
+    Interval mCurrent[3];  // of the components of `mKey`, while its entry is missing
+    Interval mCache[3][kIntervalCacheSize];
+};
+
+// The march of `raycastSparseVolume`, reading through `reader`, with the verbose log only when
+// `verbose` (the level is tested once per rendering, not per sample).
+template <typename Sampler>
+Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
+           const Vec3& direction, float nearPlane, float farPlane, float stepFactor) {
     Vec4 result(0.0f, 0.0f, 0.0f, 0.0f);
     float d = nearPlane;
     Vec3 position = origin + direction * d;
@@ -195,14 +294,12 @@ Vec4 march(const Grid& grid, const typename Grid::TableSnapshot* snapshot, bool 
         AR_LOG_VERBOSE("nearPlane %f farPlane %f", nearPlane, farPlane);
     }
 
-    const float smallStep = grid.config().spacing(0);
     const float largeStep = smallStep * stepFactor;
     AR_ASSERT(largeStep > 0.0f);
     float step = largeStep;
     Vec3 increment = direction * step;
     float previous = kUnobservedValue;
     bool coarse = true;
-    RaySampler<Grid> reader(grid, snapshot);
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
         const float value = reader.value(position);
@@ -255,6 +352,20 @@ Vec4 march(const Grid& grid, const typename Grid::TableSnapshot* snapshot, bool 
         }
         d = next;
         position += increment;
+        // Samples in the missing block of the last read would read -2.0 again: they are stepped
+        // over with the same additions, so every later position and depth is the same float.
+        while (!verbose && reader.inMissingBlock(position)) {
+            ++samples;
+            if (!(d <= farPlane && samples < kMaxMarchSamples)) {
+                return result;
+            }
+            const float after = d + step;
+            if (after == d) {
+                return result;
+            }
+            d = after;
+            position += increment;
+        }
     }
     return result;
 }
@@ -275,8 +386,9 @@ bool findFirstBlock(const VolumeGrid<B, P, L>& grid, const Vec3& from, const Vec
 template <typename B, template <typename> class P, typename L>
 Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, const Vec3& direction,
                          float nearPlane, float farPlane, float stepFactor) {
-    return march(grid, nullptr, verboseLogging(), origin, direction, nearPlane, farPlane,
-                 stepFactor);
+    LockingSampler<VolumeGrid<B, P, L>> reader(grid);
+    return march(reader, grid.config().spacing(0), verboseLogging(), origin, direction, nearPlane,
+                 farPlane, stepFactor);
 }
 
 template <typename B, template <typename> class P, typename L>
@@ -306,6 +418,8 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                                    ? kMaxWalkBlocks
                                    : static_cast<unsigned>(std::max(marchSamples, 1.0f));
 
+    // One reader for all rays: what it remembers of the last block read holds for every ray.
+    SnapshotSampler<Grid> reader(grid, snapshot);
     AR::CV::Image<float>& depth = depthFrame.depth;
     const int width = depth.width();
     const int height = depth.height();
@@ -335,8 +449,8 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                 continue;
             }
             ++stats.raycastRays;
-            const Vec4 hit = march(grid, &snapshot, verbose, cameraPosition, direction, start,
-                                   farPlane, stepFactor);
+            const Vec4 hit = march(reader, grid.config().spacing(0), verbose, cameraPosition,
+                                   direction, start, farPlane, stepFactor);
             row[x] = hit(3);
         }
     }

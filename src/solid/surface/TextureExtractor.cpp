@@ -30,6 +30,9 @@ struct VertexView {
     Vec2 uv;  // colour-image pixel
     Vec2 uvCopy;
     uint8_t unused = 0;
+    // Set once the vertex has been judged for the current frame: a vertex is shared by about six
+    // triangles, and one that the frame cannot see would otherwise be projected for each.
+    uint8_t tested = 0;
 };
 
 struct Candidate {
@@ -195,9 +198,10 @@ void assignKeyframesToTriangles(PolygonMesh& mesh, const IndexVector& indices,
         for (uint32_t i = 0; i < indices.size(); ++i) {
             const unsigned vertex = indices[i];
             VertexView& view = views[vertex];
-            if (view.visible) {
+            if (view.tested) {
                 continue;
             }
+            view.tested = 1;
             const Vec3& p = positions[vertex];
             Vec2 uv;
             float depth = 0.0f;

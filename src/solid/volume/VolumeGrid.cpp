@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "common/OS.h"
 
@@ -206,37 +207,121 @@ const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::findEntry(
 
 namespace {
 
-// Slots of a table snapshot per block: at most half of them are used.
+// Key components whose float interval is searched, and the float steps of a search: far inside
+// the range where a float still counts single blocks, the product k * dimension lies within a
+// float or two of the interval's end.
+constexpr int kMaxIntervalKey = 1 << 22;
+constexpr int kMaxIntervalSteps = 8;
+
+// The float just below a finite `v` (std::nextafter toward -infinity, without its call).
+float nextDown(float v) {
+    if (v == 0.0f) {
+        return -std::numeric_limits<float>::denorm_min();
+    }
+    uint32_t bits;
+    std::memcpy(&bits, &v, sizeof(bits));
+    bits = v > 0.0f ? bits - 1 : bits + 1;
+    std::memcpy(&v, &bits, sizeof(bits));
+    return v;
+}
+
+// The least float v whose key component is `k` or more, by single float steps from
+// k * dimension; false when that takes more than a few steps.
+bool lowestOfKey(int k, float dimension, float inverseDimension, float& lowest) {
+    float v = static_cast<float>(k) * dimension;
+    for (int steps = 0; floorToKey(v * inverseDimension) >= k; ++steps) {
+        if (steps == kMaxIntervalSteps) {
+            return false;
+        }
+        v = nextDown(v);
+    }
+    for (int steps = 0; floorToKey(v * inverseDimension) < k; ++steps) {
+        if (steps == kMaxIntervalSteps) {
+            return false;
+        }
+        v = -nextDown(-v);
+    }
+    lowest = v;
+    return true;
+}
+
+// Slots of a hashed table snapshot per block: at most half of them are used.
 constexpr uint32_t kSnapshotSlotsPerBlock = 2;
 constexpr uint32_t kMinSnapshotSlots = 16;
+// A snapshot is a dense array while its box has at most this many cells per block: a pointer per
+// cell then costs at most a tenth of a block's samples.
+constexpr uint64_t kDenseSnapshotCellsPerBlock = 32;
 
 }  // namespace
 
+bool keyComponentInterval(int k, float dimension, float inverseDimension, float& low, float& high) {
+    float above = 0.0f;
+    if (k < -kMaxIntervalKey || k >= kMaxIntervalKey ||
+        !lowestOfKey(k, dimension, inverseDimension, low) ||
+        !lowestOfKey(k + 1, dimension, inverseDimension, above)) {
+        return false;
+    }
+    high = nextDown(above);
+    return true;
+}
+
 template <typename B, template <typename> class P, typename L>
 VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
-    : mMinKey(INT_MAX, INT_MAX, INT_MAX), mMaxKey(INT_MIN, INT_MIN, INT_MIN) {
+    : mMinKey(INT_MAX, INT_MAX, INT_MAX) {
     AR::Common::ReadLockGuard<L> guard(grid.mLock);
-    uint32_t capacity = kMinSnapshotSlots;
-    while (capacity < kSnapshotSlotsPerBlock * grid.mGrid.size()) {
-        capacity *= 2;
+    KeyType maxKey(INT_MAX, INT_MAX, INT_MAX);
+    if (!grid.mGrid.empty()) {
+        maxKey = KeyType(INT_MIN, INT_MIN, INT_MIN);
     }
-    mKeys.resize(capacity);
+    for (const auto& item : grid.mGrid) {
+        for (int a = 0; a < 3; ++a) {
+            mMinKey(a) = std::min(mMinKey(a), item.first(a));
+            maxKey(a) = std::max(maxKey(a), item.first(a));
+        }
+    }
+    // An empty grid gets a dense array of one empty cell.
+    const uint64_t denseLimit =
+        kDenseSnapshotCellsPerBlock * std::max<uint64_t>(grid.mGrid.size(), 1);
+    uint64_t cells = 1;
+    for (int a = 0; a < 3; ++a) {
+        mLastOffset[a] = static_cast<uint32_t>(maxKey(a)) - static_cast<uint32_t>(mMinKey(a));
+        const uint64_t extent = static_cast<uint64_t>(mLastOffset[a]) + 1;
+        cells = cells > denseLimit || extent > denseLimit ? denseLimit + 1 : cells * extent;
+    }
+    mDense = cells <= denseLimit && cells <= UINT32_MAX;
+    uint32_t capacity = static_cast<uint32_t>(cells);
+    if (mDense) {
+        mStride[0] = mLastOffset[0] + 1;
+        mStride[1] = mStride[0] * (mLastOffset[1] + 1);
+    } else {
+        capacity = kMinSnapshotSlots;
+        while (capacity < kSnapshotSlotsPerBlock * grid.mGrid.size()) {
+            capacity *= 2;
+        }
+        mKeys.resize(capacity);
+        mMask = capacity - 1;
+    }
     mEntries.resize(capacity);
     for (uint32_t i = 0; i < capacity; ++i) {
         mEntries.data()[i] = nullptr;
     }
-    mMask = capacity - 1;
     for (const auto& item : grid.mGrid) {
-        uint32_t slot = mixBlockKey(item.first) & mMask;
+        const KeyType& key = item.first;
+        if (mDense) {
+            uint32_t offset[3];
+            for (int a = 0; a < 3; ++a) {
+                offset[a] = static_cast<uint32_t>(key(a)) - static_cast<uint32_t>(mMinKey(a));
+            }
+            mEntries.data()[offset[0] + mStride[0] * offset[1] + mStride[1] * offset[2]] =
+                &item.second;
+            continue;
+        }
+        uint32_t slot = mixBlockKey(key) & mMask;
         while (mEntries.data()[slot] != nullptr) {
             slot = (slot + 1) & mMask;
         }
-        mKeys.data()[slot] = item.first;
+        mKeys.data()[slot] = key;
         mEntries.data()[slot] = &item.second;
-        for (int a = 0; a < 3; ++a) {
-            mMinKey(a) = std::min(mMinKey(a), item.first(a));
-            mMaxKey(a) = std::max(mMaxKey(a), item.first(a));
-        }
     }
 }
 

@@ -56,6 +56,11 @@ inline int floorToKey(float v) {
     return floorToKeyInRange(v, key) ? key : INT_MIN;
 }
 
+// The floats v of one axis whose key component floorToKey(v * inverseDimension) is `k`, as
+// [low, high]: an interval, since the product and its floor only grow with v. False for a
+// component beyond +-2^22, where the search from k * dimension is not needed by any scene.
+bool keyComponentInterval(int k, float dimension, float inverseDimension, float& low, float& high);
+
 // Scrambled bits of a block key for the private power-of-two tables of hot loops, where the
 // neighbouring keys of a surface must spread over the low bits (the table hash of the grid is kept
 // for the order of its block sets).
@@ -178,17 +183,26 @@ public:
 
     // A copy of the block table for a reader that looks up many keys while no block is added,
     // such as the frame path, the only writer, rendering the volume between two frames: lookups
-    // take no lock and probe one flat array. Blocks added after the copy are not seen. Entries
-    // never move or vanish while the grid lives, so the copy stays valid.
+    // take no lock. Where the bounding box of the keys has few cells per block, as for a room,
+    // the copy is a dense array over the box and a lookup is one index; otherwise it is a flat
+    // hash table. Blocks added after the copy are not seen. Entries never move or vanish while
+    // the grid lives, so the copy stays valid.
     class TableSnapshot {
     public:
         explicit TableSnapshot(const VolumeGrid& grid);
         // The entry of `key`, or null.
         const Entry* find(const KeyType& key) const {
+            // Unsigned differences: a key below the box wraps to a large offset, and no key
+            // (INT_MIN included) can overflow.
+            uint32_t offset[3];
             for (int a = 0; a < 3; ++a) {
-                if (key(a) < mMinKey(a) || key(a) > mMaxKey(a)) {
+                offset[a] = static_cast<uint32_t>(key(a)) - static_cast<uint32_t>(mMinKey(a));
+                if (offset[a] > mLastOffset[a]) {
                     return nullptr;
                 }
+            }
+            if (mDense) {
+                return mEntries.data()[offset[0] + mStride[0] * offset[1] + mStride[1] * offset[2]];
             }
             for (uint32_t slot = mixBlockKey(key) & mMask;; slot = (slot + 1) & mMask) {
                 const Entry* entry = mEntries.data()[slot];
@@ -199,11 +213,13 @@ public:
         }
 
     private:
-        AR::Common::Vector<KeyType> mKeys;
-        AR::Common::Vector<const Entry*> mEntries;  // null for an empty slot
+        AR::Common::Vector<KeyType> mKeys;          // of the hash slots; unused when dense
+        AR::Common::Vector<const Entry*> mEntries;  // null for an empty slot or cell
         uint32_t mMask = 0;
-        KeyType mMinKey;  // bounding box of all keys; lookups outside it fail at once
-        KeyType mMaxKey;
+        bool mDense = false;
+        KeyType mMinKey;                      // lower corner of the bounding box of all keys
+        uint32_t mLastOffset[3] = {0, 0, 0};  // upper corner minus lower corner
+        uint32_t mStride[2] = {0, 0};         // of y and z in the dense array
     };
 
     // The entry of `key` (block and mutex, the mutex not taken), found under the read lock, or

@@ -1,10 +1,11 @@
 // Rendering the volume back: the march of one ray against fused analytic walls, the depth frame
-// rendered from the pose a view was fused from, the block walk that picks the first block, and
-// the verbose trace of a march.
+// rendered from the pose a view was fused from, the block walk that picks the first block, the
+// renderer's copy of the block table, and the verbose trace of a march.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -255,6 +256,66 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
     EXPECT_EQ(found, KeyType(0, 0, 4));
 }
 
+// The march steps over a missing block by the float interval of each key component, which must
+// be exact: its ends have the key, the floats just outside have the neighbouring keys (cell sizes
+// whose block edge is not a float of k * edge, negative keys and zero included); far keys have
+// none.
+TEST(RaycastKeyInterval, EndsAreTheLastFloatsOfTheKey) {
+    const float inf = std::numeric_limits<float>::infinity();
+    for (const float cell : {0.02f, 0.01f, 0.013f}) {
+        DepthGrid grid;
+        Velmora::Test::configureGrid(grid, cell);
+        const float dimension = grid.dimension()(0);
+        const float inverse = grid.inverseDimension()(0);
+        for (int k = -700; k <= 700; ++k) {
+            float low = 0.0f;
+            float high = 0.0f;
+            ASSERT_TRUE(keyComponentInterval(k, dimension, inverse, low, high)) << k;
+            EXPECT_EQ(floorToKey(low * inverse), k) << cell << " " << k;
+            EXPECT_EQ(floorToKey(high * inverse), k) << cell << " " << k;
+            EXPECT_EQ(floorToKey(std::nextafter(low, -inf) * inverse), k - 1) << cell << " " << k;
+            EXPECT_EQ(floorToKey(std::nextafter(high, inf) * inverse), k + 1) << cell << " " << k;
+        }
+        float low = 0.0f;
+        float high = 0.0f;
+        EXPECT_FALSE(keyComponentInterval(1 << 22, dimension, inverse, low, high));
+        EXPECT_FALSE(keyComponentInterval(INT_MIN, dimension, inverse, low, high));
+    }
+}
+
+// The renderer's copy of the block table answers every key as the table does: dense over a
+// compact box (negative keys included), hashed once one far block makes the box sparse, and
+// empty; keys just outside the box and at the ends of the key range find nothing.
+TEST(RaycastTableSnapshot, AnswersEveryKeyAsTheTable) {
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kCellSize);
+    const auto expectSameAnswers = [&grid](const std::vector<KeyType>& extra) {
+        const DepthGrid::TableSnapshot snapshot(grid);
+        std::vector<KeyType> keys = extra;
+        for (int z = -4; z <= 3; ++z) {
+            for (int y = -4; y <= 3; ++y) {
+                for (int x = -4; x <= 3; ++x) {
+                    keys.emplace_back(x, y, z);
+                }
+            }
+        }
+        for (const KeyType& key : keys) {
+            EXPECT_EQ(snapshot.find(key), grid.findEntry(key))
+                << key(0) << " " << key(1) << " " << key(2);
+        }
+    };
+    const std::vector<KeyType> far = {KeyType(INT_MIN, INT_MIN, INT_MIN), KeyType(INT_MAX, 0, 0),
+                                      KeyType(0, INT_MIN, INT_MAX), KeyType(900, -2, 1),
+                                      KeyType(900, -2, 2)};
+    expectSameAnswers(far);
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_TRUE(grid.ensure(KeyType(i % 3 - 2, (i / 3) % 3 - 1, i / 9 - 2)));
+    }
+    expectSameAnswers(far);
+    ASSERT_TRUE(grid.ensure(KeyType(900, -2, 1)));
+    expectSameAnswers(far);
+}
+
 // The march as it reads in words: a grid lookup under its locks for every sample.
 template <typename Grid>
 float plainMarch(const Grid& grid, const Vec3& origin, const Vec3& direction, float nearPlane,
@@ -358,6 +419,10 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
             PinholeCamera camera;
             camera.T_world_camera = Velmora::Test::lookAt(views[v][0], views[v][1], {0, 0, 1});
             Velmora::Test::fuseView(grid, room, camera, 5.0f * cell);
+        }
+        if (cell == 0.01f) {
+            // A block far away makes the renderer's table copy hashed rather than dense.
+            ASSERT_TRUE(grid.ensure(KeyType(-5000, 40, 3000)));
         }
         for (const Eye& view : views) {
             PinholeCamera camera;
