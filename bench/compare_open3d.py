@@ -12,10 +12,15 @@ VoxelBlockGrid that fused all frames of the sequence (one thread), against the b
 sequence must then be the built-in scene rendered with the benchmark's frame count
 (`velmora render-scene DIR --frames 60`).
 
+With --raycast, times rendering one 640x480 depth view: Open3D's VoxelBlockGrid.ray_cast of the
+fused sequence on one thread, against the per-frame cost of a colour image in `velmora fuse`
+(which renders the volume from the frame's pose).
+
 With --scene-table, prints the side-by-side table on the built-in scene (see scene_table).
 
 Usage: bench/compare_open3d.py SEQUENCE_DIR [--velmora PATH] [--cell-size M] [--truncation M]
        bench/compare_open3d.py SEQUENCE_DIR --mesh [--bench-surface PATH] [--cell-size M] ...
+       bench/compare_open3d.py SEQUENCE_DIR --raycast [--velmora PATH] [--cell-size M] ...
        bench/compare_open3d.py --scene-table [--frames N] [--size WxH] [--velmora PATH] ...
 Needs Debian's python3-open3d and python3-numpy (run with /usr/bin/python3).
 """
@@ -110,6 +115,69 @@ def run_open3d(frames, intrinsics, cell, truncation, threads, legacy, keep=False
         times.append((time.perf_counter() - start) * 1000.0)
     run_open3d.kept = grid if keep else None
     return times
+
+
+# Views rendered by Open3D's ray_cast after fusing the sequence: the last ones of the sequence.
+RAYCAST_VIEWS = 5
+
+
+def run_open3d_raycast(frames, intrinsics, cell, truncation):
+    """Median milliseconds of VoxelBlockGrid.ray_cast (depth only, all blocks) from the poses of
+    the last frames, after fusing every frame (the thread count comes from OMP_NUM_THREADS)."""
+    import numpy as np
+    import open3d as o3d
+
+    run_open3d(frames, intrinsics, cell, truncation, 1, False, keep=True)
+    grid = run_open3d.kept
+    first = np.asarray(o3d.io.read_image(frames[0][0]))
+    height, width = first.shape[0], first.shape[1]
+    fx, fy, cx, cy = intrinsics
+    intrinsic = o3d.core.Tensor([[fx, 0, cx], [0, fy, cy], [0, 0, 1]], o3d.core.Dtype.Float64)
+    blocks = grid.hashmap().key_tensor()
+    times = []
+    for _, pose in frames[-RAYCAST_VIEWS:]:
+        extrinsic = o3d.core.Tensor(np.linalg.inv(np.array(pose).reshape(4, 4)),
+                                    o3d.core.Dtype.Float64)
+        start = time.perf_counter()
+        # The near and far plane of the library's rendering, any fused sample counts.
+        grid.ray_cast(blocks, intrinsic, extrinsic, width, height, render_attributes=["depth"],
+                      depth_scale=1000.0, depth_min=0.05, depth_max=5.0, weight_threshold=1.0,
+                      trunc_voxel_multiplier=truncation / cell)
+        times.append((time.perf_counter() - start) * 1000.0)
+    return times
+
+
+def compare_raycast(args, frames, intrinsics):
+    """Rendering one depth view: Velmora's cost is the median per-frame time of `velmora fuse`
+    with a colour image every frame (each renders the volume from its pose) minus that of depth
+    alone; Open3D's is ray_cast of the fused grid on one thread."""
+    with tempfile.TemporaryDirectory() as tmp:
+        medians = []
+        for colour_every in (0, 1):
+            stats_path = os.path.join(tmp, "stats.json")
+            subprocess.run([args.velmora, "fuse", args.sequence, "--cell-size",
+                            str(args.cell_size), "--truncation", str(args.truncation),
+                            "--label-every", "0", "--color-every", str(colour_every),
+                            "--stats", stats_path], check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            with open(stats_path) as f:
+                medians.append(statistics.median(
+                    frame["submitMs"] for frame in json.load(f)["frames"]))
+    code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
+            "f, k = c.load_sequence(%r); print(json.dumps(c.run_open3d_raycast(f, k, %r, %r)))" %
+            (os.path.dirname(os.path.abspath(__file__)), args.sequence, args.cell_size,
+             args.truncation))
+    env = dict(os.environ, OMP_NUM_THREADS="1")
+    out = subprocess.run([sys.executable, "-c", code], check=True, env=env, capture_output=True,
+                         text=True).stdout
+    open3d = statistics.median(json.loads(out.strip().splitlines()[-1]))
+    velmora = medians[1] - medians[0]
+    print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m")
+    print(f"velmora: frame with colour {medians[1]:.1f} ms, depth only {medians[0]:.1f} ms")
+    print(f"{'rendering of one depth view':45s} {'median ms':>10s} {'ratio to velmora':>17s}")
+    print(f"{'velmora (colour frame minus depth frame)':45s} {velmora:10.1f} {1.0:17.2f}")
+    print(f"{'Open3D VoxelBlockGrid.ray_cast, 1 thread':45s} {open3d:10.1f} "
+          f"{open3d / velmora:17.2f}")
 
 
 # Repetitions of Open3D's mesh extraction; the median is reported.
@@ -270,6 +338,8 @@ def main():
     parser.add_argument("--cell-size", type=float, default=0.02)
     parser.add_argument("--truncation", type=float, default=0.10)
     parser.add_argument("--mesh", action="store_true", help="compare whole-scene meshing")
+    parser.add_argument("--raycast", action="store_true",
+                        help="compare rendering one depth view (Open3D's ray_cast)")
     parser.add_argument("--bench-surface", default=os.path.join(
         os.path.dirname(__file__), "..", "build", "dev", "bench", "bench_surface"))
     args = parser.parse_args()
@@ -284,6 +354,9 @@ def main():
         sys.exit(f"{args.sequence}: no frames with a pose")
     if args.mesh:
         compare_meshing(args, frames, intrinsics)
+        return
+    if args.raycast:
+        compare_raycast(args, frames, intrinsics)
         return
     rows = [("velmora fuse (split, depth only, 1 thread)",
              run_velmora(args.velmora, args.sequence, args.cell_size, args.truncation))]

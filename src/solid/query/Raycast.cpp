@@ -196,8 +196,10 @@ public:
         return trilinearValue(mEntry->block, mFrame.local(p, key));
     }
 
-    // Never: a block missing at the last read may have been created since.
-    bool inMissingBlock(const Vec3& /*p*/) const { return false; }
+    // Never: a block missing at the last read may have been created since, and one read may
+    // be written meanwhile.
+    bool inSkippableBlock(const Vec3& /*p*/, bool /*positives*/) const { return false; }
+    bool inPositiveBlock() const { return false; }
 
 private:
     const Grid& mGrid;
@@ -223,9 +225,11 @@ public:
     float value(const Vec3& p) {
         const KeyType key = mFrame.keyOf(p);
         if (!(key == mKey)) {
-            mEntry = mSnapshot.find(key);
+            const uint32_t slot = mSnapshot.slotOf(key);
+            mEntry = slot == Snapshot::kNoSlot ? nullptr : &mSnapshot.entryAt(slot);
             mKey = key;
-            if (mEntry == nullptr) {
+            mPositive = mEntry != nullptr && isPositiveBlock(slot);
+            if (mEntry == nullptr || mPositive) {
                 updateIntervals();
             }
         }
@@ -235,15 +239,48 @@ public:
         return trilinearValue(mEntry->block, mFrame.local(p, key));
     }
 
-    // Whether `p` lies in the block of the last read and that block is missing: a read there
-    // gives -2.0 again, and the march can step on without it.
-    bool inMissingBlock(const Vec3& p) const {
-        return mEntry == nullptr && mCurrent[0].low <= p(0) && p(0) <= mCurrent[0].high &&
-               mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high && mCurrent[2].low <= p(2) &&
-               p(2) <= mCurrent[2].high;
+    // Whether `p` lies in the block of the last read, and that block is missing (a read there
+    // gives -2.0 again) or, with `positives`, all its samples are observed and positive (a read
+    // there gives an observed positive value): the march can step on without the read.
+    bool inSkippableBlock(const Vec3& p, bool positives) const {
+        return (mEntry == nullptr || (positives && mPositive)) && mCurrent[0].low <= p(0) &&
+               p(0) <= mCurrent[0].high && mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high &&
+               mCurrent[2].low <= p(2) && p(2) <= mCurrent[2].high;
     }
 
+    // Whether the block of the last read exists (and so is one of positive samples, when
+    // inSkippableBlock held).
+    bool inPositiveBlock() const { return mEntry != nullptr; }
+
 private:
+    using Snapshot = typename Grid::TableSnapshot;
+
+    // Notes of a block in the table copy: not yet looked at, or whether all its samples are
+    // observed and positive.
+    static constexpr uint8_t kNotLookedAt = 0;
+    static constexpr uint8_t kAllPositive = 1;
+    static constexpr uint8_t kNotAllPositive = 2;
+
+    // Every trilinear read in a block whose samples are all observed and positive is observed
+    // and positive: its corners are samples of the block, and each blend of two positive
+    // values with weights f and 1 - f (f in [0, 1), or a hair outside with both corners one
+    // sample) stays positive.
+    bool isPositiveBlock(uint32_t slot) {
+        uint8_t& note = mSnapshot.note(slot);
+        if (note == kNotLookedAt) {
+            const auto& block = mSnapshot.entryAt(slot).block;
+            note = kAllPositive;
+            for (uint32_t i = 0; i < block.dataSize(); ++i) {
+                const Vec2S& sample = depthPart(block.data()[i]);
+                if (sample(1) < 1 || sample(0) <= 0) {
+                    note = kNotAllPositive;
+                    break;
+                }
+            }
+        }
+        return note == kAllPositive;
+    }
+
     // The float interval of one key component; empty (low above high) where it was not found,
     // so that every read there looks the block up.
     struct Interval {
@@ -278,7 +315,8 @@ private:
     BlockFrame mFrame;
     KeyType mKey;
     const typename Grid::Entry* mEntry;
-    Interval mCurrent[3];  // of the components of `mKey`, while its entry is missing
+    bool mPositive = false;  // the entry of `mKey` has only observed positive samples
+    Interval mCurrent[3];    // of the components of `mKey`, while its block can be skipped
     Interval mCache[3][kIntervalCacheSize];
 };
 
@@ -299,6 +337,10 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
     float step = largeStep;
     Vec3 increment = direction * step;
     float previous = kUnobservedValue;
+    // The last observed value was stepped over in a block of positive samples: it is read from
+    // its position when a crossing needs it.
+    bool previousPending = false;
+    Vec3 previousPosition = position;
     bool coarse = true;
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
@@ -311,6 +353,9 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
             if (value < 0.0f) {
                 if (verbose) {
                     AR_LOG_VERBOSE("negative value found");
+                }
+                if (previousPending) {
+                    previous = reader.value(previousPosition);
                 }
                 if (previous > 0.0f) {
                     // The crossing between the last positive value, taken one step back, and
@@ -345,6 +390,7 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
                 coarse = false;
             }
             previous = value;
+            previousPending = false;
         }
         const float next = d + step;
         if (next == d) {
@@ -352,12 +398,19 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
         }
         d = next;
         position += increment;
-        // Samples in the missing block of the last read would read -2.0 again: they are stepped
-        // over with the same additions, so every later position and depth is the same float.
-        while (!verbose && reader.inMissingBlock(position)) {
+        // Samples in the missing block of the last read would read -2.0 again, and those in a
+        // block of observed positive samples a positive value, which only becomes `previous`
+        // (the switch to the small step cannot change anything once it happened, or when both
+        // steps are one): they are stepped over with the same additions, so every later
+        // position and depth is the same float.
+        while (!verbose && reader.inSkippableBlock(position, !coarse || largeStep == smallStep)) {
             ++samples;
             if (!(d <= farPlane && samples < kMaxMarchSamples)) {
                 return result;
+            }
+            if (reader.inPositiveBlock()) {
+                previousPending = true;
+                previousPosition = position;
             }
             const float after = d + step;
             if (after == d) {

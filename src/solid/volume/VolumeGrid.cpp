@@ -302,8 +302,10 @@ VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
         mMask = capacity - 1;
     }
     mEntries.resize(capacity);
+    mNotes.resize(capacity);
     for (uint32_t i = 0; i < capacity; ++i) {
         mEntries.data()[i] = nullptr;
+        mNotes.data()[i] = 0;
     }
     for (const auto& item : grid.mGrid) {
         const KeyType& key = item.first;

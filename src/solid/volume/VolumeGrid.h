@@ -190,31 +190,50 @@ public:
     class TableSnapshot {
     public:
         explicit TableSnapshot(const VolumeGrid& grid);
+        static constexpr uint32_t kNoSlot = UINT32_MAX;
+
         // The entry of `key`, or null.
         const Entry* find(const KeyType& key) const {
+            const uint32_t slot = slotOf(key);
+            return slot == kNoSlot ? nullptr : mEntries.data()[slot];
+        }
+
+        // The slot of the entry of `key`, or kNoSlot.
+        uint32_t slotOf(const KeyType& key) const {
             // Unsigned differences: a key below the box wraps to a large offset, and no key
             // (INT_MIN included) can overflow.
             uint32_t offset[3];
             for (int a = 0; a < 3; ++a) {
                 offset[a] = static_cast<uint32_t>(key(a)) - static_cast<uint32_t>(mMinKey(a));
                 if (offset[a] > mLastOffset[a]) {
-                    return nullptr;
+                    return kNoSlot;
                 }
             }
             if (mDense) {
-                return mEntries.data()[offset[0] + mStride[0] * offset[1] + mStride[1] * offset[2]];
+                const uint32_t cell = offset[0] + mStride[0] * offset[1] + mStride[1] * offset[2];
+                return mEntries.data()[cell] != nullptr ? cell : kNoSlot;
             }
             for (uint32_t slot = mixBlockKey(key) & mMask;; slot = (slot + 1) & mMask) {
                 const Entry* entry = mEntries.data()[slot];
-                if (entry == nullptr || mKeys.data()[slot] == key) {
-                    return entry;
+                if (entry == nullptr) {
+                    return kNoSlot;
+                }
+                if (mKeys.data()[slot] == key) {
+                    return slot;
                 }
             }
         }
 
+        const Entry& entryAt(uint32_t slot) const { return *mEntries.data()[slot]; }
+
+        // A byte per slot, 0 at first, in which the holder of the copy notes what it learnt of a
+        // block; the copy itself never reads it.
+        uint8_t& note(uint32_t slot) const { return mNotes.data()[slot]; }
+
     private:
         AR::Common::Vector<KeyType> mKeys;          // of the hash slots; unused when dense
         AR::Common::Vector<const Entry*> mEntries;  // null for an empty slot or cell
+        mutable AR::Common::Vector<uint8_t> mNotes;
         uint32_t mMask = 0;
         bool mDense = false;
         KeyType mMinKey;                      // lower corner of the bounding box of all keys
