@@ -33,10 +33,6 @@ std::string loadProblem(FrameSource& source, size_t index, FrameStatus status) {
     return problem;
 }
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 // Frame `index` of `source` holds the depth, colour and pose of the built-in scene's frame.
 void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, Frame& read) {
     BuiltinSceneSource scene(source.frameCount(), kSmallWidth, kSmallHeight, 0.0, 1);

@@ -66,6 +66,10 @@ inline void writeSceneSequence(const std::string& directory, size_t count, bool 
     }
 }
 
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 inline void writeText(const std::string& path, const std::string& text) {
     std::ofstream out(path);
     out << text;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -58,13 +57,6 @@ void fuse(IVelmora& scene, int32_t mode, const AnalyticScene& world, const Pinho
     Test::fuseView(scene, mode, world, camera);
 }
 
-std::map<uint16_t, std::vector<ObjectInstance>> byLabel(const Report& report) {
-    std::map<uint16_t, std::vector<ObjectInstance>> labels;
-    for (const ObjectInstance& instance : report.instances)
-        labels[instance.label].push_back(instance);
-    return labels;
-}
-
 // The instances of `label` whose bounds meet the box [lo, hi]. Label votes that land off their
 // object (rays grazing an edge, a rendered depth a cell off) leave small fragments elsewhere, which
 // are instances of their own; the object is the instance that meets its box.
@@ -99,7 +91,7 @@ TEST_P(InstancesTest, EachBoxIsOneInstanceWithItsLabelAndBounds) {
         fuse(*scene, mode, world, camera);
     const Report report = readInstances(*scene);
     ASSERT_EQ(report.result, kSuccess);
-    EXPECT_FALSE(byLabel(report)[kFloor].empty());
+    EXPECT_FALSE(meeting(report, kFloor, {0.0, 0.0, 0.0}, {1.6, 1.5, 0.0}).empty());
     const float tolerance = boundsTolerance(mode);
     for (const TrueBox& box : kBoxes) {
         const auto found = meeting(report, box.label, box.min, box.max);

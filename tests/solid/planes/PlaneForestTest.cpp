@@ -1,6 +1,6 @@
 // The plane forest: its states and links on a fused analytic room (one root per floor, wall and
-// table top; a box top kept apart; refits and removals that keep the forest consistent), and the
-// diagnostics and aborts of the node table.
+// table top; a box top and a shallow crease kept apart; refits and removals that keep the forest
+// consistent), and the diagnostics and aborts of the node table.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -171,6 +171,48 @@ TEST(PlaneMerging, ALowBoxTopStaysApartFromTheFloor) {
         }
     }
     EXPECT_GE(boxTopLeaves, 2u);
+}
+
+TEST(PlaneMerging, AShallowCreaseIsNotMergedAcross) {
+    // Two slopes meeting in a valley along x = 1.6 (a block face), their normals 1.5 times the
+    // merge angle apart. The error bound is generous, so only the angle between the two parents
+    // keeps them apart: the merged normal lies within the angle of each.
+    const float a = 0.75f * kMaxAngle;
+    const Solid::Vec3 left(std::sin(a), 0.f, std::cos(a));
+    const Solid::Vec3 right(-std::sin(a), 0.f, std::cos(a));
+    const Solid::Vec3 valley(1.6f, 0.f, 0.2f);
+    Velmora::Test::AnalyticScene scene;
+    for (const Solid::Vec3& n : {left, right}) {
+        scene.add(Velmora::Test::makeHalfSpace({n(0), n(1), n(2)}, AR::Math::dot(n, valley), 1,
+                                               {0, 0, 0}));
+    }
+    Solid::DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kCellSize);
+    std::vector<Solid::KeyType> keys;
+    Solid::IndexSet blocks;
+    for (int x = 0; x < 8; ++x) {
+        for (int y = 0; y < 4; ++y) {
+            keys.emplace_back(x, y, 0);
+            blocks.insert(keys.back());
+        }
+    }
+    Velmora::Test::writeExactBlocks(grid, scene, kTruncation, keys);
+    PlaneDetector detector;
+    detector.configure(kTruncation, 0.1f, kMaxAngle, kIterations, 0.0f);
+    detector.fitPlanes(grid, blocks);
+    detector.mergePlanes(blocks);
+    int sides[2] = {0, 0};
+    for (const PlaneID id : detector.getRootIDs()) {
+        int leftBlocks = 0;
+        for (const Solid::KeyType& key : detector.getNode(id).blocks) {
+            leftBlocks += key(0) < 4;
+        }
+        const size_t size = detector.getNode(id).blocks.size();
+        EXPECT_TRUE(leftBlocks == 0 || leftBlocks == static_cast<int>(size)) << "root " << id;
+        ++sides[leftBlocks > 0];
+    }
+    EXPECT_GT(sides[0], 0);
+    EXPECT_GT(sides[1], 0);
 }
 
 TEST_F(PlaneForest, RefitOfOneBlockKeepsTheForestConsistent) {
