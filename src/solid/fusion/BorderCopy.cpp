@@ -118,6 +118,9 @@ void copyBorders(GridType& grid, IntegrationStats& stats, IndexSet& blocks) {
     AR::Common::Timing timing;
     timing.beginSection(true);
     IndexSet updated(blocks.size());
+    // A mesh request copies borders on its own thread while the frame path may be rendering
+    // from a table snapshot without block locks.
+    const auto exclusion = grid.excludeSnapshots();
     {
         // One read lock for the whole pass instead of one per lookup: the frame thread, which
         // runs this pass, is the only one that adds blocks, so nothing waits for it meanwhile.

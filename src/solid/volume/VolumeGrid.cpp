@@ -267,7 +267,7 @@ bool keyComponentInterval(int k, float dimension, float inverseDimension, float&
 
 template <typename B, template <typename> class P, typename L>
 VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
-    : mMinKey(INT_MAX, INT_MAX, INT_MAX) {
+    : mExclusion(grid.excludeSnapshots()), mMinKey(INT_MAX, INT_MAX, INT_MAX) {
     AR::Common::ReadLockGuard<L> guard(grid.mLock);
     KeyType maxKey(INT_MAX, INT_MAX, INT_MAX);
     if (!grid.mGrid.empty()) {

@@ -182,8 +182,10 @@ public:
     std::optional<SampleType> getSample(const Vec3& p, KeyType& key) const;
 
     // A copy of the block table for a reader that looks up many keys while no block is added,
-    // such as the frame path, the only writer, rendering the volume between two frames: lookups
-    // take no lock. Where the bounding box of the keys has few cells per block, as for a room,
+    // such as the frame path rendering the volume between two frames: lookups take no lock, and
+    // neither do the reads of the blocks found. The frame path is the only writer of samples but
+    // for the border copies that mesh requests make on other threads; those wait for the
+    // snapshot to go away (`excludeSnapshots`), and a snapshot waits for them. Where the bounding box of the keys has few cells per block, as for a room,
     // the copy is a dense array over the box and a lookup is one index; otherwise it is a flat
     // hash table. Blocks added after the copy are not seen. Entries never move or vanish while
     // the grid lives, so the copy stays valid.
@@ -231,6 +233,7 @@ public:
         uint8_t& note(uint32_t slot) const { return mNotes.data()[slot]; }
 
     private:
+        std::unique_lock<std::mutex> mExclusion;    // from excludeSnapshots, for the copy's life
         AR::Common::Vector<KeyType> mKeys;          // of the hash slots; unused when dense
         AR::Common::Vector<const Entry*> mEntries;  // null for an empty slot or cell
         mutable AR::Common::Vector<uint8_t> mNotes;
@@ -287,6 +290,11 @@ public:
     const Vec3& inverseDimension() const { return mInverseDimension; }
     const Vec3& gridSpacing() const { return mSpacing; }
     GridLockType& lock() const { return mLock; }
+    // Held while samples are written outside the frame path, so that no table snapshot's
+    // unlocked reads overlap the writes.
+    std::unique_lock<std::mutex> excludeSnapshots() const {
+        return std::unique_lock<std::mutex>(mSnapshotMutex);
+    }
     const VolumeGridCentralStorage& centralStorage() const { return mCentralStorage; }
 
 private:
@@ -296,6 +304,7 @@ private:
     Vec3 mSpacing;
     Vec3 mInverseDimension;
     mutable GridLockType mLock;
+    mutable std::mutex mSnapshotMutex;  // see excludeSnapshots; taken before mLock
 };
 
 using DepthVolume = Volume<Vec2S, ReferencedVolumeData>;
