@@ -210,30 +210,25 @@ private:
     bool mValid = false;                      // mKey and mEntry describe a lookup
 };
 
-// Reads values along the rays of a rendering with lookups in a table snapshot, for the frame
-// renderer. Like LockingSampler it holds the mutex of the block of its last read (surface
-// extraction on another thread copies borders into blocks) and never while it looks up another.
+// Reads values along one ray with lookups in a table snapshot, for the frame renderer. It takes
+// no block mutex: the frame path that renders is the only writer of blocks, so nothing changes
+// under it, and other readers only read.
 template <typename Grid>
 class SnapshotSampler {
 public:
     SnapshotSampler(const Grid& grid, const typename Grid::TableSnapshot& snapshot)
-        : mSnapshot(snapshot), mFrame(grid) {}
+        : mSnapshot(snapshot),
+          mFrame(grid),
+          mKey(INT_MIN, INT_MIN, INT_MIN),
+          mEntry(snapshot.find(mKey)) {}
 
     float value(const Vec3& p) {
         const KeyType key = mFrame.keyOf(p);
-        if (!mValid || !(key == mKey)) {
-            if (mBlockLock.owns_lock()) {
-                mBlockLock.unlock();
-            }
+        if (!(key == mKey)) {
             const uint32_t slot = mSnapshot.slotOf(key);
             mEntry = slot == Snapshot::kNoSlot ? nullptr : &mSnapshot.entryAt(slot);
             mKey = key;
-            mValid = true;
-            mPositive = false;
-            if (mEntry != nullptr) {
-                mBlockLock = std::unique_lock<std::mutex>(*mEntry->mutex);
-                mPositive = isPositiveBlock(slot);
-            }
+            mPositive = mEntry != nullptr && isPositiveBlock(slot);
             if (mEntry == nullptr || mPositive) {
                 updateIntervals();
             }
@@ -248,9 +243,9 @@ public:
     // gives -2.0 again) or, with `positives`, all its samples are observed and positive (a read
     // there gives an observed positive value): the march can step on without the read.
     bool inSkippableBlock(const Vec3& p, bool positives) const {
-        return mValid && (mEntry == nullptr || (positives && mPositive)) &&
-               mCurrent[0].low <= p(0) && p(0) <= mCurrent[0].high && mCurrent[1].low <= p(1) &&
-               p(1) <= mCurrent[1].high && mCurrent[2].low <= p(2) && p(2) <= mCurrent[2].high;
+        return (mEntry == nullptr || (positives && mPositive)) && mCurrent[0].low <= p(0) &&
+               p(0) <= mCurrent[0].high && mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high &&
+               mCurrent[2].low <= p(2) && p(2) <= mCurrent[2].high;
     }
 
     // Whether the block of the last read exists (and so is one of positive samples, when
@@ -267,10 +262,9 @@ private:
     static constexpr uint8_t kNotAllPositive = 2;
 
     // Every trilinear read in a block whose samples are all observed and positive is observed
-    // and positive (the block's mutex is held, and the frame path, which renders, is the only
-    // writer that changes samples; a border copy elsewhere writes what the borders hold): its
-    // corners are samples of the block, and each blend of two positive values with weights f and 1
-    // - f (f in [0, 1), or a hair outside with both corners one sample) stays positive.
+    // and positive: its corners are samples of the block, and each blend of two positive
+    // values with weights f and 1 - f (f in [0, 1), or a hair outside with both corners one
+    // sample) stays positive.
     bool isPositiveBlock(uint32_t slot) {
         uint8_t& note = mSnapshot.note(slot);
         if (note == kNotLookedAt) {
@@ -320,9 +314,7 @@ private:
     const typename Grid::TableSnapshot& mSnapshot;
     BlockFrame mFrame;
     KeyType mKey;
-    const typename Grid::Entry* mEntry = nullptr;
-    std::unique_lock<std::mutex> mBlockLock;  // of mEntry, while there is one
-    bool mValid = false;                      // mKey and mEntry describe a lookup
+    const typename Grid::Entry* mEntry;
     bool mPositive = false;  // the entry of `mKey` has only observed positive samples
     Interval mCurrent[3];    // of the components of `mKey`, while its block can be skipped
     Interval mCache[3][kIntervalCacheSize];
