@@ -210,9 +210,9 @@ private:
     bool mValid = false;                      // mKey and mEntry describe a lookup
 };
 
-// Reads values along one ray with lookups in a table snapshot, for the frame renderer. It takes
-// no block mutex: the frame path that renders is the only writer of blocks, so nothing changes
-// under it, and other readers only read.
+// Reads values along the rays of a rendering with lookups in a table snapshot, for the frame
+// renderer. It takes no block mutex: the frame path that renders is the only writer of samples,
+// and border copies on other threads wait while the snapshot lives.
 template <typename Grid>
 class SnapshotSampler {
 public:

@@ -15,8 +15,9 @@
 // never while it looks up another one. A single march looks blocks up under the grid's read
 // lock, so it may run during integration and see the volume half-way through a frame. The frame
 // renderer copies the block table once and looks up in the copy without locks, and reads blocks
-// without their mutexes: it is meant for the frame path, the only writer, which renders between
-// its own frames; blocks created during a rendering are not seen by it.
+// without their mutexes (border copies elsewhere wait for the copy): it is meant for the frame
+// path, the only writer of samples, which renders between its own frames; blocks created during
+// a rendering are not seen by it.
 #ifndef VELMORA_SOLID_QUERY_RAYCAST_H
 #define VELMORA_SOLID_QUERY_RAYCAST_H
 
