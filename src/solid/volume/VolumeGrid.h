@@ -185,10 +185,10 @@ public:
     // such as the frame path rendering the volume between two frames: lookups take no lock, and
     // neither do the reads of the blocks found. The frame path is the only writer of samples but
     // for the border copies that mesh requests make on other threads; those wait for the
-    // snapshot to go away (`excludeSnapshots`), and a snapshot waits for them. Where the bounding box of the keys has few cells per block, as for a room,
-    // the copy is a dense array over the box and a lookup is one index; otherwise it is a flat
-    // hash table. Blocks added after the copy are not seen. Entries never move or vanish while
-    // the grid lives, so the copy stays valid.
+    // snapshot to go away (`excludeSnapshots`), and a snapshot waits for them. Where the bounding
+    // box of the keys has few cells per block, as for a room, the copy is a dense array over the
+    // box and a lookup is one index; otherwise it is a flat hash table. Blocks added after the copy
+    // are not seen. Entries never move or vanish while the grid lives, so the copy stays valid.
     class TableSnapshot {
     public:
         explicit TableSnapshot(const VolumeGrid& grid);
