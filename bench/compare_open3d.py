@@ -163,14 +163,7 @@ def compare_raycast(args, frames, intrinsics):
             with open(stats_path) as f:
                 medians.append(statistics.median(
                     frame["submitMs"] for frame in json.load(f)["frames"]))
-    code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
-            "f, k = c.load_sequence(%r); print(json.dumps(c.run_open3d_raycast(f, k, %r, %r)))" %
-            (os.path.dirname(os.path.abspath(__file__)), args.sequence, args.cell_size,
-             args.truncation))
-    env = dict(os.environ, OMP_NUM_THREADS="1")
-    out = subprocess.run([sys.executable, "-c", code], check=True, env=env, capture_output=True,
-                         text=True).stdout
-    open3d = statistics.median(json.loads(out.strip().splitlines()[-1]))
+    open3d = statistics.median(open3d_in_one_thread(args, "run_open3d_raycast"))
     velmora = medians[1] - medians[0]
     print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m")
     print(f"velmora: frame with colour {medians[1]:.1f} ms, depth only {medians[0]:.1f} ms")
@@ -227,17 +220,24 @@ def run_velmora_mesh(binary, cell):
     return result["real_time"], result["cpu_time"], int(result["triangles"])
 
 
-def compare_meshing(args, frames, intrinsics):
-    velmora_wall, velmora_cpu, velmora_triangles = run_velmora_mesh(args.bench_surface,
-                                                                    args.cell_size)
+def open3d_in_one_thread(args, function):
+    """Runs `function(frames, intrinsics, cell_size, truncation)` of this module in a fresh
+    interpreter limited to one OpenMP thread (the limit must be set before Open3D loads) and
+    returns what it printed as JSON on its last line."""
     code = ("import json, sys; sys.path.insert(0, %r); import compare_open3d as c; "
-            "f, k = c.load_sequence(%r); print(json.dumps(c.run_open3d_mesh(f, k, %r, %r)))" %
-            (os.path.dirname(os.path.abspath(__file__)), args.sequence, args.cell_size,
+            "f, k = c.load_sequence(%r); print(json.dumps(c.%s(f, k, %r, %r)))" %
+            (os.path.dirname(os.path.abspath(__file__)), args.sequence, function, args.cell_size,
              args.truncation))
     env = dict(os.environ, OMP_NUM_THREADS="1")
     out = subprocess.run([sys.executable, "-c", code], check=True, env=env, capture_output=True,
                          text=True).stdout
-    open3d_wall, open3d_cpu, open3d_triangles = json.loads(out.strip().splitlines()[-1])
+    return json.loads(out.strip().splitlines()[-1])
+
+
+def compare_meshing(args, frames, intrinsics):
+    velmora_wall, velmora_cpu, velmora_triangles = run_velmora_mesh(args.bench_surface,
+                                                                    args.cell_size)
+    open3d_wall, open3d_cpu, open3d_triangles = open3d_in_one_thread(args, "run_open3d_mesh")
     # On a shared machine the CPU times are the steadier figures; both are printed.
     print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m, "
           "whole-scene mesh")
