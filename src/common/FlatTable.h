@@ -29,6 +29,7 @@
 #include <iterator>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "common/Assert.h"
 
@@ -52,6 +53,14 @@ constexpr float kSparseLoadAfterRehash = 0.1f;
 // Reports a table that is nearly empty after a rehash; `containerName` is "FlatSet" or "FlatMap".
 void reportSparseRehash(const char* containerName, float load, size_t buckets, size_t elements,
                         size_t maxOffset);
+
+// Where keys would stand in a FlatSet or FlatMap constructed without an expected count, after
+// inserting distinct keys with `hashes` in this order: their indices in slot (iteration) order.
+// It replays the rules above on the homes alone, finding a run's end by binary search and the
+// next empty slot through links past filled ones, so that keys whose hashes cluster cost little
+// more than others, where the table itself walks every run slot by slot. A growth that leaves
+// the table sparse is reported as the table reports it.
+std::vector<uint32_t> slotOrder(const std::vector<uint32_t>& hashes, const char* containerName);
 
 template <typename Element>
 struct FlatSlot {

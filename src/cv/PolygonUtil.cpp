@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <unordered_map>
 
 #include "common/Assert.h"
 #include "cv/Delaunator.h"
@@ -183,22 +184,43 @@ std::vector<std::vector<size_t>> computeAlphaShapes(const std::vector<Vec2>& poi
         Common::ArrayView<const Vec2>(points.data(), points.data() + points.size()), epsilon);
     const std::vector<unsigned int> passing = computeAlphaTriangles(points, triangles, alpha);
 
-    EdgeTriangles trianglesAdjacentToEdge;
+    // The passing triangles on each edge, edges in order of first appearance. The boundary graph
+    // is filled in the order of an edge table keyed by hashPair, whose hash puts the edges of a
+    // large outline into a few buckets; walking such a table slot by slot made outlines of some
+    // ten thousand points take seconds, so the table's order is replayed on its homes alone.
+    std::unordered_map<uint64_t, uint32_t> edgeIndex(3 * passing.size());
+    std::vector<Edge> edges;
+    std::vector<std::vector<unsigned int>> edgeTriangles;
+    const auto edgeKey = [](const Edge& edge) {
+        return (static_cast<uint64_t>(edge.first) << 32) | edge.second;
+    };
+    const auto addEdge = [&](const Edge& edge, unsigned int t) {
+        const auto entry = edgeIndex.emplace(edgeKey(edge), static_cast<uint32_t>(edges.size()));
+        if (entry.second) {
+            edges.push_back(edge);
+            edgeTriangles.emplace_back();
+        }
+        edgeTriangles[entry.first->second].push_back(t);
+    };
     for (const unsigned int t : passing) {
         unsigned int v[3] = {triangles[t][0], triangles[t][1], triangles[t][2]};
         std::sort(v, v + 3);
         AR_ASSERT(v[0] < v[1] && v[1] < v[2]);
-        trianglesAdjacentToEdge[Edge(v[0], v[1])].push_back(t);
-        trianglesAdjacentToEdge[Edge(v[1], v[2])].push_back(t);
-        trianglesAdjacentToEdge[Edge(v[0], v[2])].push_back(t);
+        addEdge(Edge(v[0], v[1]), t);
+        addEdge(Edge(v[1], v[2]), t);
+        addEdge(Edge(v[0], v[2]), t);
+    }
+    std::vector<uint32_t> hashes(edges.size());
+    for (size_t e = 0; e < edges.size(); ++e) {
+        hashes[e] = hashPair()(edges[e]);
     }
 
     // Each vertex of the boundary with the other ends of its boundary edges.
     Common::FlatMap<unsigned int, std::vector<unsigned int>> graph;
-    for (const auto& entry : trianglesAdjacentToEdge) {
-        if (entry.second.size() == 1) {
-            graph[entry.first.first].push_back(entry.first.second);
-            graph[entry.first.second].push_back(entry.first.first);
+    for (const uint32_t e : Common::detail::slotOrder(hashes, "FlatMap")) {
+        if (edgeTriangles[e].size() == 1) {
+            graph[edges[e].first].push_back(edges[e].second);
+            graph[edges[e].second].push_back(edges[e].first);
         }
     }
     // Thinned contour points lie on a grid, so many triangles are near-collinear slivers whose
@@ -215,8 +237,8 @@ std::vector<std::vector<size_t>> computeAlphaShapes(const std::vector<Vec2>& poi
     }
     const bool clockwiseWinding = area < 0.0;
     const auto isClockWise = [&](unsigned int v1, unsigned int v2) {
-        const std::vector<unsigned int>& adjacent = trianglesAdjacentToEdge.at(makeEdge(v1, v2));
-        const Triangle& triangle = triangles[adjacent[0]];
+        const Triangle& triangle =
+            triangles[edgeTriangles[edgeIndex.at(edgeKey(makeEdge(v1, v2)))][0]];
         bool forward = false;
         for (int i = 0; i < 3; ++i) {
             forward = forward || (triangle[i] == v1 && triangle[(i + 1) % 3] == v2);

@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -79,3 +80,39 @@ TEST(FlatMapDeathTest, AtAbortsOnAMissingKey) {
 }
 
 }  // namespace
+
+// A key that carries its own hash, so that distinct keys can share one.
+struct HashedKey {
+    uint32_t hash;
+    uint32_t id;
+    bool operator==(const HashedKey& other) const { return id == other.id; }
+};
+struct OwnHash {
+    uint32_t operator()(const HashedKey& key) const { return key.hash; }
+};
+
+// The replayed slot order is the table's own, for spread hashes, for hashes that pile into a
+// few buckets (runs into the overflow slots, growth by clustering and by load), and for keys
+// that share a few hashes outright (low bits 0: one of 64 hashes).
+TEST(FlatMapSlotOrder, ReplayMatchesTheTable) {
+    std::mt19937 rng(11);
+    for (const uint32_t distinctLowBits : {0xFFFFFFFFu, 0xFFu, 0x7u, 0x0u}) {
+        for (const uint32_t count : {1u, 9u, 300u, 5000u}) {
+            std::vector<uint32_t> hashes;
+            FlatMap<HashedKey, int, OwnHash> table;
+            for (uint32_t i = 0; i < count; ++i) {
+                const uint32_t hash = distinctLowBits == 0
+                                          ? (static_cast<uint32_t>(rng()) % 64u) << 8
+                                          : static_cast<uint32_t>(rng()) & ~0xFFu;
+                hashes.push_back(hash | (static_cast<uint32_t>(rng()) & distinctLowBits & 0xFFu));
+                table.insert(std::make_pair(HashedKey{hashes.back(), i}, 0));
+            }
+            std::vector<uint32_t> expected;
+            for (const auto& entry : table) {
+                expected.push_back(entry.first.id);
+            }
+            EXPECT_EQ(AR::Common::detail::slotOrder(hashes, "FlatMap"), expected)
+                << count << " keys, low bits " << distinctLowBits;
+        }
+    }
+}
