@@ -18,8 +18,12 @@ void reportSparseRehash(const char* containerName, float load, size_t buckets, s
 
 namespace {
 
-// The homes of a table, with each element's hash and index, and for each slot a link towards the
-// first empty slot at or after it.
+// What decides where a table's keys stand, without the slots themselves. Which slots are occupied
+// depends only on how many keys each bucket has (each key fills the first empty slot at or after
+// its home), and the slot order is by home with ties in insertion order. So a key's insertion
+// needs: the first empty slot at or after its home (links past filled slots), and whether a
+// later home stands before that slot, which makes it shift the run and test the load (a count of
+// homes in a range).
 class HomeTable {
 public:
     explicit HomeTable(size_t expectedCount) {
@@ -27,63 +31,75 @@ public:
         while (buckets < expectedCount) {
             buckets *= 2;
         }
-        const size_t slots =
-            buckets + kOverflowSlots > kMinSlots ? buckets + kOverflowSlots : kMinSlots;
-        mHome.assign(slots, kEmptyHome);
-        mHash.assign(slots, 0);
-        mIndex.assign(slots, 0);
-        mNextEmpty.resize(slots + 1);
-        for (size_t s = 0; s <= slots; ++s) {
+        mSlots = buckets + kOverflowSlots > kMinSlots ? buckets + kOverflowSlots : kMinSlots;
+        mMask = static_cast<uint32_t>(mSlots - kOverflowSlots - 1);
+        mNextEmpty.resize(mSlots + 1);
+        for (size_t s = 0; s <= mSlots; ++s) {
             mNextEmpty[s] = static_cast<uint32_t>(s);
         }
-        mMask = static_cast<uint32_t>(slots - kOverflowSlots - 1);
+        mHomeCounts.assign(size_t(mMask) + 2, 0);
     }
 
     uint32_t bucketCount() const { return mMask + 1; }
-    uint32_t slotCount() const { return static_cast<uint32_t>(mHome.size()); }
 
     void insert(uint32_t hash, uint32_t index, const char* containerName) {
         for (;;) {
             const uint32_t home = hash & mMask;
             const uint32_t empty = nextEmpty(home);
-            // The occupied slots from `home` up to `empty` have non-decreasing homes: the
-            // insertion point is the first of them with a later home.
-            const uint32_t at = static_cast<uint32_t>(
-                std::upper_bound(mHome.begin() + home, mHome.begin() + empty, home) -
-                mHome.begin());
-            if (empty == slotCount() ||
-                (at != empty && static_cast<float>(mSize) / static_cast<float>(bucketCount()) >
-                                    kDefaultMaxLoadFactor)) {
+            if (empty == mSlots) {
+                grow(containerName);  // the probe or the shift would run off the end
+                continue;
+            }
+            const uint32_t last = std::min(empty - 1, mMask);
+            const bool shifts = empty > home + 1 && homesUpTo(last) > homesUpTo(home);
+            if (shifts && static_cast<float>(mEntries.size()) / static_cast<float>(bucketCount()) >
+                              kDefaultMaxLoadFactor) {
                 grow(containerName);
                 continue;
             }
-            std::copy_backward(mHome.begin() + at, mHome.begin() + empty,
-                               mHome.begin() + empty + 1);
-            std::copy_backward(mHash.begin() + at, mHash.begin() + empty,
-                               mHash.begin() + empty + 1);
-            std::copy_backward(mIndex.begin() + at, mIndex.begin() + empty,
-                               mIndex.begin() + empty + 1);
-            mHome[at] = home;
-            mHash[at] = hash;
-            mIndex[at] = index;
             mNextEmpty[empty] = empty + 1;
-            ++mSize;
+            for (uint32_t b = home + 1; b < mHomeCounts.size(); b += b & (~b + 1)) {
+                ++mHomeCounts[b];
+            }
+            mEntries.push_back({hash, index});
             return;
         }
     }
 
+    // The keys' indices in slot order.
     std::vector<uint32_t> order() const {
         std::vector<uint32_t> result;
-        result.reserve(mSize);
-        for (size_t s = 0; s < mHome.size(); ++s) {
-            if (mHome[s] != kEmptyHome) {
-                result.push_back(mIndex[s]);
-            }
+        result.reserve(mEntries.size());
+        for (const Entry& entry : sorted()) {
+            result.push_back(entry.index);
         }
         return result;
     }
 
 private:
+    struct Entry {
+        uint32_t hash;
+        uint32_t index;
+    };
+
+    std::vector<Entry> sorted() const {
+        std::vector<Entry> entries = mEntries;
+        const uint32_t mask = mMask;
+        std::stable_sort(entries.begin(), entries.end(), [mask](const Entry& a, const Entry& b) {
+            return (a.hash & mask) < (b.hash & mask);
+        });
+        return entries;
+    }
+
+    // Keys whose home is at most `bucket`.
+    uint32_t homesUpTo(uint32_t bucket) const {
+        uint32_t count = 0;
+        for (uint32_t b = bucket + 1; b > 0; b -= b & (~b + 1)) {
+            count += mHomeCounts[b];
+        }
+        return count;
+    }
+
     uint32_t nextEmpty(uint32_t slot) {
         uint32_t root = slot;
         while (mNextEmpty[root] != root) {
@@ -97,32 +113,35 @@ private:
         return root;
     }
 
+    // Twice the buckets, the keys inserted again in slot order, as the table grows.
     void grow(const char* containerName) {
         HomeTable grown(size_t(2) * bucketCount());
-        for (size_t s = 0; s < mHome.size(); ++s) {
-            if (mHome[s] != kEmptyHome) {
-                grown.insert(mHash[s], mIndex[s], containerName);
-            }
+        for (const Entry& entry : sorted()) {
+            grown.insert(entry.hash, entry.index, containerName);
         }
         std::swap(*this, grown);
-        const float load = static_cast<float>(mSize) / static_cast<float>(bucketCount());
-        if (mSize != 0 && load < kSparseLoadAfterRehash) {
+        const float load = static_cast<float>(mEntries.size()) / static_cast<float>(bucketCount());
+        if (!mEntries.empty() && load < kSparseLoadAfterRehash) {
+            // Slots in order: each key at its home or just after the key before it.
             size_t largest = 0;
-            for (uint32_t s = 0; s < bucketCount(); ++s) {
-                if (mHome[s] != kEmptyHome && s - mHome[s] > largest) {
-                    largest = s - mHome[s];
+            uint64_t next = 0;
+            for (const Entry& entry : sorted()) {
+                const uint64_t home = entry.hash & mMask;
+                const uint64_t slot = std::max(home, next);
+                if (slot < bucketCount()) {
+                    largest = std::max<size_t>(largest, slot - home);
                 }
+                next = slot + 1;
             }
-            reportSparseRehash(containerName, load, bucketCount(), mSize, largest);
+            reportSparseRehash(containerName, load, bucketCount(), mEntries.size(), largest);
         }
     }
 
-    std::vector<uint32_t> mHome;
-    std::vector<uint32_t> mHash;
-    std::vector<uint32_t> mIndex;
-    std::vector<uint32_t> mNextEmpty;  // a filled slot links onward; an empty one to itself
+    size_t mSlots = 0;
     uint32_t mMask = 0;
-    uint32_t mSize = 0;
+    std::vector<uint32_t> mNextEmpty;   // a filled slot links onward; an empty one to itself
+    std::vector<uint32_t> mHomeCounts;  // Fenwick tree of the keys per home, 1-based
+    std::vector<Entry> mEntries;        // in insertion order
 };
 
 }  // namespace

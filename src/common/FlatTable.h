@@ -56,9 +56,9 @@ void reportSparseRehash(const char* containerName, float load, size_t buckets, s
 
 // Where keys would stand in a FlatSet or FlatMap constructed without an expected count, after
 // inserting distinct keys with `hashes` in this order: their indices in slot (iteration) order.
-// It replays the rules above on the homes alone, finding a run's end by binary search and the
-// next empty slot through links past filled ones, so that keys whose hashes cluster cost little
-// more than others, where the table itself walks every run slot by slot. A growth that leaves
+// It replays the rules above on counts of homes, without slots, so that keys whose hashes pile
+// into a few buckets cost little more than others, where the table itself walks and shifts whole
+// runs slot by slot. A growth that leaves
 // the table sparse is reported as the table reports it.
 std::vector<uint32_t> slotOrder(const std::vector<uint32_t>& hashes, const char* containerName);
 

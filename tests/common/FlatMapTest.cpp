@@ -115,4 +115,18 @@ TEST(FlatMapSlotOrder, ReplayMatchesTheTable) {
                 << count << " keys, low bits " << distinctLowBits;
         }
     }
+    // Small tables filled into their overflow slots, where the load test decides.
+    for (uint32_t trial = 0; trial < 300; ++trial) {
+        std::vector<uint32_t> hashes;
+        FlatMap<HashedKey, int, OwnHash> table;
+        for (uint32_t i = 0; i < 8 + trial % 16; ++i) {
+            hashes.push_back(static_cast<uint32_t>(rng()) % 64u);
+            table.insert(std::make_pair(HashedKey{hashes.back(), i}, 0));
+        }
+        std::vector<uint32_t> expected;
+        for (const auto& entry : table) {
+            expected.push_back(entry.first.id);
+        }
+        ASSERT_EQ(AR::Common::detail::slotOrder(hashes, "FlatMap"), expected) << "trial " << trial;
+    }
 }
