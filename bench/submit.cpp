@@ -36,23 +36,33 @@ Test::PinholeCamera camera640(double angle) {
     return camera;
 }
 
-// range(0): mode; range(1): cell size in millimetres (truncation is five cells).
-void BM_SubmitImages(benchmark::State& state) {
-    const int32_t mode = static_cast<int32_t>(state.range(0));
-    const float cell = static_cast<float>(state.range(1)) * 0.001f;
-    Impl scene;
+void initScene(Impl& scene, int32_t mode, float cell) {
     Config config{};
     config.cellSize = cell;
     config.truncation = 5.0f * cell;
     config.mode = mode;
     scene.init(config);
+}
+
+// Four views of the furnished room along a short turn of the camera.
+void renderViews(std::vector<Test::RenderedFrame>& frames,
+                 std::vector<Test::PinholeCamera>& cameras) {
     const Test::AnalyticScene room = furnishedRoom();
-    std::vector<Test::RenderedFrame> frames;
-    std::vector<Test::PinholeCamera> cameras;
     for (int f = 0; f < 4; ++f) {
         cameras.push_back(camera640(0.15 * f));
         frames.push_back(render(room, cameras.back()));
     }
+}
+
+// range(0): mode; range(1): cell size in millimetres (truncation is five cells).
+void BM_SubmitImages(benchmark::State& state) {
+    const int32_t mode = static_cast<int32_t>(state.range(0));
+    const float cell = static_cast<float>(state.range(1)) * 0.001f;
+    Impl scene;
+    initScene(scene, mode, cell);
+    std::vector<Test::RenderedFrame> frames;
+    std::vector<Test::PinholeCamera> cameras;
+    renderViews(frames, cameras);
     auto submit = [&](size_t f) {
         std::vector<Image> images = {frames[f].depthImage()};
         if (mode == 0)
@@ -86,18 +96,10 @@ void BM_SubmitImages(benchmark::State& state) {
 void BM_SubmitSplitDepthLabelColour(benchmark::State& state) {
     const float cell = static_cast<float>(state.range(0)) * 0.001f;
     Impl scene;
-    Config config{};
-    config.cellSize = cell;
-    config.truncation = 5.0f * cell;
-    config.mode = 1;
-    scene.init(config);
-    const Test::AnalyticScene room = furnishedRoom();
+    initScene(scene, 1, cell);
     std::vector<Test::RenderedFrame> frames;
     std::vector<Test::PinholeCamera> cameras;
-    for (int f = 0; f < 4; ++f) {
-        cameras.push_back(camera640(0.15 * f));
-        frames.push_back(render(room, cameras.back()));
-    }
+    renderViews(frames, cameras);
     auto submit = [&](size_t f, const Image& image) {
         return scene.submitImages(int64_t(f), cameras[f].intrinsics(), cameras[f].pose(),
                                   span<const Image>{&image, 1});
