@@ -51,9 +51,11 @@ public:
             mEnd[a] = truncToWalkKey(to[a] * inverseDimension[a]);
             const int delta = mEnd[a] - mCurrent[a];
             mStep[a] = (delta > 0) - (delta < 0);
-            // Signed on purpose: tMax and tDelta share the sign of the step, and the axis choice
-            // compares magnitudes.
-            mTDelta[a] = delta != 0 ? 1.0f / static_cast<float>(delta) : kNoStepDelta;
+            // tMax and tDelta share the sign of the step, and the axis choice compares
+            // magnitudes: only those are kept. |tMax + tDelta| is |tMax| + |tDelta| rounded, as
+            // rounding is the same for both signs, so the magnitudes follow the signed values
+            // exactly.
+            mTDelta[a] = std::fabs(delta != 0 ? 1.0f / static_cast<float>(delta) : kNoStepDelta);
             mTMax[a] = kWalkerStartFraction * mTDelta[a];
         }
     }
@@ -83,15 +85,13 @@ public:
 
     const KeyType& current() const { return mCurrent; }
 
-    // Moves to the next block along the axis of the smallest |tMax|; ties go to x, then y.
+    // Moves to the next block along the axis of the smallest |tMax|; ties go to x, then y. The
+    // choice is made without branches: it changes from block to block with no pattern a branch
+    // predictor could learn.
     void advance() {
-        int axis = 0;
-        if (std::fabs(mTMax[1]) < std::fabs(mTMax[0])) {
-            axis = 1;
-        }
-        if (std::fabs(mTMax[2]) < std::fabs(mTMax[axis])) {
-            axis = 2;
-        }
+        const bool yBeforeX = mTMax[1] < mTMax[0];
+        const float least = yBeforeX ? mTMax[1] : mTMax[0];
+        const int axis = mTMax[2] < least ? 2 : static_cast<int>(yBeforeX);
         mCurrent[axis] += mStep[axis];
         mTMax[axis] += mTDelta[axis];
     }
@@ -99,9 +99,9 @@ public:
 private:
     KeyType mCurrent;
     KeyType mEnd;
-    KeyType mStep;  // -1, 0 or +1 per axis
-    Vec3 mTMax;
-    Vec3 mTDelta;
+    KeyType mStep;     // -1, 0 or +1 per axis
+    float mTMax[3];    // |tMax|
+    float mTDelta[3];  // |tDelta|
 };
 
 // The block walk with lookups in `snapshot`, or in the table under its read lock when there is
