@@ -42,9 +42,8 @@ constexpr int kQueriedBlocks = 4;
 template <typename N>
 bool readNumber(std::istream& is, N& n) {
     is >> n;
-    if (is.eof()) {
+    if (is.eof())
         is.setstate(std::ios::failbit);
-    }
     return !is.fail();
 }
 
@@ -62,53 +61,42 @@ bool sameBits(float a, float b) {
 bool loadWouldAbort(const std::string& content, const Solid::Size& gridSize, size_t sampleBytes) {
     std::istringstream is(content, std::ios::in | std::ios::binary);
     unsigned int version = 0;
-    if (!readNumber(is, version)) {
+    if (!readNumber(is, version))
         return false;
-    }
-    if (version != Solid::VOLUMEGRID_BINARY_VER) {
+    if (version != Solid::VOLUMEGRID_BINARY_VER)
         return true;
-    }
     Solid::Size size;
-    if (!readTriple(is, size)) {
+    if (!readTriple(is, size))
         return false;
-    }
-    if (size(0) != gridSize(0) || size(1) != gridSize(1) || size(2) != gridSize(2)) {
+    if (size(0) != gridSize(0) || size(1) != gridSize(1) || size(2) != gridSize(2))
         return true;
-    }
     Solid::Vec3 spacing;
-    if (!readTriple(is, spacing)) {
+    if (!readTriple(is, spacing))
         return false;
-    }
     for (int a = 0; a < 3; ++a) {
-        if (!(std::isfinite(spacing(a)) && spacing(a) > 0.0f)) {
+        if (!(std::isfinite(spacing(a)) && spacing(a) > 0.0f))
             return false;
-        }
     }
     Solid::VolumeConfig config;
     Solid::makeVolumeConfig(config, size, spacing);
     uint64_t count = 0;
-    if (!readNumber(is, count)) {
+    if (!readNumber(is, count))
         return false;
-    }
     for (uint64_t i = 0; i < count; ++i) {
         Solid::KeyType key;
         Solid::Size blockSize;
         Solid::Vec3 dimension;
-        if (!readTriple(is, key) || !readTriple(is, blockSize) || !readTriple(is, dimension)) {
+        if (!readTriple(is, key) || !readTriple(is, blockSize) || !readTriple(is, dimension))
             return false;
-        }
         for (int a = 0; a < 3; ++a) {
-            if (blockSize(a) != config.size(a) || !sameBits(dimension(a), config.dimension(a))) {
+            if (blockSize(a) != config.size(a) || !sameBits(dimension(a), config.dimension(a)))
                 return true;
-            }
         }
-        if (is.get() != '\n' || !is) {
+        if (is.get() != '\n' || !is)
             return false;
-        }
         is.ignore(std::streamsize(config.numSamples) * std::streamsize(sampleBytes));
-        if (!is) {
+        if (!is)
             return false;
-        }
     }
     return false;
 }
@@ -162,9 +150,8 @@ template <typename GridType>
 void queryLoadedBlocks(Impl& scene, const GridType& grid) {
     std::vector<Solid::KeyType> keys;
     grid.for_each([&keys](const Solid::KeyType& key, const typename GridType::Block&) {
-        if (keys.size() < kQueriedBlocks) {
+        if (keys.size() < kQueriedBlocks)
             keys.push_back(key);
-        }
     });
     const Solid::Vec3 dimension = grid.dimension();
     for (const Solid::KeyType& key : keys) {
@@ -234,9 +221,8 @@ void runVolumeInput(const uint8_t* data, size_t size) {
     Impl scene;
     fuzzCheck(scene.init(configFor(mode, cellSize)) == kSuccess, "init");
     const std::string base = workDirectory() + "/in";
-    if (stageAll(scene, base, depth, label, labelDepth) == 0) {
+    if (stageAll(scene, base, depth, label, labelDepth) == 0)
         return;
-    }
     fuzzCheck(scene.loadVolumes(base) == 1, "loadVolumes of files that exist");
 
     Impl::State& s = internalState(scene);

@@ -98,9 +98,8 @@ TEST(BuiltinScene, PathSeesEveryObjectWithItsLabelAndColours) {
                 << "pixel " << p << " of frame " << i;
             ASSERT_GT(frame.depthMm[p], 0);
             seen.insert(frame.labels8[p]);
-            if (static_cast<SceneObject>(object) == SceneObject::kBall) {
+            if (static_cast<SceneObject>(object) == SceneObject::kBall)
                 ballColours.insert({frame.rgb[p * 3], frame.rgb[p * 3 + 1], frame.rgb[p * 3 + 2]});
-            }
         }
     }
     EXPECT_EQ(seen.size(), static_cast<size_t>(SceneObject::kCount));
@@ -114,9 +113,8 @@ TEST(BuiltinScene, PathSeesEveryObjectWithItsLabelAndColours) {
                     pose[7] < kRoomWidth && pose[11] > 1.0 && pose[11] < kRoomHeight)
             << "frame " << i;
         EXPECT_LT(std::hypot(next[3] - pose[3], next[7] - pose[7], next[11] - pose[11]), 0.1);
-        for (int e : {0, 1, 2, 4, 5, 6, 8, 9, 10}) {
+        for (int e : {0, 1, 2, 4, 5, 6, 8, 9, 10})
             EXPECT_LT(std::fabs(next[e] - pose[e]), 0.1);
-        }
     }
 }
 
@@ -163,9 +161,8 @@ TEST(BuiltinScene, TruthAgreesWithTheRenderedSurfaces) {
         {{2.0 - 0.1, 1.1, 0.8}, 0.04},     // above the table top
         {{-0.02, 1.5, 1.5}, 0.02},         // behind the west wall
     };
-    for (const auto& [point, distance] : distances) {
+    for (const auto& [point, distance] : distances)
         EXPECT_NEAR(surfaceDistance(point), distance, 1e-9) << point[0] << " " << point[2];
-    }
     for (const TruePlane& plane : truePlanes()) {
         const Vec3& n = plane.normal;
         const Vec3& c = plane.centre;

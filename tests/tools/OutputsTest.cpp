@@ -112,9 +112,8 @@ TEST(SceneReadout, ReadsAFusedSceneThroughTheLibrarysProtocols) {
     ASSERT_FALSE(instances.instances.empty());
     EXPECT_GT(instances.links.size(), 0u);
     for (const HostInstance& instance : instances.instances) {
-        for (int axis = 0; axis < 3; ++axis) {
+        for (int axis = 0; axis < 3; ++axis)
             EXPECT_LE(instance.boundsMin[axis], instance.boundsMax[axis]);
-        }
     }
 }
 
@@ -138,19 +137,16 @@ TEST(PlyFiles, WrittenMeshesReadBackAndOtherProgramsFilesToo) {
             EXPECT_EQ(ply.header[0], "ply");
             EXPECT_EQ(ply.header[1], "format binary_little_endian 1.0");
             std::vector<std::string> properties{"x", "y", "z"};
-            if (colors) {
+            if (colors)
                 properties.insert(properties.end(), {"red", "green", "blue", "alpha"});
-            }
-            if (ids) {
+            if (ids)
                 properties.push_back("instance_id");
-            }
             EXPECT_EQ(ply.vertexProperties, properties);
             ASSERT_EQ(ply.vertices.size(), mesh.positions.size());
             ASSERT_EQ(ply.faces.size(), 4u);
             for (size_t v = 0; v < ply.vertices.size(); ++v) {
-                for (int axis = 0; axis < 3; ++axis) {
+                for (int axis = 0; axis < 3; ++axis)
                     EXPECT_EQ(ply.vertices[v][axis], mesh.positions[v][axis]);
-                }
                 if (ids) {
                     EXPECT_EQ(ply.vertices[v].back(), mesh.instanceIds[v]);
                 }
@@ -195,9 +191,8 @@ TEST(PlyFiles, WrittenMeshesReadBackAndOtherProgramsFilesToo) {
     };
     for (const auto& [text, message] : broken) {
         const std::string path = text.empty() ? scratch / "absent.ply" : scratch / "broken.ply";
-        if (!text.empty()) {
+        if (!text.empty())
             writeText(path, text);
-        }
         EXPECT_FALSE(readPlyMesh(path, mesh, error)) << message;
         EXPECT_TRUE(contains(error, message)) << error;
     }
@@ -290,15 +285,13 @@ TEST(Previews, ViewpointFollowsTheUpDirection) {
                                                           {{{0.2, 0.1, -2.0}, {0, 0, -1}}},
                                                           {{{0, 0.6, 0.8}, {0, 0.6, 0.8}}},
                                                           {{{0, 0, 0}, {0, 0, 1}}}};
-    for (const auto& [mean, up] : snaps) {
+    for (const auto& [mean, up] : snaps)
         EXPECT_NEAR(dot(snapUp(mean), up), 1.0, 1e-12);
-    }
     std::array<double, 3> axis{};
     EXPECT_TRUE(parseAxis("-y", axis));
     EXPECT_EQ(axis, (std::array<double, 3>{0, -1, 0}));
-    for (const char* bad : {"", "w", "--x", "xy", "-"}) {
+    for (const char* bad : {"", "w", "--x", "xy", "-"})
         EXPECT_FALSE(parseAxis(bad, axis)) << bad;
-    }
 }
 
 // Distances of vertices to the true surface; completeness of a mesh of the true surface and of a
@@ -322,9 +315,8 @@ TEST(Accuracy, DistancesAndCompletenessAgainstTheTrueSurface) {
     for (const Vec3& p : truth) {
         all.positions.push_back(
             {static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])});
-        if (p[2] < 0.005) {
+        if (p[2] < 0.005)
             floor.positions.push_back(all.positions.back());
-        }
     }
     report = evaluateBuiltinScene(all, {}, {}, run);
     EXPECT_EQ(report.truthPoints, truth.size());
@@ -355,15 +347,13 @@ TEST(Accuracy, TruePlanesAndObjectsMatchWithinTheirBounds) {
     HostPlanes planes;
     HostInstances instances;
     uint16_t id = 1;
-    for (const TruePlane& truth : truePlanes()) {
+    for (const TruePlane& truth : truePlanes())
         planes.planes.push_back(
             plane(id++, 0, toFloat(truth.normal), static_cast<float>(truth.offset), {}));
-    }
-    for (const TrueObject& truth : trueObjects()) {
+    for (const TrueObject& truth : trueObjects())
         instances.instances.push_back({objectUuid(id++, kInstanceKind),
                                        objectInfo(truth.object).label, toFloat(truth.boundsMin),
                                        toFloat(truth.boundsMax)});
-    }
     const BuiltinSceneRun run{2, 32, 24};
     AccuracyReport report = evaluateBuiltinScene({}, planes, instances, run);
     EXPECT_EQ(report.planesMatched, truePlanes().size());
@@ -372,9 +362,8 @@ TEST(Accuracy, TruePlanesAndObjectsMatchWithinTheirBounds) {
         EXPECT_LT(match.angleDeg, 0.01) << match.name;
         EXPECT_LT(match.offsetError, 1e-5) << match.name;
     }
-    for (const ObjectMatch& match : report.objects) {
+    for (const ObjectMatch& match : report.objects)
         EXPECT_NEAR(match.overlap, 1.0, 1e-5) << match.name;
-    }
     const float turned = static_cast<float>(12.0 / 57.29577951308232);
     const struct {
         float offset;
@@ -451,13 +440,10 @@ TEST(CommandArguments, OutputPathsPercentilesAndCompoundArguments) {
     EXPECT_TRUE(parseIntrinsics("517.3,516.5,318.6,255.3", k));
     EXPECT_EQ(k.fy, 516.5);
     EXPECT_EQ(k.cx, 318.6);
-    for (const char* bad : {"64x", "x48", "0x48", "64*48", "-64x48", "70000x10"}) {
+    for (const char* bad : {"64x", "x48", "0x48", "64*48", "-64x48", "70000x10"})
         EXPECT_FALSE(parseSize(bad, width, height)) << bad;
-    }
-    for (const char* bad : {"9:3", "3", ":9", "a:b", "3:9:1"}) {
+    for (const char* bad : {"9:3", "3", ":9", "a:b", "3:9:1"})
         EXPECT_FALSE(parseFrameRange(bad, first, last)) << bad;
-    }
-    for (const char* bad : {"1,2,3", "1,2,3,4,5", "1,-2,3,4", "1,2,,4", "1,2,3,nan", "1,2,3,4x"}) {
+    for (const char* bad : {"1,2,3", "1,2,3,4,5", "1,-2,3,4", "1,2,,4", "1,2,3,nan", "1,2,3,4x"})
         EXPECT_FALSE(parseIntrinsics(bad, k)) << bad;
-    }
 }

@@ -38,13 +38,11 @@ TEST(PoseConversion, QuaternionPassesTheUnitTestAndReproducesTheRotation) {
     std::vector<Matrix4d> poses = {poseFromQuaternion(1, 0, 0, 0, 0, 0, 0),
                                    poseFromQuaternion(0, 1, 0, 0, 0, 0, 0),
                                    poseFromQuaternion(0, 0, 1, 0, 0, 0, 0), identityMatrix()};
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000; ++i)
         poses.push_back(randomPose(rng));
-    }
     Matrix4d rounded = randomPose(rng);
-    for (double& value : rounded) {
+    for (double& value : rounded)
         value = std::round(value * 1e6) / 1e6;
-    }
     std::string problem;
     EXPECT_TRUE(checkRigid(rounded, problem)) << problem;
     poses.push_back(rounded);
@@ -54,9 +52,8 @@ TEST(PoseConversion, QuaternionPassesTheUnitTestAndReproducesTheRotation) {
         const Matrix4d back = rebuilt(converted);
         const double tolerance = &pose == &poses.back() ? 1e-5 : 2e-6;  // the rounded one
         for (int row = 0; row < 3; ++row) {
-            for (int column = 0; column < 3; ++column) {
+            for (int column = 0; column < 3; ++column)
                 ASSERT_NEAR(back[row * 4 + column], pose[row * 4 + column], tolerance);
-            }
             ASSERT_NEAR(back[row * 4 + 3], pose[row * 4 + 3],
                         tolerance * (1.0 + std::fabs(pose[row * 4 + 3])));
         }
@@ -73,9 +70,8 @@ TEST(PoseValidation, RefusesWhatIsNoRigidTransformAndMarksNonFiniteOnes) {
     Matrix4d scaled = rigid, sheared = identityMatrix(), reflected = rigid, projective = rigid,
              nearlyRigid = rigid;
     for (int row = 0; row < 3; ++row) {
-        for (int column = 0; column < 3; ++column) {
+        for (int column = 0; column < 3; ++column)
             scaled[row * 4 + column] *= 1.01;
-        }
         reflected[row * 4 + 2] = -reflected[row * 4 + 2];
     }
     sheared[1] = 0.05;

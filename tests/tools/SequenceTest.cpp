@@ -42,9 +42,8 @@ void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, F
     EXPECT_TRUE(read.hasColor);
     EXPECT_EQ(read.rgb, original.rgb);
     EXPECT_EQ(read.hasLabels ? read.labels8 : original.labels8, original.labels8);
-    for (size_t k = 0; k < 16; ++k) {
+    for (size_t k = 0; k < 16; ++k)
         EXPECT_NEAR(read.worldFromCamera[k], original.worldFromCamera[k], poseTolerance);
-    }
 }
 
 }  // namespace
@@ -69,9 +68,8 @@ TEST(RecordedSequence, ReadsBackWhatWasWritten) {
     }
     fs::remove(dir + "/label/000001.png");
     fs::remove(dir + "/color/000001.png");
-    for (const char* stream : {"depth", "label", "color"}) {
+    for (const char* stream : {"depth", "label", "color"})
         fs::rename(dir + "/" + stream + "/000002.png", dir + "/" + stream + "/000010.png");
-    }
     fs::rename(dir + "/pose/000002.txt", dir + "/pose/000010.txt");
     writeText(dir + "/depth/notes.png", "x");
     source = open(dir);

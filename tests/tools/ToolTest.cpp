@@ -24,14 +24,12 @@ std::multiset<std::array<double, 9>> triangleSet(const PlyFile& ply) {
     std::multiset<std::array<double, 9>> triangles;
     for (const std::vector<uint32_t>& face : ply.faces) {
         std::array<std::array<double, 3>, 3> corners;
-        for (size_t c = 0; c < 3; ++c) {
+        for (size_t c = 0; c < 3; ++c)
             std::copy_n(ply.vertices[face[c]].begin(), 3, corners[c].begin());
-        }
         const size_t first = std::min_element(corners.begin(), corners.end()) - corners.begin();
         std::array<double, 9> triangle;
-        for (size_t c = 0; c < 3; ++c) {
+        for (size_t c = 0; c < 3; ++c)
             std::copy_n(corners[(first + c) % 3].begin(), 3, triangle.begin() + 3 * c);
-        }
         triangles.insert(triangle);
     }
     return triangles;
@@ -265,9 +263,8 @@ TEST(ToolEndToEnd, DemoRendersFusesSavesAndReports) {
          {"scene.ply", "planes.json", "instances.json", "preview.png", "preview-planes.png"}) {
         EXPECT_TRUE(fs::is_regular_file(dir + "/" + file)) << file;
     }
-    for (const char* row : {"mesh accuracy", "completeness", "planes matched", "objects matched"}) {
+    for (const char* row : {"mesh accuracy", "completeness", "planes matched", "objects matched"})
         EXPECT_NE(summaryRow(run.out, row).rfind("<no row", 0), 0u) << row << run.out;
-    }
     const std::string stages = summaryRow(run.out, "stage times");
     for (const char* stage :
          {"fusion", "meshing", "colouring", "planes", "instances", "pictures", "accuracy"}) {
@@ -322,7 +319,6 @@ TEST(ToolAccuracy, RealSampleFusesAndTheDemoStaysNearTheTruth) {
         EXPECT_LT(plane["offsetError"].get<double>(), 0.005) << plane;
     }
     EXPECT_EQ(accuracy["objectsMatched"], trueObjects().size());
-    for (const json& object : accuracy["objects"]) {
+    for (const json& object : accuracy["objects"])
         EXPECT_GT(object["overlap"].get<double>(), 0.5) << object;
-    }
 }

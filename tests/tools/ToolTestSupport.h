@@ -78,9 +78,8 @@ inline void writeSceneSequence(const std::string& directory, size_t count, bool 
         frame.hasLabels = labels;
         ASSERT_TRUE(writer.write(i, frame, error)) << error;
     }
-    if (!labels) {
+    if (!labels)
         fs::remove_all(fs::path(directory) / "label");
-    }
 }
 
 // A TUM RGB-D sequence of the built-in scene: depth at 5000 units a metre, colour 10 ms after
@@ -97,9 +96,8 @@ inline void writeTumSequence(const std::string& dir, size_t frames) {
         char name[64], line[256];
         std::snprintf(name, sizeof(name), "%.6f.png", time);
         std::vector<uint16_t> tumDepth(frame.depthMm.size());
-        for (size_t p = 0; p < tumDepth.size(); ++p) {
+        for (size_t p = 0; p < tumDepth.size(); ++p)
             tumDepth[p] = static_cast<uint16_t>(frame.depthMm[p] * 5);
-        }
         writePngOrFail(dir + "/depth/" + name, makeGrey16(frame.width, frame.height, tumDepth));
         writePngOrFail(dir + "/rgb/" + name, makeRgb8(frame.width, frame.height, frame.rgb));
         std::snprintf(line, sizeof(line), "%.6f depth/%s\n", time, name);
@@ -129,9 +127,8 @@ struct ToolRun {
 // standard output and error captured apart.
 inline ToolRun runTool(const ScratchDir& scratch, const std::string& line) {
     std::string command = VELMORA_TOOL_PATH, word;
-    for (std::istringstream words(line); words >> word;) {
+    for (std::istringstream words(line); words >> word;)
         command += " '" + word + "'";
-    }
     command += " >" + (scratch / "tool.out") + " 2>" + (scratch / "tool.err") + " </dev/null";
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(scratch / "tool.out"),
@@ -184,18 +181,16 @@ inline PlyFile readPly(const std::string& path) {
     };
     ply.vertices.resize(vertexCount);
     for (std::vector<double>& row : ply.vertices) {
-        for (const std::string& type : types) {
+        for (const std::string& type : types)
             row.push_back(type == "float"   ? read(float{})
                           : type == "uchar" ? read(uint8_t{})
                                             : read(int32_t{}));
-        }
     }
     ply.faces.resize(faceCount);
     for (std::vector<uint32_t>& face : ply.faces) {
         face.resize(read(uint8_t{}));
-        for (uint32_t& corner : face) {
+        for (uint32_t& corner : face)
             corner = read(uint32_t{});
-        }
     }
     EXPECT_TRUE(in.good()) << "file ends early";
     in.peek();

@@ -99,9 +99,8 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithTheirDepth) {
         away.T_world_camera = lookAt({2.0, -3.0, 1.3}, {2.0, -6.0, 1.3}, {0, 0, 1});
         ASSERT_EQ(submitOne(*scene, away, frame.colorImage()), kSuccess);
         const Solid::RGBDFrame& empty = s.mTexture.keyframes.back();
-        for (int i = 0; i < empty.depthU16.width() * empty.depthU16.height(); ++i) {
+        for (int i = 0; i < empty.depthU16.width() * empty.depthU16.height(); ++i)
             ASSERT_EQ(empty.depthU16(i % empty.depthU16.width(), i / empty.depthU16.width()), 0);
-        }
         IntrinsicLinearCameraCalibrationVLM outside = camera.intrinsics();
         outside.principalPointX = 500.0;
         std::vector<Image> images = {frame.colorImage()};
@@ -164,9 +163,8 @@ TEST(FramePaths, LabelAndColourOfOneViewShareTheirRendering) {
                             : kind == 'c' ? f.colorImage()
                                           : f.depthImage();
         ASSERT_EQ(submitOne(*scene, cameras[view], image), kSuccess);
-        if (kind != 'c') {
+        if (kind != 'c')
             continue;
-        }
         const Solid::RGBDFrame& kept = s.mTexture.keyframes.back();
         Solid::DepthFrame fresh;
         fresh.depth.allocPixels(kept.depth.size());
@@ -174,10 +172,9 @@ TEST(FramePaths, LabelAndColourOfOneViewShareTheirRendering) {
         fresh.pose = kept.pose;
         Solid::IntegrationStats stats;
         Solid::raycast(*s.mVolumeGrid, 0.05f, 5.0f, 1.0f, fresh, stats);
-        for (int i = 0; i < 80 * 60; ++i) {
+        for (int i = 0; i < 80 * 60; ++i)
             ASSERT_EQ(0, std::memcmp(&kept.depth(i % 80, i / 80), &fresh.depth(i % 80, i / 80), 4))
                 << s.mTexture.keyframes.size() << ": " << i;
-        }
     }
 }
 

@@ -23,9 +23,8 @@ std::vector<std::filesystem::path> fuzzInputs() {
     for (const char* harness : {"frames", "volumes"}) {
         for (const char* kind : {"corpus", "regressions"}) {
             const auto dir = std::filesystem::path(VELMORA_FUZZ_INPUTS_DIR) / kind / harness;
-            for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+            for (const auto& entry : std::filesystem::directory_iterator(dir))
                 inputs.push_back(entry.path());
-            }
         }
     }
     std::sort(inputs.begin(), inputs.end());

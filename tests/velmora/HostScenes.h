@@ -47,9 +47,8 @@ inline std::vector<PinholeCamera> aroundTheBoxes() {
 
 inline std::unique_ptr<Impl> fusedBoxes(int32_t mode, const std::vector<TrueBox>& boxes = kBoxes) {
     std::unique_ptr<Impl> scene = makeScene(mode);
-    for (const PinholeCamera& camera : aroundTheBoxes()) {
+    for (const PinholeCamera& camera : aroundTheBoxes())
         fuseView(*scene, mode, boxesOnAFloor(boxes), camera);
-    }
     return scene;
 }
 
@@ -112,9 +111,8 @@ inline PlaneReadout readPlanes(IVelmora& scene) {
     PlaneReadout out;
     span<Planef> planes{nullptr, 0};
     span<SubsumedLink> links{nullptr, 0};
-    if (scene.getPlanes(planes, links) != kErrorBufferTooSmall) {
+    if (scene.getPlanes(planes, links) != kErrorBufferTooSmall)
         return out;
-    }
     std::vector<Planef> records(planes.size, Planef{});
     out.links.resize(links.size);
     planes.data = records.data();
@@ -126,9 +124,8 @@ inline PlaneReadout readPlanes(IVelmora& scene) {
         records[i].vertices = contours[i].data();
     }
     EXPECT_EQ(scene.getPlanes(planes, links), kSuccess);
-    for (size_t i = 0; i < records.size(); ++i) {
+    for (size_t i = 0; i < records.size(); ++i)
         out.planes.push_back({records[i], contours[i]});
-    }
     return out;
 }
 
@@ -140,9 +137,8 @@ public:
     void write(int, const char* line, size_t length) override { lines.emplace_back(line, length); }
     bool has(const std::string& part) const {
         for (const std::string& line : lines) {
-            if (line.find(part) != std::string::npos) {
+            if (line.find(part) != std::string::npos)
                 return true;
-            }
         }
         return false;
     }

@@ -105,9 +105,8 @@ TEST(ImageIntake, ImagesAreFoundByKindAndTheLaterWins) {
     bad[1].width = 0;
     bad[2].height = 0;
     bad[3].stride = 0;
-    for (const Image& image : bad) {
+    for (const Image& image : bad)
         EXPECT_FALSE(checkImage(image)) << &image - bad;
-    }
 }
 
 }  // namespace

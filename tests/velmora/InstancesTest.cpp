@@ -65,12 +65,10 @@ TEST_P(InstancesTest, EachBoxIsOneInstanceWithItsLabelAndBounds) {
     }
     const uint32_t created = internalState(*scene).mInstanceExtractor.numCreatedNodes();
     ASSERT_EQ(report.links.size(), created);
-    for (uint32_t id = 0; id < created; ++id) {
+    for (uint32_t id = 0; id < created; ++id)
         EXPECT_EQ(report.links[id].first, makeObjectUuid(0, kUuidKindInstance, id));
-    }
-    for (const ObjectInstance& instance : report.instances) {
+    for (const ObjectInstance& instance : report.instances)
         EXPECT_EQ(report.links[idOf(instance.uuid)].second, instance.uuid);
-    }
 }
 
 // Touching boxes of one label are one instance from the first view on; every past identity
@@ -86,9 +84,8 @@ TEST_P(InstancesTest, TouchingBoxesOfOneLabelAreOneAndKeepTheirIdentity) {
     const Vec3d lo = touching[0].min, hi = touching[1].max;
     fuseView(*scene, mode, world, cameras[0]);
     ASSERT_EQ(meeting(readInstances(*scene), 4, lo, hi).size(), 1u);
-    for (size_t c = 1; c < cameras.size(); ++c) {
+    for (size_t c = 1; c < cameras.size(); ++c)
         fuseView(*scene, mode, world, cameras[c]);
-    }
     const InstanceReport all = readInstances(*scene);
     ASSERT_EQ(all.result, kSuccess);
     const auto fours = meeting(all, 4, lo, hi);
@@ -96,12 +93,10 @@ TEST_P(InstancesTest, TouchingBoxesOfOneLabelAreOneAndKeepTheirIdentity) {
     EXPECT_NEAR(fours[0].boundsMin.x, 0.3f, boundsTolerance(mode));
     EXPECT_NEAR(fours[0].boundsMax.x, 1.4f, boundsTolerance(mode));
     std::vector<UuidBytes> live = {makeObjectUuid(0, kUuidKindInstance, 0)};
-    for (const ObjectInstance& instance : all.instances) {
+    for (const ObjectInstance& instance : all.instances)
         live.push_back(instance.uuid);
-    }
-    for (const SubsumedLink& link : all.links) {
+    for (const SubsumedLink& link : all.links)
         EXPECT_NE(std::find(live.begin(), live.end(), link.second), live.end());
-    }
     EXPECT_EQ(meeting(readInstances(*scene), 4, lo, hi)[0].uuid, fours[0].uuid);
     PinholeCamera end = cameras[1];
     end.fx = end.fy = 400.0;
@@ -135,9 +130,8 @@ TEST_P(InstancesTest, ARelabelledPieceGivesItsIdentitiesBack) {
     EXPECT_EQ(idOf(after.links[oldId].second), 0u);
     const Solid::InstanceExtractor& extractor = internalState(*scene).mInstanceExtractor;
     size_t held = 0;
-    for (const auto& block : extractor.blockInstances()) {
+    for (const auto& block : extractor.blockInstances())
         held += block.second.size();
-    }
     EXPECT_EQ(extractor.availableIds().size() + held, Solid::kMaxLocalId);
 }
 
@@ -198,12 +192,10 @@ TEST(InstancesProtocol, EveryWayOfSizingTheSpans) {
             EXPECT_EQ(linkStore[linkCount - 1].first != untouched, c.linksWritten && !c.linkNull);
         }
         EXPECT_EQ(instanceStore[0].uuid != untouched, c.instancesWritten);
-        for (int id = 0; c.linksWritten && !c.linkNull && id < linkCount; ++id) {
+        for (int id = 0; c.linksWritten && !c.linkNull && id < linkCount; ++id)
             EXPECT_EQ(linkStore[id].first, truth.links[id].first);
-        }
-        for (int i = 0; c.instancesWritten && i < instanceCount; ++i) {
+        for (int i = 0; c.instancesWritten && i < instanceCount; ++i)
             EXPECT_EQ(instanceStore[i].uuid, truth.instances[i].uuid);
-        }
     }
     // The byte layout of an identity: prefix 0, then id and kind, least significant byte first.
     const UuidBytes id0x0123 = {0, 0, 0, 0, 0, 0, 0, 0, 0x23, 0x01, 0, 0, 2, 0, 0, 0};

@@ -40,10 +40,9 @@ bool onBoxTop(const XrVector3fVLM& p) {  // away from its edges
 // The blocks of the cached whole-scene mesh, each with the address of one of its streams.
 std::map<std::array<int, 3>, const void*> meshStreams(Impl& scene, bool colours) {
     std::map<std::array<int, 3>, const void*> streams;
-    for (const auto& [key, mesh] : internalState(scene).mSurfaces.getMeshGrid(0)) {
+    for (const auto& [key, mesh] : internalState(scene).mSurfaces.getMeshGrid(0))
         streams[{key[0], key[1], key[2]}] =
             colours ? static_cast<const void*>(mesh.findColors()) : mesh.findPositions();
-    }
     return streams;
 }
 
@@ -55,9 +54,8 @@ std::vector<std::array<int, 3>> fuseAndChange(Impl& scene, int32_t mode,
     SurfaceExtraction& surfaces = internalState(scene).mSurfaces;
     std::lock_guard<std::mutex> lock(surfaces.updatedBlocksMutex);
     std::vector<std::array<int, 3>> changed;
-    for (const Solid::KeyType& c : surfaces.updatedBlocks) {
+    for (const Solid::KeyType& c : surfaces.updatedBlocks)
         changed.push_back({c[0], c[1], c[2]});
-    }
     return changed;
 }
 
@@ -201,9 +199,8 @@ TEST_P(MeshDeliveryTest, VertexColoursComeFromTheColourFrames) {
         for (const PinholeCamera& camera : {aroundTheBoxes()[0], aroundTheBoxes()[2]}) {
             const RenderedFrame frame = render(kWorld, camera);
             std::vector<Image> images = {frame.colorImage()};
-            if (GetParam() == kModeCombined) {
+            if (GetParam() == kModeCombined)
                 images.insert(images.end(), {frame.depthImage(), frame.labelImage()});
-            }
             ASSERT_EQ(target.submitImages(0, camera.intrinsics(), camera.pose(),
                                           {images.data(), uint32_t(images.size())}),
                       kSuccess);

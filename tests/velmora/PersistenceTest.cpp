@@ -47,9 +47,8 @@ PinholeCamera viewOfRoom(int view) {
 // labels in combined mode.
 std::unique_ptr<Impl> fusedRoom(int32_t mode, int views) {
     auto scene = makeInitialisedScene(mode, kCellSize, 5 * kCellSize);
-    for (int view = 0; view < views; ++view) {
+    for (int view = 0; view < views; ++view)
         fuseView(*scene, mode, room(), viewOfRoom(view), false);
-    }
     return scene;
 }
 
@@ -84,9 +83,8 @@ void expectAllBlocksChanged(Impl& scene) {
         for (const Solid::IndexSet* set :
              {&s.mSurfaces.updatedBlocks, &s.mPlaneUpdatedBlocks, &s.mInstanceUpdatedBlocks}) {
             EXPECT_EQ(set->size(), keys.size());
-            for (const Solid::KeyType& key : keys) {
+            for (const Solid::KeyType& key : keys)
                 EXPECT_TRUE(set->contains(key));
-            }
         }
     });
 }
@@ -166,9 +164,8 @@ TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
             EXPECT_EQ(scene->loadVolumes(dir.file("cut")), 1);
             EXPECT_LE(blockCount(*scene), blockCount(*source));
             EXPECT_TRUE(cut <= whole.size() / 3 || blockCount(*scene) > 0);
-            if (cut == whole.size() - 1) {
+            if (cut == whole.size() - 1)
                 expectSameDepth(*source, *scene);
-            }
             fuseView(*scene, mode, room(), viewOfRoom(1), false);
             withDepthGrid(*scene, [&seen](auto& grid) {
                 Solid::KeyType key;
@@ -212,9 +209,8 @@ TEST(PersistenceConcurrency, SaveBesideFusionWritesWholeFiles) {
     auto scene = makeInitialisedScene(kModeSplit, kCellSize, 5 * kCellSize);
     std::atomic<bool> done{false};
     std::thread producer([&scene, &done] {
-        for (int view = 0; view < 2 * kViews; ++view) {
+        for (int view = 0; view < 2 * kViews; ++view)
             fuseView(*scene, kModeSplit, room(), viewOfRoom(view % kViews), false);
-        }
         done = true;
     });
     std::vector<std::string> bases;

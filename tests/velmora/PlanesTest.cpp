@@ -41,9 +41,8 @@ std::unique_ptr<Impl> fusedRoom(int32_t mode, bool detectPlanes = true, int view
     auto scene = std::make_unique<Impl>();
     EXPECT_EQ(scene->init(planeConfig(mode, kCellSize, detectPlanes)), kSuccess);
     const std::vector<PinholeCamera> tour = roomTour(160, 120, kViews);
-    for (int v = 0; v < views; ++v) {
+    for (int v = 0; v < views; ++v)
         fuseView(*scene, mode, furnishedRoom(), tour[v]);
-    }
     return scene;
 }
 
@@ -119,9 +118,8 @@ TEST(PlanesProtocol, EveryEdgeCase) {
     span<SubsumedLink> oneLink{&link, 1};
     EXPECT_EQ(scene.getPlanes(planes, oneLink), kSuccess);
     EXPECT_EQ(oneLink.size, 1u);
-    for (const PinholeCamera& camera : roomTour(160, 120, kViews)) {
+    for (const PinholeCamera& camera : roomTour(160, 120, kViews))
         fuseView(scene, 0, furnishedRoom(), camera);
-    }
     const PlaneReadout truth = readPlanes(scene);
     ASSERT_GE(truth.planes.size(), 2u);
     const uint32_t numPlanes = uint32_t(truth.planes.size()),
@@ -189,24 +187,20 @@ TEST(SplitModePlanes, LabelsArriveEveryFewDepthFrames) {
     Impl scene;
     ASSERT_EQ(scene.init(planeConfig(1, kCellSize)), kSuccess);
     const std::vector<PinholeCamera> tour = roomTour(160, 120, kViews);
-    for (int v = 0; v < kViews / 2; ++v) {
+    for (int v = 0; v < kViews / 2; ++v)
         fuseView(scene, 1, furnishedRoom(), tour[v], false);
-    }
     const PlaneReadout unlabelled = readPlanes(scene);
     ASSERT_FALSE(unlabelled.planes.empty());
-    for (const ReadPlane& plane : unlabelled.planes) {
+    for (const ReadPlane& plane : unlabelled.planes)
         EXPECT_EQ(plane.record.label, 0);
-    }
     for (int v = kViews / 2; v < 2 * kViews; ++v) {
         fuseView(scene, 1, furnishedRoom(), tour[v % kViews], v % 3 == 0);
-        if (v < kViews) {
+        if (v < kViews)
             readPlanes(scene);
-        }
     }
     size_t withLabel = 0;
-    for (const ReadPlane& plane : readPlanes(scene).planes) {
+    for (const ReadPlane& plane : readPlanes(scene).planes)
         withLabel += plane.record.label != 0 ? 1 : 0;
-    }
     EXPECT_GT(withLabel, 0u);
 }
 

@@ -133,9 +133,8 @@ Solid::Vec3 localAxis(const XrQuaternionfVLM& q, int a) {
 }
 
 void expectAxis(const Solid::Vec3& actual, const Solid::Vec3& expected) {
-    for (int a = 0; a < 3; ++a) {
+    for (int a = 0; a < 3; ++a)
         EXPECT_NEAR(actual(a), expected(a), kAxisTolerance) << "component " << a;
-    }
 }
 
 class Placement : public ::testing::TestWithParam<int32_t> {};

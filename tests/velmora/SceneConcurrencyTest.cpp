@@ -104,19 +104,16 @@ TEST_P(SceneConcurrency, EveryQueryWhileAProducerFuses) {
     std::vector<std::thread> readers;
     for (int r = 0; r < 2; ++r) {
         readers.emplace_back([&, r] {
-            for (int round = 0; fusing.load() || round < kMinRounds; ++round) {
+            for (int round = 0; fusing.load() || round < kMinRounds; ++round)
                 readEverything(scene, answers, 0.01f * static_cast<float>((round + r) % 10));
-            }
         });
     }
     // Split mode gets a label image with every other depth image.
-    for (int v = 0; v < kViews; ++v) {
+    for (int v = 0; v < kViews; ++v)
         fuseView(scene, mode, room, tour[v], v % 2 == 0);
-    }
     fusing = false;
-    for (std::thread& reader : readers) {
+    for (std::thread& reader : readers)
         reader.join();
-    }
     EXPECT_EQ(answers.bad.load(), 0);
     EXPECT_GT(readMesh(scene, kWholeScene).indices.size(), 0u);
     const InstanceReport report = readInstances(scene);

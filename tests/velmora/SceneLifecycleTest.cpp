@@ -50,10 +50,9 @@ TEST(SceneLifecycle, InitChecksConfigInOrderAndChangesNothingOnFailure) {
                  {0.02f, std::nextafter(fiveCells, 0.0f), kErrorTruncationTooSmall}};
     for (int32_t mode : {0, 1, 7}) {
         std::unique_ptr<IVelmora> scene(newVelmora());
-        for (const auto& c : cases) {
+        for (const auto& c : cases)
             EXPECT_EQ(scene->init(makeConfig(c.cellSize, c.truncation, mode)), c.result)
                 << c.cellSize << " " << c.truncation;
-        }
         span<ObjectInstance> instances{};
         span<SubsumedLink> links{};
         EXPECT_EQ(scene->getObjectInstances(instances, links), kErrorNotInitialized);

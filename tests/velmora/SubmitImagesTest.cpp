@@ -181,9 +181,8 @@ int checkAgainstTruth(const Grid& grid, const AnalyticScene& scene) {
 TEST(SubmitImagesFusion, RoomMatchesTrueDistanceInBothModes) {
     for (int32_t mode : {kModeCombined, kModeSplit}) {
         auto scene = makeScene(mode);
-        for (int f = 0; f < 4; ++f) {
+        for (int f = 0; f < 4; ++f)
             fuseView(*scene, mode, room(), roomCamera(1.5 * f), false);
-        }
         Impl::State& s = internalState(*scene);
         Solid::KeyType key;
         const Solid::Vec3 behind(-0.6f, 1.5f, 1.0f);  // behind a wall, beyond the band
@@ -216,9 +215,8 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
     for (int v = 0; v < frame.height; v += 7) {
         for (int u = 0; u < frame.width; u += 7) {
             const double d = frame.depthMillimetres[v * frame.width + u] * 0.001;
-            if (d == 0.0) {
+            if (d == 0.0)
                 continue;
-            }
             const Vec3d p = unproject(camera, u, v, d);
             const Solid::Vec3 shifted(p[0] + kCell / 2, p[1] + kCell / 2, p[2] + kCell / 2);
             const Solid::KeyType key = grid.keyOf(shifted);
@@ -247,9 +245,8 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
             Solid::KeyType upperKey = key;
             ++upperKey(a);
             auto found = grid.get(upperKey);
-            if (!found) {
+            if (!found)
                 continue;
-            }
             const Solid::DepthVolume upper = *found;
             found = Solid::DepthGrid::Ptr();
             const auto lower = grid.get(key);
