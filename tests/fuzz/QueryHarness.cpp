@@ -25,7 +25,6 @@ constexpr float kUnitTolerance = 1e-3f;  // largest |q^2 - 1| of a unit quaterni
 constexpr int kQueryKinds = 8;
 constexpr int kPlanesQuery = 5;
 enum Attribute : uint32_t { kPosition, kColour, kTexCoord, kInstanceId, kIndex };
-constexpr uint32_t kElementSize[] = {12, 16, 8, 2, 4};
 
 XrVector3fVLM anyPoint(FuzzInput& in) {
     return {in.anyFloat(kTypicalCoordinateLo, kTypicalCoordinateHi),
@@ -184,22 +183,13 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
     const TextureQuality quality = anyQuality(in);
     const bool separate = in.flag();
 
-    std::vector<PolygonMeshBufferDescriptor> descriptors;
-    auto describe = [&](uint32_t attribute, uint32_t buffer, uint32_t offset, uint32_t stride) {
-        descriptors.push_back({attribute, buffer, offset, kElementSize[attribute], stride});
-    };
-    std::vector<PolygonMeshBuffer> buffers;
-    if (separate) {
-        buffers.resize(3);
-        describe(kPosition, 0, 0, kElementSize[kPosition]);
-        describe(kInstanceId, 1, 0, kElementSize[kInstanceId]);
-        describe(kColour, 2, 0, kElementSize[kColour]);
-    } else {
-        buffers.resize(1);
-        describe(kPosition, 0, 0, kElementSize[kPosition] + kElementSize[kColour]);
-        describe(kColour, 0, kElementSize[kPosition],
-                 kElementSize[kPosition] + kElementSize[kColour]);
-    }
+    using Descriptors = std::vector<PolygonMeshBufferDescriptor>;
+    const Descriptors descriptors =
+        separate ? Descriptors{{kPosition, 0, 0, 12, 12},
+                               {kInstanceId, 1, 0, 2, 2},
+                               {kColour, 2, 0, 16, 16}}
+                 : Descriptors{{kPosition, 0, 0, 12, 28}, {kColour, 0, 12, 16, 28}};
+    std::vector<PolygonMeshBuffer> buffers(separate ? 3 : 1);
     span<const PolygonMeshBufferDescriptor> described{descriptors.data(),
                                                       uint32_t(descriptors.size())};
     span<PolygonMeshBuffer> owned{buffers.data(), uint32_t(buffers.size())};
@@ -215,8 +205,7 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
         vertexCount = query.vertexCount;
     }
     std::vector<PolygonMeshBuffer> indexBuffer(1);
-    std::vector<PolygonMeshBufferDescriptor> indexDescriptor{
-        {kIndex, 0, 0, kElementSize[kIndex], kElementSize[kIndex]}};
+    std::vector<PolygonMeshBufferDescriptor> indexDescriptor{{kIndex, 0, 0, 4, 4}};
     uint32_t indexCount = 0;
     if (vertexCount > 0) {
         r = scene.extractSurface({indexDescriptor.data(), 1}, {indexBuffer.data(), 1}, annotate,
@@ -240,7 +229,7 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
     if (indexCount > 0) {
         std::vector<uint32_t> indices(indexCount);
         indexBuffer[0].data = indices.data();
-        indexBuffer[0].size = indexCount * kElementSize[kIndex];
+        indexBuffer[0].size = indexCount * 4;
         r = scene.extractSurface({indexDescriptor.data(), 1}, {indexBuffer.data(), 1}, annotate,
                                  uuid, quality);
         fuzzCheck(r == kSuccess, "extractSurface indices with the capacity asked for");
