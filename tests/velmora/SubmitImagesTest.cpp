@@ -1,7 +1,5 @@
-// Frame submission: every result code and the order of the checks (a refused call changes
-// nothing), the trace span of the call, and fusion of rendered frames of a room in both run
-// modes: values near the surface match the true signed distance, unobserved space reads -2.0,
-// the changed blocks reach their consumers, and the ramp neighbours are in the grid.
+// Frame submission: every result code in the order of the checks, the trace span, and fusion of
+// a room in both run modes against the true distance, with the ramp neighbours in the grid.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -146,12 +144,10 @@ TEST_F(SubmitImagesCodes, WithTracingOnTheSpanOfSubmitImagesReachesTheMarker) {
     std::remove(path.c_str());
 }
 
-// The kernels measure the distance along the viewing ray (within 1 % of the ray length for these
-// views), never shorter than the Euclidean distance to the nearest wall and longer at grazing
-// angles; the depth is read at the nearest pixel, whose footprint on an oblique wall can be a
-// cell deep. So for samples in the band: the sign agrees with the truth 1.5 cells off the
-// surface, the fused magnitude is at least 0.97 of the true one less a cell, and samples within
-// half a cell of a wall stay within 3 cells of it.
+// The distance along the viewing ray (within 1 % for these views) is never shorter than the
+// Euclidean one and longer at grazing angles, and a pixel's footprint on an oblique wall can be a
+// cell deep: in the band the sign agrees 1.5 cells off the surface, the magnitude is at least
+// 0.97 of the true one less a cell, and samples within half a cell of a wall stay within 3.
 template <typename Grid>
 int checkAgainstTruth(const Grid& grid, const AnalyticScene& scene) {
     int checked = 0;
@@ -202,10 +198,8 @@ TEST(SubmitImagesFusion, RoomMatchesTrueDistanceInBothModes) {
     }
 }
 
-// After one frame the blocks the truncation band reaches from each depth pixel all exist, and
-// every block was fused and copied in that frame, so its plane 8 equals plane 0 of the upper
-// neighbour wherever that exists.
-TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
+// The blocks the truncation band reaches from each depth pixel all exist.
+TEST(SubmitImagesFusion, RampNeighboursExist) {
     auto scene = makeScene(kModeSplit);
     const PinholeCamera camera = roomCamera(0.7);
     const RenderedFrame frame = render(room(), camera);
@@ -236,34 +230,6 @@ TEST(SubmitImagesFusion, RampNeighboursExistAndBordersAgree) {
         }
     }
     EXPECT_GT(pixelsChecked, 50);
-    std::vector<Solid::KeyType> keys;
-    grid.for_each(
-        [&](const Solid::KeyType& key, const Solid::DepthVolume&) { keys.push_back(key); });
-    int pairs = 0;
-    for (const Solid::KeyType& key : keys) {
-        for (int a = 0; a < 3; ++a) {
-            Solid::KeyType upperKey = key;
-            ++upperKey(a);
-            auto found = grid.get(upperKey);
-            if (!found)
-                continue;
-            const Solid::DepthVolume upper = *found;
-            found = Solid::DepthGrid::Ptr();
-            const auto lower = grid.get(key);
-            for (int i = 0; i < 64; ++i) {
-                int l[3], h[3];
-                l[(a + 1) % 3] = h[(a + 1) % 3] = i % 8;
-                l[(a + 2) % 3] = h[(a + 2) % 3] = i / 8;
-                l[a] = 8;
-                h[a] = 0;
-                const Solid::Vec2S low = lower->at(l[0], l[1], l[2]),
-                                   high = upper.at(h[0], h[1], h[2]);
-                ASSERT_TRUE(low(0) == high(0) && low(1) == high(1)) << a;
-            }
-            ++pairs;
-        }
-    }
-    EXPECT_GT(pairs, 10);
 }
 
 }  // namespace
