@@ -25,15 +25,18 @@ Config makeConfig(float cellSize, float truncation, int32_t mode) {
 // call logs once at the default level and not below it.
 TEST(SceneLifecycle, VersionTextIsExactNeedsNoInitAndLogsAtTheDefaultLevel) {
     std::unique_ptr<IVelmora> scene(newVelmora());
-    CapturedLog log;
-    const char* version = scene->getVersion();
-    EXPECT_STREQ(version, "2.0.3a KELP-velmora-build-3177 Dec 21 2021 12:50:05");
-    ASSERT_EQ(log.lines, std::vector<std::string>{"AR DEBUG: Impl::getVersion()\n"});
-    AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::LEVEL_WARNING);
+    const char* version = nullptr;
+    {
+        CapturedLog log;
+        version = scene->getVersion();
+        EXPECT_STREQ(version, "2.0.3a KELP-velmora-build-3177 Dec 21 2021 12:50:05");
+        AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::LEVEL_WARNING);
+        scene->getVersion();
+        AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::kDefaultLevel);
+        EXPECT_EQ(log.lines, std::vector<std::string>{"AR DEBUG: Impl::getVersion()\n"});
+    }
     ASSERT_EQ(scene->init(makeConfig(0.02f, 0.1f, 1)), kSuccess);
     EXPECT_EQ(scene->getVersion(), version);
-    AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::kDefaultLevel);
-    EXPECT_EQ(log.lines.size(), 1u);
 }
 
 // cellSize is checked before truncation; five cells is the least truncation; a failed init
