@@ -36,10 +36,10 @@ struct SurfaceExtraction {
     std::mutex meshMutex;  // guards surfaceMeshes
 
     // Under meshMutex: the grid of `id` merged into one mesh (an unknown id gets an empty grid);
-    // a copy of the grid (sharing its streams); the grid replaced by a copy of `grid`.
+    // a copy of the grid (sharing its streams); the grid replaced by `grid`.
     Solid::PolygonMesh getMergedMesh(uint16_t id);
     Solid::MeshGridType getMeshGrid(uint16_t id);
-    void setMeshGrid(uint16_t id, const Solid::MeshGridType& grid);
+    void setMeshGrid(uint16_t id, Solid::MeshGridType grid);
     // Under meshMutex: puts each coloured block mesh of `id` in place of the cached one, but only
     // where the cache still holds the geometry that was coloured (the same position stream); a
     // block re-meshed or a grid dropped meanwhile by another request keeps the newer state.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "common/Trace.h"
@@ -44,11 +45,11 @@ Solid::MeshGridType SurfaceExtraction::getMeshGrid(uint16_t id) {
     return found == surfaceMeshes.end() ? Solid::MeshGridType() : found->second;
 }
 
-void SurfaceExtraction::setMeshGrid(uint16_t id, const Solid::MeshGridType& grid) {
+void SurfaceExtraction::setMeshGrid(uint16_t id, Solid::MeshGridType grid) {
     std::lock_guard<std::mutex> lock(meshMutex);
     Solid::MeshGridType& stored = surfaceMeshes[id];
     const float maxLoadFactor = stored.max_load_factor();
-    stored = grid;
+    stored = std::move(grid);
     stored.max_load_factor(maxLoadFactor);
 }
 
@@ -132,7 +133,7 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
             Solid::extractSurfaceForInstanceID(*s.mLabelDepthVolumeGrid, instances, localBlocks,
                                                instanceId, annotate, localGrid);
         }
-        surfaces.setMeshGrid(instanceId, localGrid);
+        surfaces.setMeshGrid(instanceId, std::move(localGrid));
     }
     return colorMeshes(instanceId, quality);
 }

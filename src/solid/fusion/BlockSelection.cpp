@@ -208,16 +208,12 @@ inline bool locatePoint(const Unprojection& u, float x, float y, float d, float 
     return true;
 }
 
-// Four neighbouring pixels of a row at once, each lane with the arithmetic of `locatePoint` in
-// its order (no contraction is allowed in this build), in the vector registers of the target
-// (SSE2 on x86-64, NEON on Arm: the baseline of both, so no dispatch is needed).
+// Neighbouring pixels of a row at once, each lane with the arithmetic of `locatePoint` in its
+// order (no contraction is allowed in this build): four in the vector registers every target has
+// (SSE2 on x86-64, NEON on Arm), eight with AVX2 where the processor has it.
 constexpr int kLanes = 4;
 using Float4 = float __attribute__((vector_size(16)));
 using Int4 = int32_t __attribute__((vector_size(16)));
-
-inline Float4 splat(float v) {
-    return Float4{v, v, v, v};
-}
 
 struct LaneResults {
     // All four lanes located, in one block with the same neighbour bits: only lane 0 is filled.
@@ -227,53 +223,134 @@ struct LaneResults {
     bool located[kLanes];  // d > 0 and a block with a key
 };
 
+// The lanes of `locatePoint` for pixels x, x + 1, ... of row y: whether each is located, its key
+// and its neighbour bits. Inlined into each caller, so that it runs in the caller's registers.
+template <typename F, typename I, int N>
+__attribute__((always_inline)) inline void locateVector(const Unprojection& u, int x, float y,
+                                                        const float* depths, const float* ramps,
+                                                        I& located, I (&keys)[3], I& neighbours) {
+    F d;
+    F ramp;
+    std::memcpy(&d, depths, sizeof(d));
+    std::memcpy(&ramp, ramps, sizeof(ramp));
+    float columns[N];
+    for (int lane = 0; lane < N; ++lane) {
+        // x + lane is exact: image columns are far below 2^24.
+        columns[lane] = static_cast<float>(x) + static_cast<float>(lane);
+    }
+    F xs;
+    std::memcpy(&xs, columns, sizeof(xs));
+    const F zero = F{};
+    const F one = zero + 1.0f;
+    // Every constant in every lane.
+    const auto broadcast = [](F& out, float v) {
+        float lanes[N];
+        for (float& lane : lanes) {
+            lane = v;
+        }
+        std::memcpy(&out, lanes, sizeof(out));
+    };
+    F m[3][4];
+    F dimension[3];
+    F inverseDimension[3];
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 4; ++c) {
+            broadcast(m[r][c], u.m[r][c]);
+        }
+        broadcast(dimension[r], u.dimension[r]);
+        broadcast(inverseDimension[r], u.inverseDimension[r]);
+    }
+    F yv;
+    F minKey;
+    F maxKey;
+    broadcast(yv, y);
+    broadcast(minKey, kMinKeyCoordinate);
+    broadcast(maxKey, kMaxKeyCoordinate);
+    const F v0 = xs * d;
+    const F v1 = yv * d;
+    located = d > zero;
+    neighbours = I{};
+    for (int r = 0; r < 3; ++r) {
+        F sum = zero;
+        sum = sum + m[r][0] * v0;
+        sum = sum + m[r][1] * v1;
+        sum = sum + m[r][2] * d;
+        sum = sum + m[r][3] * one;
+        const F t = sum * inverseDimension[r];
+        const I inRange = (t >= minKey) & (t < maxKey);
+        located &= inRange;
+        const F clamped = inRange ? t : zero;
+        const I truncated = __builtin_convertvector(clamped, I);
+        // A comparison gives -1 where true: one down where truncation went up.
+        keys[r] = truncated + (__builtin_convertvector(truncated, F) > clamped);
+        const F local = sum - dimension[r] * __builtin_convertvector(keys[r], F);
+        const F upperLimit = dimension[r] - ramp;
+        neighbours |= (local < ramp) & (I{} + (1 << (2 * r)));
+        neighbours |= (local > upperLimit) & (I{} + (1 << (2 * r + 1)));
+    }
+}
+
+// Lanes `first` to `first + 3` of the vectors into `out`.
+template <typename I>
+inline void takeLanes(const I& located, const I (&keys)[3], const I& neighbours, int first,
+                      LaneResults& out) {
+    bool uniform = true;
+    for (int lane = first; lane < first + kLanes; ++lane) {
+        uniform = uniform && located[lane] != 0 && keys[0][lane] == keys[0][first] &&
+                  keys[1][lane] == keys[1][first] && keys[2][lane] == keys[2][first] &&
+                  neighbours[lane] == neighbours[first];
+    }
+    out.uniform = uniform;
+    for (int lane = 0; lane < (uniform ? 1 : kLanes); ++lane) {
+        out.located[lane] = located[first + lane] != 0;
+        out.neighbours[lane] = static_cast<unsigned>(neighbours[first + lane]);
+        out.keys[lane] =
+            KeyType(keys[0][first + lane], keys[1][first + lane], keys[2][first + lane]);
+    }
+}
+
 inline void locateLanes(const Unprojection& u, int x, float y, const float* depths,
                         const float* ramps, LaneResults& out) {
-    Float4 d;
-    std::memcpy(&d, depths, sizeof(d));
-    Float4 ramp;
-    std::memcpy(&ramp, ramps, sizeof(ramp));
-    const float xf = static_cast<float>(x);
-    // x + lane is exact: image columns are far below 2^24.
-    const Float4 xs = Float4{xf, xf + 1.0f, xf + 2.0f, xf + 3.0f};
-    const Float4 v0 = xs * d;
-    const Float4 v1 = splat(y) * d;
-    const Int4 valid = d > splat(0.0f);
-    Int4 located = valid;
+    Int4 located;
     Int4 keys[3];
-    Int4 neighbours = Int4{0, 0, 0, 0};
-    for (int r = 0; r < 3; ++r) {
-        Float4 sum = splat(0.0f);
-        sum = sum + splat(u.m[r][0]) * v0;
-        sum = sum + splat(u.m[r][1]) * v1;
-        sum = sum + splat(u.m[r][2]) * d;
-        sum = sum + splat(u.m[r][3]) * splat(1.0f);
-        const Float4 t = sum * splat(u.inverseDimension[r]);
-        const Int4 inRange = (t >= splat(kMinKeyCoordinate)) & (t < splat(kMaxKeyCoordinate));
-        located &= inRange;
-        const Float4 clamped = inRange ? t : splat(0.0f);
-        const Int4 truncated = __builtin_convertvector(clamped, Int4);
-        // A comparison gives -1 where true: one down where truncation went up.
-        keys[r] = truncated + (__builtin_convertvector(truncated, Float4) > clamped);
-        const Float4 local = sum - splat(u.dimension[r]) * __builtin_convertvector(keys[r], Float4);
-        const Float4 upperLimit = splat(u.dimension[r]) - ramp;
-        neighbours |= (local < ramp) & Int4{1, 1, 1, 1} << (2 * r);
-        neighbours |= (local > upperLimit) & Int4{1, 1, 1, 1} << (2 * r + 1);
+    Int4 neighbours;
+    locateVector<Float4, Int4, 4>(u, x, y, depths, ramps, located, keys, neighbours);
+    takeLanes(located, keys, neighbours, 0, out);
+}
+
+// Eight pixels as two groups of four.
+using LocateEight = void (*)(const Unprojection&, int, float, const float*, const float*,
+                             LaneResults (&)[2]);
+
+void locateEightBy4(const Unprojection& u, int x, float y, const float* depths, const float* ramps,
+                    LaneResults (&out)[2]) {
+    locateLanes(u, x, y, depths, ramps, out[0]);
+    locateLanes(u, x + kLanes, y, depths + kLanes, ramps + kLanes, out[1]);
+}
+
+#if defined(__x86_64__)
+using Float8 = float __attribute__((vector_size(32)));
+using Int8 = int32_t __attribute__((vector_size(32)));
+
+__attribute__((target("avx2"))) void locateEightAvx2(const Unprojection& u, int x, float y,
+                                                     const float* depths, const float* ramps,
+                                                     LaneResults (&out)[2]) {
+    Int8 located;
+    Int8 keys[3];
+    Int8 neighbours;
+    locateVector<Float8, Int8, 8>(u, x, y, depths, ramps, located, keys, neighbours);
+    takeLanes(located, keys, neighbours, 0, out[0]);
+    takeLanes(located, keys, neighbours, kLanes, out[1]);
+}
+#endif
+
+LocateEight chooseLocateEight() {
+#if defined(__x86_64__)
+    if (__builtin_cpu_supports("avx2")) {
+        return locateEightAvx2;
     }
-    const auto lane0 = [](const Int4& v) { return Int4{v[0], v[0], v[0], v[0]}; };
-    const Int4 same = located & (keys[0] == lane0(keys[0])) & (keys[1] == lane0(keys[1])) &
-                      (keys[2] == lane0(keys[2])) & (neighbours == lane0(neighbours));
-    out.uniform = (same[0] & same[1] & same[2] & same[3]) != 0;
-    if (out.uniform) {
-        out.neighbours[0] = static_cast<unsigned>(neighbours[0]);
-        out.keys[0] = KeyType(keys[0][0], keys[1][0], keys[2][0]);
-        return;
-    }
-    for (int lane = 0; lane < kLanes; ++lane) {
-        out.located[lane] = located[lane] != 0;
-        out.neighbours[lane] = static_cast<unsigned>(neighbours[lane]);
-        out.keys[lane] = KeyType(keys[0][lane], keys[1][lane], keys[2][lane]);
-    }
+#endif
+    return locateEightBy4;
 }
 
 // Drops the neighbours whose keys would leave the range of keys: they are never wrapped.
@@ -357,6 +434,7 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
         return rampIsConstant ? constantRamp : errorModel.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
     };
 
+    static const LocateEight locateEight = chooseLocateEight();
     HitTable table(static_cast<uint32_t>(grid.size()));
     RunRecorder runs(table);
     size_t visited = 0;
@@ -392,33 +470,45 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
         const float* row = frame.depth.pixels() + static_cast<size_t>(y) * frame.depth.bufSize()(0);
         int x = 0;
         if (prepareStep == 1) {
-            LaneResults lanes;
-            float ramps[kLanes];
-            for (; x + kLanes <= width; x += kLanes) {
-                for (int lane = 0; lane < kLanes; ++lane) {
-                    const float d = row[x + lane];
-                    ramps[lane] = d > 0.0f ? rampAt(d) : 0.0f;
-                }
-                locateLanes(u, x, static_cast<float>(y), row + x, ramps, lanes);
-                visited += kLanes;
-                if (lanes.uniform && !filtering) {
+            LaneResults lanes[2];
+            float ramps[2 * kLanes];
+            // Four located points one after the other.
+            const auto consume = [&](const LaneResults& group, int first) {
+                if (group.uniform && !filtering) {
                     // As four points one after the other: they extend one run.
-                    const float best =
-                        std::min(std::min(row[x], row[x + 1]), std::min(row[x + 2], row[x + 3]));
-                    runs.add(lanes.keys[0], neighboursInRange(lanes.keys[0], lanes.neighbours[0]),
+                    const float best = std::min(std::min(row[first], row[first + 1]),
+                                                std::min(row[first + 2], row[first + 3]));
+                    runs.add(group.keys[0], neighboursInRange(group.keys[0], group.neighbours[0]),
                              best, kLanes);
                     accepted += kLanes;
-                    continue;
+                    return;
                 }
                 for (int lane = 0; lane < kLanes; ++lane) {
-                    if (lanes.uniform) {
-                        record(lanes.keys[0], lanes.neighbours[0], row[x + lane]);
-                        continue;
-                    }
-                    if (lanes.located[lane]) {
-                        record(lanes.keys[lane], lanes.neighbours[lane], row[x + lane]);
+                    if (group.uniform) {
+                        record(group.keys[0], group.neighbours[0], row[first + lane]);
+                    } else if (group.located[lane]) {
+                        record(group.keys[lane], group.neighbours[lane], row[first + lane]);
                     }
                 }
+            };
+            const auto fillRamps = [&](int first, int count) {
+                for (int lane = 0; lane < count; ++lane) {
+                    const float d = row[first + lane];
+                    ramps[lane] = d > 0.0f ? rampAt(d) : 0.0f;
+                }
+            };
+            for (; x + 2 * kLanes <= width; x += 2 * kLanes) {
+                fillRamps(x, 2 * kLanes);
+                locateEight(u, x, static_cast<float>(y), row + x, ramps, lanes);
+                visited += 2 * kLanes;
+                consume(lanes[0], x);
+                consume(lanes[1], x + kLanes);
+            }
+            for (; x + kLanes <= width; x += kLanes) {
+                fillRamps(x, kLanes);
+                locateLanes(u, x, static_cast<float>(y), row + x, ramps, lanes[0]);
+                visited += kLanes;
+                consume(lanes[0], x);
             }
         }
         for (; x < width; x += prepareStep) {

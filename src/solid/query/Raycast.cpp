@@ -51,9 +51,11 @@ public:
             mEnd[a] = truncToWalkKey(to[a] * inverseDimension[a]);
             const int delta = mEnd[a] - mCurrent[a];
             mStep[a] = (delta > 0) - (delta < 0);
-            // Signed on purpose: tMax and tDelta share the sign of the step, and the axis choice
-            // compares magnitudes.
-            mTDelta[a] = delta != 0 ? 1.0f / static_cast<float>(delta) : kNoStepDelta;
+            // tMax and tDelta share the sign of the step, and the axis choice compares
+            // magnitudes: only those are kept. |tMax + tDelta| is |tMax| + |tDelta| rounded, as
+            // rounding is the same for both signs, so the magnitudes follow the signed values
+            // exactly.
+            mTDelta[a] = std::fabs(delta != 0 ? 1.0f / static_cast<float>(delta) : kNoStepDelta);
             mTMax[a] = kWalkerStartFraction * mTDelta[a];
         }
     }
@@ -83,15 +85,13 @@ public:
 
     const KeyType& current() const { return mCurrent; }
 
-    // Moves to the next block along the axis of the smallest |tMax|; ties go to x, then y.
+    // Moves to the next block along the axis of the smallest |tMax|; ties go to x, then y. The
+    // choice is made without branches: it changes from block to block with no pattern a branch
+    // predictor could learn.
     void advance() {
-        int axis = 0;
-        if (std::fabs(mTMax[1]) < std::fabs(mTMax[0])) {
-            axis = 1;
-        }
-        if (std::fabs(mTMax[2]) < std::fabs(mTMax[axis])) {
-            axis = 2;
-        }
+        const bool yBeforeX = mTMax[1] < mTMax[0];
+        const float least = yBeforeX ? mTMax[1] : mTMax[0];
+        const int axis = mTMax[2] < least ? 2 : static_cast<int>(yBeforeX);
         mCurrent[axis] += mStep[axis];
         mTMax[axis] += mTDelta[axis];
     }
@@ -99,9 +99,9 @@ public:
 private:
     KeyType mCurrent;
     KeyType mEnd;
-    KeyType mStep;  // -1, 0 or +1 per axis
-    Vec3 mTMax;
-    Vec3 mTDelta;
+    KeyType mStep;     // -1, 0 or +1 per axis
+    float mTMax[3];    // |tMax|
+    float mTDelta[3];  // |tDelta|
 };
 
 // The block walk with lookups in `snapshot`, or in the table under its read lock when there is
@@ -166,6 +166,11 @@ private:
     float mInverseDimension[3];
 };
 
+// What a block stepped over without reads is: missing (reads give -2.0), of observed positive
+// samples only (reads give positive values), of unobserved and positive samples (reads give
+// -2.0 or positive values), or none of these.
+enum class SkippedBlock : uint8_t { kMissing, kPositive, kPartlyPositive, kOther };
+
 // Reads values along one ray with lookups in the table under its read lock. It remembers the
 // block of its last read (or that there was none), so that reads staying in one block skip the
 // table, and keeps that block's mutex until the ray leaves the block or the reader goes away; it
@@ -198,8 +203,10 @@ public:
 
     // Never: a block missing at the last read may have been created since, and one read may
     // be written meanwhile.
-    bool inSkippableBlock(const Vec3& /*p*/, bool /*positives*/) const { return false; }
-    bool inPositiveBlock() const { return false; }
+    bool inSkippableBlock(const Vec3& /*p*/, bool /*positives*/, bool /*partly*/) const {
+        return false;
+    }
+    SkippedBlock skippedBlock() const { return SkippedBlock::kMissing; }
 
 private:
     const Grid& mGrid;
@@ -228,8 +235,8 @@ public:
             const uint32_t slot = mSnapshot.slotOf(key);
             mEntry = slot == Snapshot::kNoSlot ? nullptr : &mSnapshot.entryAt(slot);
             mKey = key;
-            mPositive = mEntry != nullptr && isPositiveBlock(slot);
-            if (mEntry == nullptr || mPositive) {
+            mKind = mEntry == nullptr ? SkippedBlock::kMissing : classify(slot);
+            if (mKind != SkippedBlock::kOther) {
                 updateIntervals();
             }
         }
@@ -241,44 +248,49 @@ public:
 
     // Whether `p` lies in the block of the last read, and that block is missing (a read there
     // gives -2.0 again) or, with `positives`, all its samples are observed and positive (a read
-    // there gives an observed positive value): the march can step on without the read.
-    bool inSkippableBlock(const Vec3& p, bool positives) const {
-        return (mEntry == nullptr || (positives && mPositive)) && mCurrent[0].low <= p(0) &&
-               p(0) <= mCurrent[0].high && mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high &&
-               mCurrent[2].low <= p(2) && p(2) <= mCurrent[2].high;
+    // there gives an observed positive value) or, with `partly` too, each of its samples is
+    // unobserved or positive (a read gives -2.0 or a positive value): the march can step on
+    // without the read.
+    bool inSkippableBlock(const Vec3& p, bool positives, bool partly) const {
+        const bool skippable = mKind == SkippedBlock::kMissing ||
+                               (positives && (mKind == SkippedBlock::kPositive ||
+                                              (partly && mKind == SkippedBlock::kPartlyPositive)));
+        return skippable && mCurrent[0].low <= p(0) && p(0) <= mCurrent[0].high &&
+               mCurrent[1].low <= p(1) && p(1) <= mCurrent[1].high && mCurrent[2].low <= p(2) &&
+               p(2) <= mCurrent[2].high;
     }
 
-    // Whether the block of the last read exists (and so is one of positive samples, when
-    // inSkippableBlock held).
-    bool inPositiveBlock() const { return mEntry != nullptr; }
+    // What the block of the last read is, when inSkippableBlock held.
+    SkippedBlock skippedBlock() const { return mKind; }
 
 private:
     using Snapshot = typename Grid::TableSnapshot;
 
-    // Notes of a block in the table copy: not yet looked at, or whether all its samples are
-    // observed and positive.
+    // Notes of a block in the table copy: not yet looked at, or its SkippedBlock kind plus one.
     static constexpr uint8_t kNotLookedAt = 0;
-    static constexpr uint8_t kAllPositive = 1;
-    static constexpr uint8_t kNotAllPositive = 2;
 
     // Every trilinear read in a block whose samples are all observed and positive is observed
     // and positive: its corners are samples of the block, and each blend of two positive
     // values with weights f and 1 - f (f in [0, 1), or a hair outside with both corners one
-    // sample) stays positive.
-    bool isPositiveBlock(uint32_t slot) {
+    // sample) stays positive. In a block whose observed samples are all positive, a read is
+    // either unobserved (a corner is) or such a blend.
+    SkippedBlock classify(uint32_t slot) {
         uint8_t& note = mSnapshot.note(slot);
         if (note == kNotLookedAt) {
             const auto& block = mSnapshot.entryAt(slot).block;
-            note = kAllPositive;
+            SkippedBlock kind = SkippedBlock::kPositive;
             for (uint32_t i = 0; i < block.dataSize(); ++i) {
                 const Vec2S& sample = depthPart(block.data()[i]);
-                if (sample(1) < 1 || sample(0) <= 0) {
-                    note = kNotAllPositive;
+                if (sample(1) < 1) {
+                    kind = SkippedBlock::kPartlyPositive;
+                } else if (sample(0) <= 0) {
+                    kind = SkippedBlock::kOther;
                     break;
                 }
             }
+            note = static_cast<uint8_t>(static_cast<uint8_t>(kind) + 1);
         }
-        return note == kAllPositive;
+        return static_cast<SkippedBlock>(note - 1);
     }
 
     // The float interval of one key component; empty (low above high) where it was not found,
@@ -315,9 +327,59 @@ private:
     BlockFrame mFrame;
     KeyType mKey;
     const typename Grid::Entry* mEntry;
-    bool mPositive = false;  // the entry of `mKey` has only observed positive samples
-    Interval mCurrent[3];    // of the components of `mKey`, while its block can be skipped
+    SkippedBlock mKind = SkippedBlock::kMissing;  // of the block of `mKey`
+    Interval mCurrent[3];  // of the components of `mKey`, while its block can be skipped
     Interval mCache[3][kIntervalCacheSize];
+};
+
+// Stretches of samples stepped over in blocks of unobserved and positive samples, since the last
+// value known to be positive: one of them may hold the value a crossing interpolates from. A
+// stretch is kept as its first position, its increment and its length, from which its positions
+// follow by the same float additions as in the march.
+class SkippedStretches {
+public:
+    bool full() const { return mCount == kMaxStretches; }
+    void clear() { mCount = 0; }
+    void add(const Vec3& first, const Vec3& increment, unsigned samples) {
+        mStretches[mCount++] = Stretch{first, increment, samples};
+    }
+
+    // The last observed value of the stretches, latest first; false when all read -2.0.
+    template <typename Sampler>
+    bool lastObserved(Sampler& reader, float& value) const {
+        for (unsigned s = mCount; s-- > 0;) {
+            const Stretch& stretch = mStretches[s];
+            Vec3 positions[kMaxStretchSamples];
+            const unsigned n = std::min(stretch.samples, kMaxStretchSamples);
+            Vec3 position = stretch.first;
+            for (unsigned i = 0; i < stretch.samples; ++i) {
+                positions[std::min(i, n - 1)] = position;
+                position += stretch.increment;
+            }
+            for (unsigned i = n; i-- > 0;) {
+                const float v = reader.value(positions[i]);
+                if (v != kUnobservedValue) {
+                    value = v;
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    // Samples of a stretch are counted up to this many, which one block never holds along a ray
+    // that reads samples (a step of at least a sample spacing); longer stretches are not skipped.
+    static constexpr unsigned kMaxStretchSamples = 64;
+
+private:
+    struct Stretch {
+        Vec3 first;
+        Vec3 increment;
+        unsigned samples;
+    };
+    static constexpr unsigned kMaxStretches = 8;
+    Stretch mStretches[kMaxStretches];
+    unsigned mCount = 0;
 };
 
 // The march of `raycastSparseVolume`, reading through `reader`, with the verbose log only when
@@ -341,6 +403,8 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
     // its position when a crossing needs it.
     bool previousPending = false;
     Vec3 previousPosition = position;
+    // Stepped over after that value (or after `previous`, when none is pending).
+    SkippedStretches stretches;
     bool coarse = true;
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
@@ -354,7 +418,10 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
                 if (verbose) {
                     AR_LOG_VERBOSE("negative value found");
                 }
-                if (previousPending) {
+                float observed = 0.0f;
+                if (stretches.lastObserved(reader, observed)) {
+                    previous = observed;
+                } else if (previousPending) {
                     previous = reader.value(previousPosition);
                 }
                 if (previous > 0.0f) {
@@ -391,6 +458,7 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
             }
             previous = value;
             previousPending = false;
+            stretches.clear();
         }
         const float next = d + step;
         if (next == d) {
@@ -398,26 +466,41 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
         }
         d = next;
         position += increment;
-        // Samples in the missing block of the last read would read -2.0 again, and those in a
-        // block of observed positive samples a positive value, which only becomes `previous`
-        // (the switch to the small step cannot change anything once it happened, or when both
-        // steps are one): they are stepped over with the same additions, so every later
-        // position and depth is the same float.
-        while (!verbose && reader.inSkippableBlock(position, !coarse || largeStep == smallStep)) {
+        // Samples in the missing block of the last read would read -2.0 again, those in a block
+        // of observed positive samples a positive value, which only becomes `previous`, and
+        // those in a block of unobserved and positive samples one of the two (the switch to the
+        // small step cannot change anything once it happened, or when both steps are one): they
+        // are stepped over with the same additions, so every later position and depth is the
+        // same float, and what they would have left in `previous` is read if a crossing needs it.
+        const bool positives = !coarse || largeStep == smallStep;
+        if (verbose || !reader.inSkippableBlock(position, positives, !stretches.full())) {
+            continue;
+        }
+        const SkippedBlock kind = reader.skippedBlock();
+        const Vec3 first = position;
+        unsigned skipped = 0;
+        do {
             ++samples;
             if (!(d <= farPlane && samples < kMaxMarchSamples)) {
                 return result;
             }
-            if (reader.inPositiveBlock()) {
+            if (kind == SkippedBlock::kPositive) {
                 previousPending = true;
                 previousPosition = position;
+                stretches.clear();
             }
+            ++skipped;
             const float after = d + step;
             if (after == d) {
                 return result;
             }
             d = after;
             position += increment;
+        } while (reader.inSkippableBlock(position, positives, true) &&
+                 (kind != SkippedBlock::kPartlyPositive ||
+                  skipped < SkippedStretches::kMaxStretchSamples));
+        if (kind == SkippedBlock::kPartlyPositive) {
+            stretches.add(first, increment, skipped);
         }
     }
     return result;

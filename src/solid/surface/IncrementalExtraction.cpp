@@ -83,31 +83,67 @@ bool annotateMesh(
     const Vec3& inverseSpacing = grid.config().inverseSpacing;
     const Index3& bounds = grid.config().bounds;
     // A vertex shared by several triangles gets one lookup: the sample nearest to it is the same
-    // for each of them. Consecutive vertices mostly lie in one block, which stays locked (and
-    // found) until a vertex of another block comes.
+    // for each of them. The vertices of a block mesh lie in a handful of blocks (their own and the
+    // neighbours across its upper faces), in no useful order: they are grouped by block, so that
+    // each block is found and locked once per mesh rather than at every change of block.
     std::vector<bool> done(positions.size(), false);
-    KeyType currentKey;
-    typename Grid::Ptr current;
-    bool looked = false;
+    std::vector<uint32_t> used;
+    used.reserve(positions.size());
     for (unsigned int vertexIndex : indices) {
         AR_ASSERT(vertexIndex < positions.size());
-        if (done[vertexIndex]) {
-            continue;
+        if (!done[vertexIndex]) {
+            done[vertexIndex] = true;
+            used.push_back(vertexIndex);
         }
-        done[vertexIndex] = true;
-        const Vec3& p = positions[vertexIndex];
+    }
+    // Groups by block; a key is looked for among the last few groups only, so a large mesh costs
+    // a little more locking, never a quadratic search.
+    constexpr size_t kRecentBlocks = 8;
+    std::vector<KeyType> blockKeys;
+    std::vector<uint32_t> blockOf(used.size());
+    std::vector<uint32_t> groupSize;
+    for (size_t i = 0; i < used.size(); ++i) {
+        const Vec3& p = positions[used[i]];
         KeyType key;
         for (int a = 0; a < 3; ++a) {
             key[a] = floorToKey(p[a] * inverseDimension[a]);
         }
-        if (!looked || key != currentKey) {
-            current = typename Grid::Ptr();  // unlock before the next lookup
-            current = grid.get(key);
-            currentKey = key;
-            looked = true;
+        const auto recent = blockKeys.end() - std::min(blockKeys.size(), kRecentBlocks);
+        const auto known = std::find(recent, blockKeys.end(), key);
+        blockOf[i] = static_cast<uint32_t>(known - blockKeys.begin());
+        if (known == blockKeys.end()) {
+            blockKeys.push_back(key);
+            groupSize.push_back(0);
         }
-        SurfaceInstanceId value = defaultValue;
-        if (current) {
+        ++groupSize[blockOf[i]];
+    }
+    std::vector<uint32_t> groupStart(blockKeys.size() + 1, 0);
+    for (size_t b = 0; b < blockKeys.size(); ++b) {
+        groupStart[b + 1] = groupStart[b] + groupSize[b];
+    }
+    std::vector<uint32_t> grouped(used.size());
+    for (size_t i = 0; i < used.size(); ++i) {
+        grouped[groupStart[blockOf[i]]++] = used[i];
+    }
+    // The samples of a group are addressed first and fetched together: a mesh's vertices read
+    // samples scattered over blocks that are rarely in cache, and one miss at a time would make
+    // the annotation as slow as the memory.
+    std::vector<const typename Grid::SampleType*> samples;
+    uint32_t begin = 0;
+    for (size_t b = 0; b < blockKeys.size(); ++b) {
+        const KeyType& key = blockKeys[b];
+        const typename Grid::Ptr block = grid.get(key);
+        const uint32_t end = begin + groupSize[b];
+        if (!block) {
+            for (uint32_t i = begin; i < end; ++i) {
+                (*annotations)[grouped[i]] = defaultValue;
+            }
+            begin = end;
+            continue;
+        }
+        samples.clear();
+        for (uint32_t i = begin; i < end; ++i) {
+            const Vec3& p = positions[grouped[i]];
             int sample[3];
             for (int a = 0; a < 3; ++a) {
                 const float local = p[a] - dimension[a] * static_cast<float>(key[a]);
@@ -115,9 +151,13 @@ bool annotateMesh(
                 sample[a] = std::clamp(
                     static_cast<int>(std::floor(0.5f + local * inverseSpacing[a])), 0, bounds[a]);
             }
-            value = predicate(current->at(sample[0], sample[1], sample[2]));
+            samples.push_back(&block->at(sample[0], sample[1], sample[2]));
+            __builtin_prefetch(samples.back());
         }
-        (*annotations)[vertexIndex] = value;
+        for (uint32_t i = begin; i < end; ++i) {
+            (*annotations)[grouped[i]] = predicate(*samples[i - begin]);
+        }
+        begin = end;
     }
     return true;
 }

@@ -3,6 +3,8 @@
 #ifndef VELMORA_SOLID_SURFACE_INCREMENTALEXTRACTIONIMPL_H
 #define VELMORA_SOLID_SURFACE_INCREMENTALEXTRACTIONIMPL_H
 
+#include <memory>
+
 #include "solid/surface/CubeTables.h"
 #include "solid/surface/IncrementalExtraction.h"
 
@@ -45,6 +47,32 @@ SurfaceInstanceId globalIdOf(const Instances& instances, uint16_t blockInstance)
                               : instances.findGlobalInstanceId(blockInstance);
 }
 
+// `globalIdOf` for many samples of few instances: each block-instance id is looked up once per
+// request (a direct-mapped table; the extractor does not change while a request holds it).
+template <typename Instances>
+class GlobalIdCache {
+public:
+    explicit GlobalIdCache(const Instances& instances) : mInstances(instances) {}
+
+    SurfaceInstanceId operator()(uint16_t blockInstance) {
+        Slot& slot = mSlots[blockInstance & (kSlots - 1)];
+        if (!slot.filled || slot.blockInstance != blockInstance) {
+            slot = Slot{blockInstance, globalIdOf(mInstances, blockInstance), true};
+        }
+        return slot.global;
+    }
+
+private:
+    static constexpr uint32_t kSlots = 1024;
+    struct Slot {
+        uint16_t blockInstance = 0;
+        SurfaceInstanceId global = 0;
+        bool filled = false;
+    };
+    const Instances& mInstances;
+    Slot mSlots[kSlots];
+};
+
 // Annotates `mesh` into an id stream of its own: the grid of meshes is a copy whose streams the
 // cached grid shares, and another thread may be reading them.
 template <typename Grid, typename Predicate>
@@ -79,8 +107,9 @@ void extractSurfaceForInstanceID(LabelDepthGrid& grid, const Instances& instance
     };
     extractSurfaceIncremental(grid, blocks, meshes, stats, cubeIndex, true, false, 0);
     if (annotate) {
-        const auto predicate = [&instances](const LabelDepthVolumeSample& sample) {
-            return globalIdOf(instances, sample.instance);
+        auto ids = std::make_unique<GlobalIdCache<Instances>>(instances);
+        const auto predicate = [&ids](const LabelDepthVolumeSample& sample) {
+            return (*ids)(sample.instance);
         };
         for (auto& entry : meshes) {
             annotateOwnIds(entry.second, grid, predicate);
@@ -99,8 +128,9 @@ void extractSurfaceForInstanceID(DepthGrid& depthGrid, const LabelGrid& labelGri
     extractSurfaceIncremental(depthGrid, blocks, meshes, stats,
                               MC::TestVertexFunc(MC::plainCubeIndex), true, false, 0);
     // Split mode always labels: the ids come from the label grid beside the depth grid.
-    const auto predicate = [&instances](const LabelVolumeSample& sample) {
-        return globalIdOf(instances, sample.instance);
+    auto ids = std::make_unique<GlobalIdCache<Instances>>(instances);
+    const auto predicate = [&ids](const LabelVolumeSample& sample) {
+        return (*ids)(sample.instance);
     };
     for (auto& entry : meshes) {
         annotateOwnIds(entry.second, labelGrid, predicate);
