@@ -1,6 +1,6 @@
 // The frame harness: init, then frames of every image format with any intrinsics and pose, and
-// queries between them. Images are small (at most kMaxImageEdge pixels a side) so that an input
-// runs in milliseconds; what makes a frame hostile is its camera, not its size.
+// queries between them. Images are at most kMaxImageEdge pixels a side, so that an input runs in
+// milliseconds: what makes a frame hostile is its camera, not its size.
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -15,86 +15,60 @@ namespace Fuzz {
 namespace {
 
 constexpr int kMaxImageEdge = 16;
-// Cell sizes a host would configure, metres; the truncation band spans 5 to 10 cells. The
-// configuration is the host's choice of effort, so it stays ordinary; frames carry the hostility.
+// The configuration is the host's choice of effort, so it stays ordinary (cell sizes a host would
+// use, a band of 5 to 10 cells; combined, split, and a mode the library does not know); frames
+// carry the hostility.
 constexpr float kCellSizes[] = {0.02f, 0.04f, 0.05f, 0.1f};
-constexpr int kMinTruncationCells = 5;
-constexpr int kMaxTruncationCells = 10;
-// Run modes: combined, split, and one the library does not know.
 constexpr int32_t kModes[] = {kModeCombined, kModeSplit, kModeSplit, 7};
-// Ordinary depth in millimetres for the patterned images.
-constexpr int kTypicalDepthLoMm = 300;
-constexpr int kTypicalDepthHiMm = 5000;
-// Bytes of a pixel of each ImageFormat; 1 for the formats the library does not know.
+// Bytes of a pixel of each format; 1 for the formats the library does not know.
 constexpr uint32_t kBytesPerPixel[] = {2, 2, 1, 2, 3, 1};
 constexpr uint32_t kUnknownFormat = 5;
-// Semantic classes a label image may name.
-constexpr uint8_t kLabelClasses = 32;
 
 struct HostImage {
     Image image{};
     std::vector<uint8_t> pixels;
 };
 
-// Pixels either raw from the input, constant, or a tilted plane of depth (for the depth formats;
-// the other formats take the low bytes), which gives fusion surfaces to build meshes and planes
-// from.
-void fillPixels(HostImage& host, FuzzInput& in) {
-    Image& image = host.image;
-    const uint32_t bpp = kBytesPerPixel[std::min(image.format, kUnknownFormat)];
-    const int pattern = in.byte() % 3;
-    const int base = in.range(kTypicalDepthLoMm, kTypicalDepthHiMm);
-    const int slopeX = in.range(-200, 200);
-    const int slopeY = in.range(-200, 200);
-    for (uint32_t y = 0; y < image.height; ++y) {
-        uint8_t* row = host.pixels.data() + size_t(y) * image.stride;
-        if (pattern == 0) {
-            size_t count = size_t(image.width) * bpp;
-            const uint8_t* raw = in.bytes(count);
-            std::copy(raw, raw + count, row);
-            continue;
-        }
-        for (uint32_t x = 0; x < image.width; ++x) {
-            const int value = pattern == 1 ? base : base + slopeX * int(x) + slopeY * int(y);
-            const uint16_t v = uint16_t(std::max(0, value));
-            for (uint32_t b = 0; b < bpp; ++b) {
-                row[x * bpp + b] = uint8_t(b == 1 ? v >> 8 : v);
-            }
-        }
-    }
+uint32_t bytesPerPixel(uint32_t format) {
+    return kBytesPerPixel[std::min(format, kUnknownFormat)];
 }
 
-// Class ids at or above kLabelClasses are a host's programming error that label fusion refuses
-// by aborting, so label pixels keep below it; 16-bit labels keep their high byte zero.
-void keepLabelsBelowClassCount(HostImage& host) {
-    Image& image = host.image;
-    if (image.format != kImageLabelU8 && image.format != kImageLabelU16) {
-        return;
-    }
-    const uint32_t bpp = kBytesPerPixel[image.format];
-    for (uint32_t y = 0; y < image.height; ++y) {
-        uint8_t* row = host.pixels.data() + size_t(y) * image.stride;
-        for (uint32_t x = 0; x < image.width; ++x) {
-            row[x * bpp] %= kLabelClasses;
-            if (bpp == 2) {
-                row[x * bpp + 1] = 0;
-            }
-        }
-    }
-}
-
+// Pixels raw from the input, constant, or a tilted plane of depth from 0.3 to 5 m (the other
+// formats take its low bytes), which gives fusion surfaces to build meshes and planes from. Class
+// ids of 32 or more are a host's programming error that label fusion refuses by aborting, so
+// label pixels keep below it, 16-bit ones with their high byte zero.
 HostImage makeImage(FuzzInput& in, uint32_t format) {
     HostImage host;
     Image& image = host.image;
     image.format = format;
     image.width = uint32_t(in.range(1, kMaxImageEdge));
     image.height = uint32_t(in.range(1, kMaxImageEdge));
-    const uint32_t bpp = kBytesPerPixel[std::min(format, kUnknownFormat)];
+    const uint32_t bpp = bytesPerPixel(format);
     image.stride = image.width * bpp + uint32_t(in.byte() % 4);
     image.maxDepth = in.flag() ? 0u : uint32_t(in.range(0, 65535));
     host.pixels.resize(size_t(image.stride) * image.height);
-    fillPixels(host, in);
-    keepLabelsBelowClassCount(host);
+    const int pattern = in.byte() % 3;
+    const int base = in.range(300, 5000);
+    const int slopeX = in.range(-200, 200);
+    const int slopeY = in.range(-200, 200);
+    const bool label = format == kImageLabelU8 || format == kImageLabelU16;
+    for (uint32_t y = 0; y < image.height; ++y) {
+        uint8_t* row = host.pixels.data() + size_t(y) * image.stride;
+        if (pattern == 0) {
+            size_t count = size_t(image.width) * bpp;
+            const uint8_t* raw = in.bytes(count);
+            std::copy(raw, raw + count, row);
+        }
+        for (uint32_t x = 0; x < image.width; ++x) {
+            const int value = pattern == 1 ? base : base + slopeX * int(x) + slopeY * int(y);
+            for (uint32_t b = 0; b < bpp && pattern != 0; ++b)
+                row[x * bpp + b] = uint8_t(b == 1 ? std::max(0, value) >> 8 : std::max(0, value));
+            if (label) {
+                row[x * bpp] %= 32;
+                row[x * bpp + bpp - 1] = bpp == 2 ? 0 : row[x * bpp];
+            }
+        }
+    }
     image.pixelData = host.pixels.data();
     // Now and then an image the validation must refuse.
     switch (in.byte() % 16) {
@@ -103,8 +77,6 @@ HostImage makeImage(FuzzInput& in, uint32_t format) {
             break;
         case 1:
             image.stride = 0;
-            break;
-        default:
             break;
     }
     return host;
@@ -123,55 +95,40 @@ double anyIntrinsic(FuzzInput& in, double typical) {
     }
 }
 
-IntrinsicLinearCameraCalibrationVLM anyIntrinsics(FuzzInput& in) {
-    return {anyIntrinsic(in, kMaxImageEdge / 2.0), anyIntrinsic(in, kMaxImageEdge / 2.0),
-            anyIntrinsic(in, kMaxImageEdge), anyIntrinsic(in, kMaxImageEdge)};
-}
-
 XrPosefVLM anyPose(FuzzInput& in) {
     XrPosefVLM pose{{0.0f, 0.0f, 0.0f, 1.0f}, {2.0f, 1.5f, 1.2f}};
     XrQuaternionfVLM& q = pose.orientation;
-    switch (in.byte() % 4) {
-        case 0:
-            break;
-        case 1:
-            q = {in.anyFloat(-1.0f, 1.0f), in.anyFloat(-1.0f, 1.0f), in.anyFloat(-1.0f, 1.0f),
-                 in.anyFloat(-1.0f, 1.0f)};
-            break;
-        default: {
-            // A rotation: four values normalised in double, as a host would.
-            const double x = in.between(-1.0f, 1.0f), y = in.between(-1.0f, 1.0f),
-                         z = in.between(-1.0f, 1.0f), w = in.between(-1.0f, 1.0f);
-            const double n = std::sqrt(x * x + y * y + z * z + w * w);
-            if (n > 0.0) {
-                q = {float(x / n), float(y / n), float(z / n), float(w / n)};
-            }
-            break;
-        }
+    const int kind = in.byte() % 4;
+    if (kind == 1) {
+        q = {in.anyFloat(-1.0f, 1.0f), in.anyFloat(-1.0f, 1.0f), in.anyFloat(-1.0f, 1.0f),
+             in.anyFloat(-1.0f, 1.0f)};
+    } else if (kind > 1) {
+        // A rotation: four values normalised in double, as a host would.
+        const double x = in.between(-1.0f, 1.0f), y = in.between(-1.0f, 1.0f),
+                     z = in.between(-1.0f, 1.0f), w = in.between(-1.0f, 1.0f);
+        const double n = std::sqrt(x * x + y * y + z * z + w * w);
+        if (n > 0.0)
+            q = {float(x / n), float(y / n), float(z / n), float(w / n)};
     }
-    if (in.flag()) {
+    if (in.flag())
         pose.position = {in.anyFloat(-5.0f, 5.0f), in.anyFloat(-5.0f, 5.0f),
                          in.anyFloat(-5.0f, 5.0f)};
-    }
     return pose;
 }
 
 size_t blockCount(Impl& scene) {
     Impl::State& s = internalState(scene);
-    size_t count = 0;
-    if (s.mVolumeGrid) {
-        count += s.mVolumeGrid->size() + s.mLabelVolumeGrid->size();
-    }
-    if (s.mLabelDepthVolumeGrid) {
-        count += s.mLabelDepthVolumeGrid->size();
-    }
-    return count;
+    return (s.mVolumeGrid ? s.mVolumeGrid->size() + s.mLabelVolumeGrid->size() : 0) +
+           (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
 // One to three images: alone any format, together a depth and a label image in either order and
-// now and then a colour image; or, rarely, a combination the validation must refuse.
+// now and then a colour image, now and then of one size as a real sensor's would be; or, rarely,
+// a combination the validation must refuse. A refused frame changes nothing.
 void submit(Impl& scene, FuzzInput& in, XrTimeVLM time) {
-    const IntrinsicLinearCameraCalibrationVLM intrinsics = anyIntrinsics(in);
+    const IntrinsicLinearCameraCalibrationVLM intrinsics = {
+        anyIntrinsic(in, kMaxImageEdge / 2.0), anyIntrinsic(in, kMaxImageEdge / 2.0),
+        anyIntrinsic(in, kMaxImageEdge), anyIntrinsic(in, kMaxImageEdge)};
     const XrPosefVLM pose = anyPose(in);
     std::vector<uint32_t> formats;
     switch (in.byte() % 4) {
@@ -186,24 +143,19 @@ void submit(Impl& scene, FuzzInput& in, XrTimeVLM time) {
             break;
         default:
             formats.resize(in.byte() % 5);
-            for (uint32_t& format : formats) {
+            for (uint32_t& format : formats)
                 format = in.byte() % (kUnknownFormat + 1);
-            }
-            break;
     }
     std::vector<HostImage> hosts;
-    for (uint32_t format : formats) {
+    for (uint32_t format : formats)
         hosts.push_back(makeImage(in, format));
-    }
-    // Combined frames share one size now and then, as a real sensor's would.
-    if (hosts.size() > 1 && in.flag()) {
-        for (HostImage& host : hosts) {
-            host.image.width = std::min(host.image.width, hosts[0].image.width);
-            host.image.height = std::min(host.image.height, hosts[0].image.height);
-        }
-    }
+    const bool oneSize = hosts.size() > 1 && in.flag();
     std::vector<Image> images;
-    for (const HostImage& host : hosts) {
+    for (HostImage& host : hosts) {
+        host.image.width =
+            oneSize ? std::min(host.image.width, hosts[0].image.width) : host.image.width;
+        host.image.height =
+            oneSize ? std::min(host.image.height, hosts[0].image.height) : host.image.height;
         images.push_back(host.image);
     }
     const size_t before = blockCount(scene);
@@ -214,9 +166,7 @@ void submit(Impl& scene, FuzzInput& in, XrTimeVLM time) {
                   r == kErrorImageInvalid || r == kErrorImageCombination ||
                   r == kErrorInvalidArgument,
               "submitImages result code");
-    if (r != kSuccess) {
-        fuzzCheck(blockCount(scene) == before, "a refused frame changed the volume");
-    }
+    fuzzCheck(r == kSuccess || blockCount(scene) == before, "a refused frame changed the volume");
 }
 
 }  // namespace
@@ -228,7 +178,7 @@ void runFrameInput(const uint8_t* data, size_t size) {
     Config config{};
     config.mode = kModes[in.byte() % 4];
     config.cellSize = kCellSizes[in.byte() % 4];
-    config.truncation = config.cellSize * float(in.range(kMinTruncationCells, kMaxTruncationCells));
+    config.truncation = config.cellSize * float(in.range(5, 10));
     config.detectPlanes = in.flag();
     config.planeMaxStdError = in.between(0.001f, 0.05f);
     config.planeMaxAngle = in.between(0.01f, 0.5f);
@@ -237,7 +187,6 @@ void runFrameInput(const uint8_t* data, size_t size) {
     config.labelPlanes = in.flag();
     Impl scene;
     fuzzCheck(scene.init(config) == kSuccess, "init with an ordinary configuration");
-
     for (int op = 0; op < kMaxFrameOperations && !in.empty(); ++op) {
         if (in.byte() % 2 == 0) {
             submit(scene, in, op);

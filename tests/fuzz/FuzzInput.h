@@ -1,6 +1,5 @@
-// The fuzz harnesses' view of an input: a stream of bytes read from the front, decoded into the
-// choices of a host (image sizes, pixel patterns, intrinsics, poses, query arguments). Reading
-// past the end yields zeros, so every input, however short, describes a complete run.
+// A fuzz input as a stream of bytes read from the front and decoded into a host's choices.
+// Reading past the end yields zeros, so every input, however short, describes a complete run.
 #ifndef VELMORA_TESTS_FUZZ_FUZZINPUT_H
 #define VELMORA_TESTS_FUZZ_FUZZINPUT_H
 
@@ -18,24 +17,22 @@ public:
 
     bool empty() const { return mPos >= mSize; }
     size_t remaining() const { return mSize - mPos; }
-
     uint8_t byte() { return mPos < mSize ? mData[mPos++] : 0; }
+    bool flag() { return (byte() & 1) != 0; }
 
     // The next sizeof(T) bytes as they stand: any bit pattern, NaN and infinities included.
     template <typename T>
     T raw() {
         T value{};
         const size_t count = sizeof(T) < remaining() ? sizeof(T) : remaining();
-        if (count > 0) {
+        if (count > 0)
             std::memcpy(&value, mData + mPos, count);
-        }
         mPos += count;
         return value;
     }
 
     // A value in [lo, hi]; the range holds at most 65536 values.
     int range(int lo, int hi) { return lo + static_cast<int>(raw<uint16_t>() % (hi - lo + 1)); }
-    bool flag() { return (byte() & 1) != 0; }
     // A value in [lo, hi] in 65536 steps.
     float between(float lo, float hi) {
         return lo + (hi - lo) * (static_cast<float>(raw<uint16_t>()) / 65535.0f);
@@ -43,18 +40,10 @@ public:
 
     // Values a hostile host might pass for a float: ordinary ones, extremes and non-finite ones.
     float anyFloat(float typicalLo, float typicalHi) {
-        static constexpr float kSpecial[] = {0.0f,
-                                             -0.0f,
-                                             1e-3f,
-                                             1e10f,
-                                             -1e10f,
-                                             3e38f,
-                                             -3e38f,
-                                             std::numeric_limits<float>::max(),
-                                             std::numeric_limits<float>::denorm_min(),
-                                             std::numeric_limits<float>::quiet_NaN(),
-                                             std::numeric_limits<float>::infinity(),
-                                             -std::numeric_limits<float>::infinity()};
+        using L = std::numeric_limits<float>;
+        static constexpr float kSpecial[] = {
+            0.0f,   -0.0f,    1e-3f,           1e10f,          -1e10f,        3e38f,
+            -3e38f, L::max(), L::denorm_min(), L::quiet_NaN(), L::infinity(), -L::infinity()};
         switch (byte() % 4) {
             case 0:
                 return kSpecial[byte() % (sizeof(kSpecial) / sizeof(kSpecial[0]))];
@@ -67,10 +56,7 @@ public:
 
     // The next `count` bytes, or fewer at the end; `count` is reduced to what was available.
     const uint8_t* bytes(size_t& count) {
-        const size_t available = remaining();
-        if (count > available) {
-            count = available;
-        }
+        count = count < remaining() ? count : remaining();
         const uint8_t* start = mData + mPos;
         mPos += count;
         return start;

@@ -1,8 +1,7 @@
-// The queries of the fuzz harnesses: each call with arguments from the input, checked against
-// what the public header promises for any argument. The harness is a careful host: it follows
-// the two-call protocols, never asks for texture coordinates (a request the library refuses by
-// aborting), never passes a zero reference direction to placement (for which the header defines
-// an abort), and lays out mesh buffers it really owns.
+// The queries of the fuzz harnesses, each checked against what the public header promises for any
+// argument. A careful host: it follows the two-call protocols, never asks for texture coordinates
+// nor passes a zero reference direction to placement (both refused by aborting), and lays out
+// mesh buffers it really owns.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -18,24 +17,14 @@ namespace Fuzz {
 
 namespace {
 
-// Ranges of ordinary query arguments, metres: around and inside a small room at the origin.
+// Ordinary query arguments, metres: around and inside a small room at the origin.
 constexpr float kTypicalCoordinateLo = -2.0f;
 constexpr float kTypicalCoordinateHi = 6.0f;
 constexpr float kTypicalDistanceHi = 3.0f;
-// The largest |q^2 - 1| of a placement orientation that counts as unit length.
-constexpr float kUnitQuaternionTolerance = 1e-3f;
-// Number of distinct query kinds of runQuery, and the kind that is getPlanes.
+constexpr float kUnitTolerance = 1e-3f;  // largest |q^2 - 1| of a unit quaternion or normal
 constexpr int kQueryKinds = 8;
 constexpr int kPlanesQuery = 5;
-
-enum Attribute : uint32_t {
-    kPosition = 0,
-    kColour = 1,
-    kTexCoord = 2,
-    kInstanceId = 3,
-    kIndex = 4,
-};
-constexpr uint32_t kElementSize[] = {12, 16, 8, 2, 4};
+enum Attribute : uint32_t { kPosition, kColour, kTexCoord, kInstanceId, kIndex };
 
 XrVector3fVLM anyPoint(FuzzInput& in) {
     return {in.anyFloat(kTypicalCoordinateLo, kTypicalCoordinateHi),
@@ -59,9 +48,8 @@ void placement(Impl& scene, FuzzInput& in) {
     const XrVector3fVLM start = anyPoint(in);
     const XrVector3fVLM direction = anyDirection(in);
     XrVector3fVLM reference = anyDirection(in);
-    if (reference.x == 0.0f && reference.y == 0.0f && reference.z == 0.0f) {
+    if (reference.x == 0.0f && reference.y == 0.0f && reference.z == 0.0f)
         reference = {0.0f, 0.0f, 1.0f};
-    }
     const float maxDistance = in.anyFloat(0.0f, kTypicalDistanceHi);
     PlacementInfo info{};
     const XrResultVLM r = scene.getPlacementInfo(start, direction, reference, info, maxDistance);
@@ -70,14 +58,13 @@ void placement(Impl& scene, FuzzInput& in) {
     if (r == kSuccess && info.result != 0) {
         const XrQuaternionfVLM& q = info.poseLocalToWorld.orientation;
         const float norm = q.x * q.x + q.y * q.y + q.z * q.z + q.w * q.w;
-        fuzzCheck(std::fabs(norm - 1.0f) < kUnitQuaternionTolerance,
+        fuzzCheck(std::fabs(norm - 1.0f) < kUnitTolerance,
                   "placement orientation not of unit length");
         fuzzCheck(finite(info.poseLocalToWorld.position), "placement position not finite");
     }
 }
 
-// Instance ids handed out by the last getObjectInstances of the current input, for instance
-// meshes.
+// The instance ids the last getObjectInstances of the input handed out, for instance meshes.
 std::vector<UuidBytes>& knownInstances() {
     static std::vector<UuidBytes> uuids;
     return uuids;
@@ -92,22 +79,19 @@ void instances(Impl& scene) {
     std::vector<SubsumedLink> links(noLinks.size);
     span<ObjectInstance> all{table.empty() ? nullptr : table.data(), uint32_t(table.size())};
     span<SubsumedLink> allLinks{links.empty() ? nullptr : links.data(), uint32_t(links.size())};
-    r = scene.getObjectInstances(all, allLinks);
-    // Nothing changed between the calls, so the counts of the first one suffice.
+    r = scene.getObjectInstances(all, allLinks);  // nothing changed since the counts
     fuzzCheck(r == kSuccess, "getObjectInstances with the capacities it asked for");
     knownInstances().clear();
-    for (const ObjectInstance& instance : table) {
+    for (const ObjectInstance& instance : table)
         knownInstances().push_back(instance.uuid);
-    }
 }
 
 void planes(Impl& scene) {
     span<Planef> none{};
     span<SubsumedLink> noLinks{};
     XrResultVLM r = scene.getPlanes(none, noLinks);
-    if (r == kErrorPlanesDisabled) {
+    if (r == kErrorPlanesDisabled)
         return;
-    }
     fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getPlanes count call");
     std::vector<Planef> table(none.size);
     std::vector<SubsumedLink> links(noLinks.size);
@@ -125,7 +109,7 @@ void planes(Impl& scene) {
     for (const Planef& plane : table) {
         const float n = plane.plane[0] * plane.plane[0] + plane.plane[1] * plane.plane[1] +
                         plane.plane[2] * plane.plane[2];
-        fuzzCheck(std::fabs(n - 1.0f) < kUnitQuaternionTolerance, "plane normal not unit");
+        fuzzCheck(std::fabs(n - 1.0f) < kUnitTolerance, "plane normal not unit");
     }
 }
 
@@ -149,12 +133,10 @@ TextureQuality anyQuality(FuzzInput& in) {
 
 void checkMesh(const std::vector<XrVector3fVLM>& positions, const std::vector<uint32_t>& indices) {
     fuzzCheck(indices.size() % 3 == 0, "index count not a multiple of three");
-    for (uint32_t index : indices) {
+    for (uint32_t index : indices)
         fuzzCheck(index < positions.size(), "mesh index beyond the positions");
-    }
-    for (const XrVector3fVLM& p : positions) {
+    for (const XrVector3fVLM& p : positions)
         fuzzCheck(finite(p), "mesh position not finite");
-    }
 }
 
 bool meshResultExpected(XrResultVLM r) {
@@ -169,9 +151,8 @@ void meshArrays(Impl& scene, FuzzInput& in) {
     PolygonMesh counts{};
     XrResultVLM r = scene.extractSurface(counts, annotate, uuid, quality);
     fuzzCheck(meshResultExpected(r), "extractSurface count call");
-    if (r != kSuccess && r != kErrorBufferTooSmall) {
+    if (r != kSuccess && r != kErrorBufferTooSmall)
         return;
-    }
     std::vector<XrVector3fVLM> positions(counts.positionCount);
     std::vector<uint32_t> indices(counts.indexCount);
     std::vector<uint16_t> ids(annotate ? counts.instanceIdCount : 0);
@@ -192,40 +173,30 @@ void meshArrays(Impl& scene, FuzzInput& in) {
     checkMesh(positions, indices);
 }
 
-// The buffer form in one of two layouts a host would use: one buffer per attribute, or positions
-// and colours interleaved in one; the indices follow in a call of their own.
+// The buffer form in one buffer per attribute, or with positions and colours interleaved in one;
+// the indices in a call of their own, only when the positions show a surface (an index copy of a
+// mesh without triangles is refused by aborting). In one buffer the later descriptor (colours)
+// writes the buffer's counts, so the vertex count comes from a query of the positions alone.
 void meshBuffers(Impl& scene, FuzzInput& in) {
     const bool annotate = in.flag();
     const UuidBytes uuid = meshId(in);
     const TextureQuality quality = anyQuality(in);
     const bool separate = in.flag();
 
-    std::vector<PolygonMeshBufferDescriptor> descriptors;
-    auto describe = [&](uint32_t attribute, uint32_t buffer, uint32_t offset, uint32_t stride) {
-        descriptors.push_back({attribute, buffer, offset, kElementSize[attribute], stride});
-    };
-    std::vector<PolygonMeshBuffer> buffers;
-    if (separate) {
-        buffers.resize(3);
-        describe(kPosition, 0, 0, kElementSize[kPosition]);
-        describe(kInstanceId, 1, 0, kElementSize[kInstanceId]);
-        describe(kColour, 2, 0, kElementSize[kColour]);
-    } else {
-        buffers.resize(1);
-        describe(kPosition, 0, 0, kElementSize[kPosition] + kElementSize[kColour]);
-        describe(kColour, 0, kElementSize[kPosition],
-                 kElementSize[kPosition] + kElementSize[kColour]);
-    }
+    using Descriptors = std::vector<PolygonMeshBufferDescriptor>;
+    const Descriptors descriptors =
+        separate ? Descriptors{{kPosition, 0, 0, 12, 12},
+                               {kInstanceId, 1, 0, 2, 2},
+                               {kColour, 2, 0, 16, 16}}
+                 : Descriptors{{kPosition, 0, 0, 12, 28}, {kColour, 0, 12, 16, 28}};
+    std::vector<PolygonMeshBuffer> buffers(separate ? 3 : 1);
     span<const PolygonMeshBufferDescriptor> described{descriptors.data(),
                                                       uint32_t(descriptors.size())};
     span<PolygonMeshBuffer> owned{buffers.data(), uint32_t(buffers.size())};
     XrResultVLM r = scene.extractSurface(described, owned, annotate, uuid, quality);
     fuzzCheck(meshResultExpected(r), "extractSurface buffer count call");
-    if (r != kErrorBufferTooSmall) {
+    if (r != kErrorBufferTooSmall)
         return;
-    }
-    // In one buffer, the later descriptor (colours) writes the buffer's counts, so the vertex
-    // count of the interleaved layout comes from a query of the positions alone.
     uint32_t vertexCount = buffers[0].vertexCount;
     if (!separate) {
         PolygonMeshBuffer query{};
@@ -233,11 +204,8 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
         fuzzCheck(r == kErrorBufferTooSmall, "extractSurface position count call");
         vertexCount = query.vertexCount;
     }
-    // An index copy of a mesh without triangles is refused by aborting, so indices are asked for
-    // only when the positions show a surface; they are counted in a call of their own.
     std::vector<PolygonMeshBuffer> indexBuffer(1);
-    std::vector<PolygonMeshBufferDescriptor> indexDescriptor{
-        {kIndex, 0, 0, kElementSize[kIndex], kElementSize[kIndex]}};
+    std::vector<PolygonMeshBufferDescriptor> indexDescriptor{{kIndex, 0, 0, 4, 4}};
     uint32_t indexCount = 0;
     if (vertexCount > 0) {
         r = scene.extractSurface({indexDescriptor.data(), 1}, {indexBuffer.data(), 1}, annotate,
@@ -249,9 +217,8 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
     for (size_t b = 0; b < buffers.size(); ++b) {
         uint32_t bytes = 0;
         for (const PolygonMeshBufferDescriptor& d : descriptors) {
-            if (d.bufferIndex == b) {
+            if (d.bufferIndex == b)
                 bytes += d.elementSize * vertexCount;
-            }
         }
         storage[b].resize(bytes + 1);
         buffers[b].data = storage[b].data();
@@ -262,13 +229,12 @@ void meshBuffers(Impl& scene, FuzzInput& in) {
     if (indexCount > 0) {
         std::vector<uint32_t> indices(indexCount);
         indexBuffer[0].data = indices.data();
-        indexBuffer[0].size = indexCount * kElementSize[kIndex];
+        indexBuffer[0].size = indexCount * 4;
         r = scene.extractSurface({indexDescriptor.data(), 1}, {indexBuffer.data(), 1}, annotate,
                                  uuid, quality);
         fuzzCheck(r == kSuccess, "extractSurface indices with the capacity asked for");
-        for (uint32_t index : indices) {
+        for (uint32_t index : indices)
             fuzzCheck(index < vertexCount, "buffer index beyond the positions");
-        }
     }
 }
 
@@ -337,9 +303,8 @@ void runQuery(Impl& scene, FuzzInput& in) {
 
 void runEveryQuery(Impl& scene, FuzzInput& in, bool withPlanes) {
     for (int kind = 0; kind < kQueryKinds; ++kind) {
-        if (kind == kPlanesQuery && !withPlanes) {
+        if (kind == kPlanesQuery && !withPlanes)
             continue;
-        }
         runQueryOfKind(scene, in, kind);
     }
 }

@@ -1,25 +1,17 @@
 // The volume harness: mutated volume files loaded into a fresh scene, queries on what was loaded,
-// a save, and a reload of the saved files.
-//
-// Input layout: byte 0 chooses the run mode (bit 0: split) and, in split mode, which files exist
-// (bit 1: depth grid, bit 2: label grid; neither means both). Byte 1 chooses the cell size of
-// init. When both split files exist, the next two bytes (little-endian) give the length of the
-// depth grid file. The rest is file content.
-//
-// The format requires a load to end the process for a version other than 2 and for a block size
-// or block dimension other than the grid's. Such files are a host's broken files, not hostile
-// input, so the harness reads the text header as the loader does and skips files that would
-// abort; everything else is loaded.
+// a save, and a reload of the saved files. Input: byte 0 chooses the run mode (bit 0: split) and,
+// in split mode, which files exist (bit 1: depth grid, bit 2: label grid; neither means both);
+// byte 1 the cell size; with both split files the next two bytes (little-endian) the length of
+// the depth grid file; the rest is file content. The format ends the process on a version other
+// than 2 and on blocks of another shape than the grid's: a host's broken files, not hostile
+// input, so the harness reads the text header as the loader does and skips such files.
 #include <unistd.h>
 
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "fuzz/FuzzHarness.h"
 #include "fuzz/FuzzInput.h"
@@ -34,17 +26,13 @@ namespace {
 
 constexpr float kCellSizes[] = {0.02f, 0.04f, 0.05f, 0.1f};
 constexpr float kTruncationCells = 5.0f;
-// Loaded blocks that the harness aims queries at.
-constexpr int kQueriedBlocks = 4;
 
-// Mirrors the reader's number parsing: a number that runs into the end of the stream counts as
-// cut, hence as a failed read.
+// As the reader parses: a number that runs into the end of the stream counts as cut.
 template <typename N>
 bool readNumber(std::istream& is, N& n) {
     is >> n;
-    if (is.eof()) {
+    if (is.eof())
         is.setstate(std::ios::failbit);
-    }
     return !is.fail();
 }
 
@@ -53,70 +41,54 @@ bool readTriple(std::istream& is, V& v) {
     return readNumber(is, v(0)) && readNumber(is, v(1)) && readNumber(is, v(2));
 }
 
-bool sameBits(float a, float b) {
-    return std::memcmp(&a, &b, sizeof(float)) == 0;
-}
-
-// Whether loading `content` into a configured grid with blocks of `gridSize` lattice points and
-// samples of `sampleBytes` would end the process by the format's own rules.
+// Whether loading `content` into a grid with blocks of `gridSize` lattice points and samples of
+// `sampleBytes` would end the process by the format's own rules.
 bool loadWouldAbort(const std::string& content, const Solid::Size& gridSize, size_t sampleBytes) {
     std::istringstream is(content, std::ios::in | std::ios::binary);
     unsigned int version = 0;
-    if (!readNumber(is, version)) {
-        return false;
-    }
-    if (version != Solid::VOLUMEGRID_BINARY_VER) {
-        return true;
-    }
     Solid::Size size;
-    if (!readTriple(is, size)) {
-        return false;
-    }
-    if (size(0) != gridSize(0) || size(1) != gridSize(1) || size(2) != gridSize(2)) {
-        return true;
-    }
     Solid::Vec3 spacing;
-    if (!readTriple(is, spacing)) {
-        return false;
+    uint64_t count = 0;
+    if (!readNumber(is, version) || version != Solid::VOLUMEGRID_BINARY_VER)
+        return !is.fail();
+    if (!readTriple(is, size) || size(0) != gridSize(0) || size(1) != gridSize(1) ||
+        size(2) != gridSize(2)) {
+        return !is.fail();
     }
+    if (!readTriple(is, spacing))
+        return false;
     for (int a = 0; a < 3; ++a) {
-        if (!(std::isfinite(spacing(a)) && spacing(a) > 0.0f)) {
+        if (!(std::isfinite(spacing(a)) && spacing(a) > 0.0f))
             return false;
-        }
     }
     Solid::VolumeConfig config;
     Solid::makeVolumeConfig(config, size, spacing);
-    uint64_t count = 0;
-    if (!readNumber(is, count)) {
+    if (!readNumber(is, count))
         return false;
-    }
     for (uint64_t i = 0; i < count; ++i) {
         Solid::KeyType key;
         Solid::Size blockSize;
         Solid::Vec3 dimension;
-        if (!readTriple(is, key) || !readTriple(is, blockSize) || !readTriple(is, dimension)) {
+        if (!readTriple(is, key) || !readTriple(is, blockSize) || !readTriple(is, dimension))
             return false;
-        }
         for (int a = 0; a < 3; ++a) {
-            if (blockSize(a) != config.size(a) || !sameBits(dimension(a), config.dimension(a))) {
+            if (blockSize(a) != config.size(a) ||
+                std::memcmp(&dimension(a), &config.dimension(a), sizeof(float)) != 0) {
                 return true;
             }
         }
-        if (is.get() != '\n' || !is) {
+        if (is.get() != '\n' || !is)
             return false;
-        }
         is.ignore(std::streamsize(config.numSamples) * std::streamsize(sampleBytes));
-        if (!is) {
+        if (!is)
             return false;
-        }
     }
     return false;
 }
 
 std::string readFile(const std::string& name) {
-    std::ifstream file(name, std::ios::in | std::ios::binary);
     std::ostringstream content;
-    content << file.rdbuf();
+    content << std::ifstream(name, std::ios::in | std::ios::binary).rdbuf();
     return content.str();
 }
 
@@ -127,11 +99,18 @@ bool stage(const std::unique_ptr<GridType>& grid, const std::string& content,
            const std::string& name) {
     std::filesystem::remove(name);
     if (!grid ||
-        loadWouldAbort(content, grid->config().size, sizeof(typename GridType::SampleType))) {
+        loadWouldAbort(content, grid->config().size, sizeof(typename GridType::SampleType)))
         return false;
-    }
     std::ofstream(name, std::ios::out | std::ios::binary) << content;
     return true;
+}
+
+int stageAll(Impl& scene, const std::string& base, const std::string& depth,
+             const std::string& label, const std::string& labelDepth) {
+    Impl::State& s = internalState(scene);
+    return int(stage(s.mVolumeGrid, depth, base + kDepthGridSuffix)) +
+           int(stage(s.mLabelVolumeGrid, label, base + kLabelGridSuffix)) +
+           int(stage(s.mLabelDepthVolumeGrid, labelDepth, base + kLabelDepthGridSuffix));
 }
 
 std::string workDirectory() {
@@ -145,26 +124,20 @@ std::string workDirectory() {
     return directory;
 }
 
-template <typename GridType>
-size_t blocksOf(const std::unique_ptr<GridType>& grid) {
-    return grid ? grid->size() : 0;
-}
-
 size_t blockCount(Impl& scene) {
     Impl::State& s = internalState(scene);
-    return blocksOf(s.mVolumeGrid) + blocksOf(s.mLabelVolumeGrid) +
-           blocksOf(s.mLabelDepthVolumeGrid);
+    return (s.mVolumeGrid ? s.mVolumeGrid->size() + s.mLabelVolumeGrid->size() : 0) +
+           (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
-// Collision and placement aimed at the first loaded blocks: at their centres, and down onto them
-// from two block edges above.
+// Collision and placement aimed at the first four loaded blocks: at their centres, and down onto
+// them from two block edges above.
 template <typename GridType>
 void queryLoadedBlocks(Impl& scene, const GridType& grid) {
     std::vector<Solid::KeyType> keys;
     grid.for_each([&keys](const Solid::KeyType& key, const typename GridType::Block&) {
-        if (keys.size() < kQueriedBlocks) {
+        if (keys.size() < 4)
             keys.push_back(key);
-        }
     });
     const Solid::Vec3 dimension = grid.dimension();
     for (const Solid::KeyType& key : keys) {
@@ -188,22 +161,12 @@ Config configFor(int32_t mode, float cellSize) {
     config.mode = mode;
     config.cellSize = cellSize;
     config.truncation = cellSize * kTruncationCells;
-    config.detectPlanes = true;
+    config.detectPlanes = config.labelPlanes = true;
     config.planeMaxStdError = 0.01f;
     config.planeMaxAngle = 0.1f;
     config.planeSolverIterations = 10;
     config.planeContourAlpha = 0.1f;
-    config.labelPlanes = true;
     return config;
-}
-
-// Stages the files of `base` for `scene`; the number of files staged.
-int stageAll(Impl& scene, const std::string& base, const std::string& depth,
-             const std::string& label, const std::string& labelDepth) {
-    Impl::State& s = internalState(scene);
-    return int(stage(s.mVolumeGrid, depth, base + kDepthGridSuffix)) +
-           int(stage(s.mLabelVolumeGrid, label, base + kLabelGridSuffix)) +
-           int(stage(s.mLabelDepthVolumeGrid, labelDepth, base + kLabelDepthGridSuffix));
 }
 
 }  // namespace
@@ -230,40 +193,32 @@ void runVolumeInput(const uint8_t* data, size_t size) {
         depth = take(in.raw<uint16_t>());
         label = take(in.remaining());
     }
-
     Impl scene;
     fuzzCheck(scene.init(configFor(mode, cellSize)) == kSuccess, "init");
     const std::string base = workDirectory() + "/in";
-    if (stageAll(scene, base, depth, label, labelDepth) == 0) {
+    if (stageAll(scene, base, depth, label, labelDepth) == 0)
         return;
-    }
     fuzzCheck(scene.loadVolumes(base) == 1, "loadVolumes of files that exist");
-
     Impl::State& s = internalState(scene);
-    if (s.mVolumeGrid) {
+    if (s.mVolumeGrid)
         queryLoadedBlocks(scene, *s.mVolumeGrid);
-    } else {
+    else
         queryLoadedBlocks(scene, *s.mLabelDepthVolumeGrid);
-    }
-    // Plane fitting requires the truncation band to span more than two sample spacings and
-    // ends the process otherwise; a file may bring a spacing far from the configured cell size.
+    // Plane fitting requires the truncation band to span more than two sample spacings and ends
+    // the process otherwise; a file may bring a spacing far from the configured cell size.
     const Solid::Vec3 spacing =
         s.mVolumeGrid ? s.mVolumeGrid->gridSpacing() : s.mLabelDepthVolumeGrid->gridSpacing();
-    const bool planeBandHolds = 2.0f * spacing(0) / (cellSize * kTruncationCells) < 1.0f;
     FuzzInput noArguments(nullptr, 0);
-    runEveryQuery(scene, noArguments, planeBandHolds);
-
+    runEveryQuery(scene, noArguments, 2.0f * spacing(0) / (cellSize * kTruncationCells) < 1.0f);
     // What was loaded saves, and the saved files load again into a fresh scene with the same
     // blocks, unless the spacing needed more digits than the format writes.
     const std::string saved = workDirectory() + "/out";
     fuzzCheck(scene.saveVolumes(saved) == 1, "saveVolumes");
     Impl reloaded;
     fuzzCheck(reloaded.init(configFor(mode, cellSize)) == kSuccess, "init");
-    const int gridsOfMode = mode == kModeSplit ? 2 : 1;
-    const int staged =
-        stageAll(reloaded, saved, readFile(saved + kDepthGridSuffix),
-                 readFile(saved + kLabelGridSuffix), readFile(saved + kLabelDepthGridSuffix));
-    if (staged == gridsOfMode) {
+    if (stageAll(reloaded, saved, readFile(saved + kDepthGridSuffix),
+                 readFile(saved + kLabelGridSuffix),
+                 readFile(saved + kLabelDepthGridSuffix)) == (mode == kModeSplit ? 2 : 1)) {
         fuzzCheck(reloaded.loadVolumes(saved) == 1, "loadVolumes of saved files");
         fuzzCheck(blockCount(reloaded) == blockCount(scene), "saved blocks reload");
     }

@@ -1,5 +1,5 @@
-// Helpers of the tool's tests: scratch directories, small sequences written to disk, and running
-// the built `velmora` executable as a subprocess.
+// Helpers of the tool's tests: scratch folders, small sequences on disk, the built tool run as a
+// subprocess, and a PLY reader apart from the tool's own, so that the writer meets the format.
 #ifndef VELMORA_TESTS_TOOLS_TOOLTESTSUPPORT_H
 #define VELMORA_TESTS_TOOLS_TOOLTESTSUPPORT_H
 
@@ -18,20 +18,17 @@
 #include "velmora/BuiltinScene.h"
 #include "velmora/Png.h"
 #include "velmora/Pose.h"
+#include "velmora/SceneReadout.h"
 #include "velmora/Sequence.h"
 
 namespace VelmoraToolTest {
 
 namespace fs = std::filesystem;
+using namespace VelmoraTool;
 
-// A fresh directory under the test temp dir, removed with the object.
 class ScratchDir {
 public:
     ScratchDir() {
-        const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        mPath = fs::path(::testing::TempDir()) /
-                ("velmora_tool_" + std::string(test->test_suite_name()) + "_" + test->name() + "_" +
-                 std::to_string(getpid()));
         fs::remove_all(mPath);
         fs::create_directories(mPath);
     }
@@ -40,142 +37,174 @@ public:
     std::string operator/(const std::string& name) const { return (mPath / name).string(); }
 
 private:
-    fs::path mPath;
+    fs::path mPath = fs::path(::testing::TempDir()) /
+                     ("velmora_tool_" +
+                      std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
+                      "_" + std::to_string(getpid()));
 };
 
-// Small image size that keeps the tests fast; the scene's intrinsics scale to it.
 constexpr uint32_t kSmallWidth = 32;
 constexpr uint32_t kSmallHeight = 24;
-
-// Writes `count` frames of the built-in scene (small, noiseless) in the recorded layout.
-inline void writeSceneSequence(const std::string& directory, size_t count, bool withLabels = true) {
-    VelmoraTool::RecordedSequenceWriter writer;
-    std::string error;
-    ASSERT_TRUE(
-        writer.open(directory, VelmoraTool::sceneIntrinsics(kSmallWidth, kSmallHeight), error))
-        << error;
-    VelmoraTool::BuiltinSceneSource scene(count, kSmallWidth, kSmallHeight, 0.0, 1);
-    for (size_t i = 0; i < count; ++i) {
-        VelmoraTool::Frame frame;
-        scene.load(i, frame, error);
-        frame.hasLabels = withLabels;
-        ASSERT_TRUE(writer.write(i, frame, error)) << error;
-    }
-    if (!withLabels) {
-        fs::remove_all(fs::path(directory) / "label");
-    }
-}
 
 inline bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
-
 inline void writeText(const std::string& path, const std::string& text) {
-    std::ofstream out(path);
-    out << text;
+    std::ofstream(path) << text;
 }
-
 inline std::string readText(const std::string& path) {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
-
-inline void writePngOrFail(const std::string& path, const VelmoraTool::PngImage& image) {
+inline void writePngOrFail(const std::string& path, const PngImage& image) {
     std::string error;
-    ASSERT_TRUE(VelmoraTool::writePng(path, image, error)) << error;
+    ASSERT_TRUE(writePng(path, image, error)) << error;
+}
+inline Frame sceneFrame(size_t index, size_t count) {
+    Frame frame;
+    std::string error;
+    BuiltinSceneSource(count, kSmallWidth, kSmallHeight, 0.0, 1).load(index, frame, error);
+    return frame;
+}
+
+// `count` frames of the built-in scene (small, noiseless) in the recorded layout.
+inline void writeSceneSequence(const std::string& directory, size_t count, bool labels = true) {
+    RecordedSequenceWriter writer;
+    std::string error;
+    ASSERT_TRUE(writer.open(directory, sceneIntrinsics(kSmallWidth, kSmallHeight), error)) << error;
+    for (size_t i = 0; i < count; ++i) {
+        Frame frame = sceneFrame(i, count);
+        frame.hasLabels = labels;
+        ASSERT_TRUE(writer.write(i, frame, error)) << error;
+    }
+    if (!labels)
+        fs::remove_all(fs::path(directory) / "label");
 }
 
 // A TUM RGB-D sequence of the built-in scene: depth at 5000 units a metre, colour 10 ms after
-// each depth image, ground truth every 5 ms from 0.1 s on, so the first frame has none.
+// each depth image, ground truth 4 ms after each frame but the first (and a distractor 30 ms
+// after it), so the first frame has none.
 inline void writeTumSequence(const std::string& dir, size_t frames) {
     fs::create_directories(fs::path(dir) / "depth");
     fs::create_directories(fs::path(dir) / "rgb");
-    VelmoraTool::BuiltinSceneSource scene(frames, kSmallWidth, kSmallHeight, 0.0, 1);
-    std::string depthList = "# depth maps\n# file: 'x.bag'\n# timestamp filename\n";
-    std::string rgbList = "# color images\n";
-    std::string truth = "# ground truth trajectory\n# timestamp tx ty tz qx qy qz qw\n";
+    std::string depthList = "# depth maps\n# timestamp filename\n", rgbList = "# colour\n",
+                truth = "# ground truth trajectory\n";
     for (size_t i = 0; i < frames; ++i) {
-        VelmoraTool::Frame frame;
-        std::string error;
-        scene.load(i, frame, error);
-        const double time = 1.0 + 0.1 * i - (i == 0 ? 0.9 : 0.0);
-        char name[64];
+        const Frame frame = sceneFrame(i, frames);
+        const double time = i == 0 ? 0.1 : 1.0 + 0.1 * i;
+        char name[64], line[256];
         std::snprintf(name, sizeof(name), "%.6f.png", time);
         std::vector<uint16_t> tumDepth(frame.depthMm.size());
-        for (size_t p = 0; p < tumDepth.size(); ++p) {
+        for (size_t p = 0; p < tumDepth.size(); ++p)
             tumDepth[p] = static_cast<uint16_t>(frame.depthMm[p] * 5);
-        }
-        writePngOrFail((fs::path(dir) / "depth" / name).string(),
-                       VelmoraTool::makeGrey16(frame.width, frame.height, tumDepth));
-        writePngOrFail((fs::path(dir) / "rgb" / name).string(),
-                       VelmoraTool::makeRgb8(frame.width, frame.height, frame.rgb));
-        char line[256];
+        writePngOrFail(dir + "/depth/" + name, makeGrey16(frame.width, frame.height, tumDepth));
+        writePngOrFail(dir + "/rgb/" + name, makeRgb8(frame.width, frame.height, frame.rgb));
         std::snprintf(line, sizeof(line), "%.6f depth/%s\n", time, name);
         depthList += line;
         std::snprintf(line, sizeof(line), "%.6f rgb/%s\n", time + 0.01, name);
         rgbList += line;
-        const Velmora::XrPosefVLM pose = VelmoraTool::toXrPose(frame.worldFromCamera);
-        // Ground truth 4 ms after the frame, and one far-away distractor 30 ms after it.
+        const Velmora::XrPosefVLM pose = toXrPose(frame.worldFromCamera);
         for (double offset : {0.004, 0.03}) {
             std::snprintf(line, sizeof(line), "%.6f %.9f %.9f %.9f %.9f %.9f %.9f %.9f\n",
                           time + offset, pose.position.x, pose.position.y, pose.position.z,
                           pose.orientation.x, pose.orientation.y, pose.orientation.z,
                           pose.orientation.w);
-            if (i > 0) {
-                truth += line;
-            }
+            truth += i > 0 ? line : "";
         }
     }
-    writeText((fs::path(dir) / "depth.txt").string(), depthList);
-    writeText((fs::path(dir) / "rgb.txt").string(), rgbList);
-    writeText((fs::path(dir) / "groundtruth.txt").string(), truth);
+    writeText(dir + "/depth.txt", depthList);
+    writeText(dir + "/rgb.txt", rgbList);
+    writeText(dir + "/groundtruth.txt", truth);
 }
 
 struct ToolRun {
     int exitCode = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
-inline std::string shellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) {
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
-}
-
-// Runs the built tool with `args`; standard output and error are captured separately.
-inline ToolRun runTool(const ScratchDir& scratch, const std::vector<std::string>& args) {
-    std::string command = shellQuote(VELMORA_TOOL_PATH);
-    for (const std::string& arg : args) {
-        command += " " + shellQuote(arg);
-    }
-    const std::string outPath = scratch / "tool.out";
-    const std::string errPath = scratch / "tool.err";
-    command += " >" + shellQuote(outPath) + " 2>" + shellQuote(errPath) + " </dev/null";
+// Runs the built tool with the words of `line` as arguments (the scratch paths hold no blanks),
+// standard output and error captured apart.
+inline ToolRun runTool(const ScratchDir& scratch, const std::string& line) {
+    std::string command = VELMORA_TOOL_PATH, word;
+    for (std::istringstream words(line); words >> word;)
+        command += " '" + word + "'";
+    command += " >" + (scratch / "tool.out") + " 2>" + (scratch / "tool.err") + " </dev/null";
     const int status = std::system(command.c_str());
-    ToolRun run;
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = readText(outPath);
-    run.err = readText(errPath);
-    return run;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(scratch / "tool.out"),
+            readText(scratch / "tool.err")};
 }
 
 // The value of a row of the summary table, e.g. summaryRow(out, "frames fused").
 inline std::string summaryRow(const std::string& summary, const std::string& name) {
     std::istringstream lines(summary);
-    std::string line;
-    while (std::getline(lines, line)) {
-        const std::string prefix = "  " + name + " ";
+    const std::string prefix = "  " + name + " ";
+    for (std::string line; std::getline(lines, line);) {
         if (line.rfind(prefix, 0) == 0) {
             const size_t value = line.find_first_not_of(' ', prefix.size());
             return value == std::string::npos ? "" : line.substr(value);
         }
     }
     return "<no row '" + name + "'>";
+}
+
+// A binary little-endian PLY file as writePly writes it (float, uchar and int vertex properties,
+// a uchar-counted list of uint per face): header lines, vertex property names, every vertex
+// property as a double, and the faces. Anything else fails the test.
+struct PlyFile {
+    std::vector<std::string> header, vertexProperties;
+    std::vector<std::vector<double>> vertices;
+    std::vector<std::vector<uint32_t>> faces;
+};
+
+inline PlyFile readPly(const std::string& path) {
+    PlyFile ply;
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.good()) << path;
+    std::vector<std::string> types;
+    size_t vertexCount = 0, faceCount = 0;
+    for (std::string line; std::getline(in, line) && line != "end_header";) {
+        ply.header.push_back(line);
+        std::istringstream words(line);
+        std::string keyword, a, b;
+        words >> keyword >> a >> b;
+        if (keyword == "element") {
+            (a == "vertex" ? vertexCount : faceCount) = std::stoul(b);
+        } else if (keyword == "property" && a != "list") {
+            types.push_back(a);
+            ply.vertexProperties.push_back(b);
+        }
+    }
+    auto read = [&in](auto value) {
+        in.read(reinterpret_cast<char*>(&value), sizeof(value));
+        return value;
+    };
+    ply.vertices.resize(vertexCount);
+    for (std::vector<double>& row : ply.vertices) {
+        for (const std::string& type : types)
+            row.push_back(type == "float"   ? read(float{})
+                          : type == "uchar" ? read(uint8_t{})
+                                            : read(int32_t{}));
+    }
+    ply.faces.resize(faceCount);
+    for (std::vector<uint32_t>& face : ply.faces) {
+        face.resize(read(uint8_t{}));
+        for (uint32_t& corner : face)
+            corner = read(uint32_t{});
+    }
+    EXPECT_TRUE(in.good()) << "file ends early";
+    in.peek();
+    EXPECT_TRUE(in.eof()) << "bytes after the last face";
+    return ply;
+}
+
+// The UUID the library gives an object: kind in byte 12, the id in bytes 8 and 9.
+inline Velmora::UuidBytes objectUuid(uint16_t id, uint8_t kind) {
+    Velmora::UuidBytes uuid{};
+    uuid[8] = static_cast<uint8_t>(id & 0xFF);
+    uuid[9] = static_cast<uint8_t>(id >> 8);
+    uuid[12] = kind;
+    return uuid;
 }
 
 }  // namespace VelmoraToolTest

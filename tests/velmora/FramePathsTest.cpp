@@ -4,155 +4,142 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
-#include <vector>
 
+#include "HostScenes.h"
 #include "solid/query/Raycast.h"
-#include "support/AnalyticScene.h"
-#include "support/SceneSetup.h"
-#include "velmora/Impl.h"
-#include "velmora/ImplState.h"
 
 namespace Velmora {
 namespace {
 
-using Test::AnalyticScene;
-using Test::PinholeCamera;
-using Test::RenderedFrame;
-
-constexpr float kCell = 0.04f;
-constexpr float kTruncation = 0.2f;
-
-std::unique_ptr<Impl> makeScene(int32_t mode) {
-    return Test::makeInitialisedScene(mode, kCell, kTruncation);
-}
+using namespace Test;
 
 PinholeCamera wallCamera(int width = 80, int height = 60) {
-    return Test::viewFrom({2.0, 1.5, 1.3}, {4.0, 1.8, 1.0}, width, height, 65.0 * width / 80.0);
+    return viewFrom({2.0, 1.5, 1.3}, {4.0, 1.8, 1.0}, width, height, 65.0 * width / 80.0);
 }
 
 XrResultVLM submitOne(Impl& scene, const PinholeCamera& camera, const Image& image) {
     return scene.submitImages(0, camera.intrinsics(), camera.pose(), span<const Image>{&image, 1});
 }
 
-// Wall-label votes of samples within half a cell of a wall, and of samples farther than 2.5 cells.
-void countLabels(Impl::State& s, const AnalyticScene& room, int& onSurface, int& offSurface) {
-    onSurface = offSurface = 0;
+// Wall-label votes (walls are label 2) of samples within half a cell of a wall, and of samples
+// farther than 2.5 cells.
+std::pair<int, int> wallVotes(Impl::State& s) {
+    const AnalyticScene walls = room();
+    std::pair<int, int> votes{0, 0};
     s.mLabelVolumeGrid->for_each([&](const Solid::KeyType& key, const Solid::LabelVolume& block) {
         const Solid::Vec3 origin = s.mLabelVolumeGrid->blockOrigin(key);
-        for (int z = 0; z < 8; ++z)
-            for (int y = 0; y < 8; ++y)
-                for (int x = 0; x < 8; ++x) {
-                    const double d = room.signedDistance(
-                        {origin(0) + x * kCell, origin(1) + y * kCell, origin(2) + z * kCell});
-                    const int votes = block.at(x, y, z).labels[2];  // walls are label 2
-                    if (std::fabs(d) < 0.5 * kCell)
-                        onSurface += votes;
-                    if (std::fabs(d) > 2.5 * kCell)
-                        offSurface += votes;
-                }
+        for (int i = 0; i < 512; ++i) {
+            const int x = i % 8, y = i / 8 % 8, z = i / 64;
+            const double d = std::fabs(walls.signedDistance(
+                {origin(0) + x * kCell, origin(1) + y * kCell, origin(2) + z * kCell}));
+            votes.first += d < 0.5 * kCell ? block.at(x, y, z).labels[2] : 0;
+            votes.second += d > 2.5 * kCell ? block.at(x, y, z).labels[2] : 0;
+        }
     });
+    return votes;
 }
 
+// A label image before any depth changes nothing; one after depth takes the whole queue and
+// publishes nothing; its votes land on the surface (where rays graze a wall the rendered surface
+// can sit a few centimetres off, so a few land farther out, rarely); with the queue empty a label
+// image adds no votes, and depth queues the blocks again.
 TEST(FramePaths, SplitLabelsVoteOnTheSurfaceAndConsumeTheQueue) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    auto scene = makeScene(1);
+    auto scene = makeScene(kModeSplit);
     Impl::State& s = internalState(*scene);
     const PinholeCamera camera = wallCamera();
-    const RenderedFrame frame = render(room, camera);
-
-    // A label image before any depth: nothing to vote into, nothing changes.
+    const RenderedFrame frame = render(room(), camera);
     ASSERT_EQ(submitOne(*scene, camera, frame.labelImage()), kSuccess);
     EXPECT_EQ(s.mLabelVolumeGrid->size(), 0u);
-
     ASSERT_EQ(submitOne(*scene, camera, frame.depthImage()), kSuccess);
     ASSERT_EQ(submitOne(*scene, camera, frame.depthImage()), kSuccess);
     const size_t queued = s.mPendingLabelBlocks.size();
     ASSERT_GT(queued, 0u);
     s.mSurfaces.updatedBlocks.clear();
     ASSERT_EQ(submitOne(*scene, camera, frame.labelImage()), kSuccess);
-    EXPECT_EQ(s.mPendingLabelBlocks.size(), 0u);      // the label frame took the whole queue
-    EXPECT_EQ(s.mSurfaces.updatedBlocks.size(), 0u);  // and published nothing
+    EXPECT_EQ(s.mPendingLabelBlocks.size(), 0u);
+    EXPECT_EQ(s.mSurfaces.updatedBlocks.size(), 0u);
     EXPECT_GE(s.mLabelVolumeGrid->size(), queued);
-    int onSurface = 0, offSurface = 0;
-    countLabels(s, room, onSurface, offSurface);
-    // The rendered surface can sit a few centimetres off the wall where rays graze it, so a few
-    // votes land farther out; they must stay rare.
+    const auto [onSurface, offSurface] = wallVotes(s);
     EXPECT_GT(onSurface, 50);
     EXPECT_LT(offSurface * 50, onSurface);
-
-    // A second label image with an empty queue adds no votes.
     ASSERT_EQ(submitOne(*scene, camera, frame.labelImage()), kSuccess);
-    int again = 0, offAgain = 0;
-    countLabels(s, room, again, offAgain);
-    EXPECT_EQ(again, onSurface);
-    // Depth again queues the blocks again, and the next label image votes once more.
+    EXPECT_EQ(wallVotes(s).first, onSurface);
     ASSERT_EQ(submitOne(*scene, camera, frame.depthImage()), kSuccess);
     ASSERT_EQ(submitOne(*scene, camera, frame.labelImage()), kSuccess);
-    countLabels(s, room, again, offAgain);
-    EXPECT_GT(again, onSurface);
+    EXPECT_GT(wallVotes(s).first, onSurface);
 }
 
-TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    for (int32_t mode : {0, 1}) {
+// A colour image alone becomes a keyframe with depth rendered from the volume, close to the
+// wall's; one of another size is kept too, the cameras keep the first size; seen from outside
+// the room, facing away, the volume shows nothing; once the cameras are set a frame with its
+// principal point outside is kept, but as the first colour frame it is refused, and nothing of
+// it kept or fused. Colour with depth and labels is kept with the submitted depth and pose.
+TEST(FramePaths, ColourFramesBecomeKeyframesWithTheirDepth) {
+    for (int32_t mode : {kModeCombined, kModeSplit}) {
+        SCOPED_TRACE(mode);
         auto scene = makeScene(mode);
         Impl::State& s = internalState(*scene);
-        const PinholeCamera camera = wallCamera();
-        const RenderedFrame frame = render(room, camera);
-        Velmora::Test::fuseView(*scene, mode, room, camera, false);
-
-        // A colour image alone: depth rendered from the volume, close to the wall's true depth.
-        ASSERT_EQ(submitOne(*scene, camera, frame.colorImage()), kSuccess) << mode;
+        const PinholeCamera camera = wallCamera(), small = wallCamera(40, 30);
+        const RenderedFrame frame = render(room(), camera);
+        fuseView(*scene, mode, room(), camera, false);
+        ASSERT_EQ(submitOne(*scene, camera, frame.colorImage()), kSuccess);
         ASSERT_EQ(s.mTexture.keyframes.size(), 1u);
         const Solid::RGBDFrame& key = s.mTexture.keyframes[0];
-        const int centre = (camera.height / 2) * camera.width + camera.width / 2;
-        const float truth = frame.depthMetres[centre];
+        const float truth = frame.depthMetres[camera.height / 2 * camera.width + camera.width / 2];
         EXPECT_NEAR(key.depth(camera.width / 2, camera.height / 2), truth, 1.5f * kCell);
         EXPECT_NEAR(key.depthU16(camera.width / 2, camera.height / 2), truth * 1000.0f,
                     1500.0f * kCell);
         EXPECT_EQ(key.rgb(3, 4).c0, frame.rgb[3 * (4 * camera.width + 3)]);
-
-        // A second colour image of another size is kept too; the cameras keep the first size.
-        const PinholeCamera small = wallCamera(40, 30);
-        const RenderedFrame smallFrame = render(room, small);
-        ASSERT_EQ(submitOne(*scene, small, smallFrame.colorImage()), kSuccess);
+        ASSERT_EQ(submitOne(*scene, small, render(room(), small).colorImage()), kSuccess);
         ASSERT_EQ(s.mTexture.keyframes.size(), 2u);
         EXPECT_EQ(s.mTexture.keyframes[1].rgb.width(), 40);
         EXPECT_EQ(s.mTexture.colorCalib.getSize()(0), 80.0f);
         EXPECT_EQ(s.mTexture.depthCalib.getSize()(1), 60.0f);
-
-        // Seen from outside the room, facing away: the volume shows nothing.
         PinholeCamera away = camera;
-        away.T_world_camera = Velmora::Test::lookAt({2.0, -3.0, 1.3}, {2.0, -6.0, 1.3}, {0, 0, 1});
+        away.T_world_camera = lookAt({2.0, -3.0, 1.3}, {2.0, -6.0, 1.3}, {0, 0, 1});
         ASSERT_EQ(submitOne(*scene, away, frame.colorImage()), kSuccess);
         const Solid::RGBDFrame& empty = s.mTexture.keyframes.back();
-        for (int v = 0; v < empty.depthU16.height(); ++v)
-            for (int u = 0; u < empty.depthU16.width(); ++u)
-                ASSERT_EQ(empty.depthU16(u, v), 0);
-
-        // The cameras are set: a later frame is kept even with its principal point outside it.
+        for (int i = 0; i < empty.depthU16.width() * empty.depthU16.height(); ++i)
+            ASSERT_EQ(empty.depthU16(i % empty.depthU16.width(), i / empty.depthU16.width()), 0);
         IntrinsicLinearCameraCalibrationVLM outside = camera.intrinsics();
         outside.principalPointX = 500.0;
-        const Image colour = frame.colorImage();
-        EXPECT_EQ(scene->submitImages(0, outside, camera.pose(), span<const Image>{&colour, 1}),
-                  kSuccess);
+        std::vector<Image> images = {frame.colorImage()};
+        EXPECT_EQ(scene->submitImages(0, outside, camera.pose(), {images.data(), 1}), kSuccess);
         EXPECT_EQ(s.mTexture.keyframes.size(), 4u);
         EXPECT_EQ(s.mTexture.colorCalib.getPrincipalPoint()(0),
                   camera.intrinsics().principalPointX);
-
-        // A first colour frame whose principal point lies outside could not set up the cameras:
-        // refused, and nothing of it is kept or fused.
-        auto fresh = makeScene(mode);
-        std::vector<Image> first = {colour};
-        if (mode == 0) {
-            first.push_back(frame.depthImage());
-            first.push_back(frame.labelImage());
+        if (mode == kModeSplit) {
+            auto fresh = makeScene(mode);
+            EXPECT_EQ(fresh->submitImages(0, outside, camera.pose(), {images.data(), 1}),
+                      kErrorIntrinsicsInvalid);
+            EXPECT_TRUE(internalState(*fresh).mTexture.keyframes.empty());
+            continue;
         }
-        EXPECT_EQ(fresh->submitImages(0, outside, camera.pose(),
-                                      span<const Image>{first.data(), uint32_t(first.size())}),
+        auto fresh = makeScene(mode);
+        Impl::State& f = internalState(*fresh);
+        images.insert(images.end(), {frame.depthImage(), frame.labelImage()});
+        EXPECT_EQ(fresh->submitImages(0, outside, camera.pose(), {images.data(), 3}),
                   kErrorIntrinsicsInvalid);
-        EXPECT_TRUE(internalState(*fresh).mTexture.keyframes.empty());
+        EXPECT_TRUE(f.mTexture.keyframes.empty());
+        EXPECT_EQ(blockCount(*fresh), 0u);
+        ASSERT_EQ(fresh->submitImages(0, camera.intrinsics(), camera.pose(), {images.data(), 3}),
+                  kSuccess);
+        ASSERT_EQ(f.mTexture.keyframes.size(), 1u);
+        EXPECT_EQ(f.mTexture.keyframes[0].depthU16(10, 10),
+                  frame.depthMillimetres[10 * camera.width + 10]);
+        EXPECT_NE(f.mTexture.keyframes[0].pose(0, 3), 0.0f);
+        const size_t blocks = blockCount(*fresh);
+        ASSERT_GT(blocks, 0u);
+        PinholeCamera far = small;
+        far.cx = 70.0;
+        far.T_world_camera = lookAt({1.0, 0.5, 1.3}, {0.0, 0.2, 1.0}, {0, 0, 1});
+        const RenderedFrame other = render(room(), far);
+        images = {other.colorImage(), other.depthImage(), other.labelImage()};
+        ASSERT_EQ(fresh->submitImages(1, far.intrinsics(), far.pose(), {images.data(), 3}),
+                  kSuccess);
+        ASSERT_EQ(f.mTexture.keyframes.size(), 2u);
+        EXPECT_EQ(f.mTexture.keyframes[1].rgb.width(), 40);
+        EXPECT_GT(blockCount(*fresh), blocks);
     }
 }
 
@@ -161,26 +148,23 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithRenderedDepth) {
 // path's near and far plane and step), also after a depth frame from elsewhere changed the
 // volume, and after a label or colour image from another camera.
 TEST(FramePaths, LabelAndColourOfOneViewShareTheirRendering) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    const PinholeCamera camera = wallCamera();
-    PinholeCamera other = camera;
-    other.T_world_camera = Velmora::Test::lookAt({1.0, 0.5, 1.3}, {3.8, 2.6, 0.9}, {0, 0, 1});
-    const RenderedFrame frames[2] = {render(room, camera), render(room, other)};
-    auto scene = makeScene(1);
+    const PinholeCamera cameras[2] = {wallCamera(),
+                                      viewFrom({1.0, 0.5, 1.3}, {3.8, 2.6, 0.9}, 80, 60, 65.0)};
+    const RenderedFrame frames[2] = {render(room(), cameras[0]), render(room(), cameras[1])};
+    auto scene = makeScene(kModeSplit);
     Impl::State& s = internalState(*scene);
-    Velmora::Test::fuseView(*scene, 1, room, camera, false);
+    fuseView(*scene, kModeSplit, room(), cameras[0], false);
     // Label, colour or depth image of the first (0) or the other view (1).
-    const std::vector<std::pair<char, int>> steps = {{'l', 0}, {'c', 0}, {'d', 1}, {'c', 0},
-                                                     {'l', 1}, {'c', 0}, {'c', 1}, {'c', 0}};
+    const std::pair<char, int> steps[] = {{'l', 0}, {'c', 0}, {'d', 1}, {'c', 0},
+                                          {'l', 1}, {'c', 0}, {'c', 1}, {'c', 0}};
     for (const auto& [kind, view] : steps) {
         const RenderedFrame& f = frames[view];
         const Image image = kind == 'l'   ? f.labelImage()
                             : kind == 'c' ? f.colorImage()
                                           : f.depthImage();
-        ASSERT_EQ(submitOne(*scene, view == 0 ? camera : other, image), kSuccess);
-        if (kind != 'c') {
+        ASSERT_EQ(submitOne(*scene, cameras[view], image), kSuccess);
+        if (kind != 'c')
             continue;
-        }
         const Solid::RGBDFrame& kept = s.mTexture.keyframes.back();
         Solid::DepthFrame fresh;
         fresh.depth.allocPixels(kept.depth.size());
@@ -188,42 +172,10 @@ TEST(FramePaths, LabelAndColourOfOneViewShareTheirRendering) {
         fresh.pose = kept.pose;
         Solid::IntegrationStats stats;
         Solid::raycast(*s.mVolumeGrid, 0.05f, 5.0f, 1.0f, fresh, stats);
-        for (int v = 0; v < camera.height; ++v)
-            for (int u = 0; u < camera.width; ++u)
-                ASSERT_EQ(0, std::memcmp(&kept.depth(u, v), &fresh.depth(u, v), sizeof(float)))
-                    << s.mTexture.keyframes.size() << ": " << u << ", " << v;
+        for (int i = 0; i < 80 * 60; ++i)
+            ASSERT_EQ(0, std::memcmp(&kept.depth(i % 80, i / 80), &fresh.depth(i % 80, i / 80), 4))
+                << s.mTexture.keyframes.size() << ": " << i;
     }
-}
-
-// Colour submitted with depth and labels is kept with the submitted depth and pose, also when a
-// later frame is smaller and its principal point lies outside the first frame's size.
-TEST(FramePaths, CombinedColourIsKeptAlongsideFusion) {
-    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
-    auto scene = makeScene(0);
-    Impl::State& s = internalState(*scene);
-    const PinholeCamera camera = wallCamera();
-    const RenderedFrame frame = render(room, camera);
-    std::vector<Image> images = {frame.colorImage(), frame.depthImage(), frame.labelImage()};
-    ASSERT_EQ(scene->submitImages(0, camera.intrinsics(), camera.pose(),
-                                  span<const Image>{images.data(), 3}),
-              kSuccess);
-    ASSERT_EQ(s.mTexture.keyframes.size(), 1u);
-    EXPECT_EQ(s.mTexture.keyframes[0].depthU16(10, 10),
-              frame.depthMillimetres[10 * camera.width + 10]);
-    EXPECT_NE(s.mTexture.keyframes[0].pose(0, 3), 0.0f);
-    const size_t blocks = s.mLabelDepthVolumeGrid->size();
-    ASSERT_GT(blocks, 0u);
-    PinholeCamera far = wallCamera(40, 30);
-    far.cx = 70.0;
-    far.T_world_camera = Velmora::Test::lookAt({1.0, 0.5, 1.3}, {0.0, 0.2, 1.0}, {0, 0, 1});
-    const RenderedFrame other = render(room, far);
-    images = {other.colorImage(), other.depthImage(), other.labelImage()};
-    ASSERT_EQ(
-        scene->submitImages(1, far.intrinsics(), far.pose(), span<const Image>{images.data(), 3}),
-        kSuccess);
-    ASSERT_EQ(s.mTexture.keyframes.size(), 2u);
-    EXPECT_EQ(s.mTexture.keyframes[1].rgb.width(), 40);
-    EXPECT_GT(s.mLabelDepthVolumeGrid->size(), blocks);
 }
 
 }  // namespace

@@ -17,57 +17,41 @@
 namespace Velmora {
 namespace {
 
-struct FuzzCase {
-    std::string harness;  // "frames" or "volumes"
-    std::filesystem::path file;
-};
-
-std::vector<FuzzCase> fuzzCases() {
-    std::vector<FuzzCase> cases;
+// The inputs of both harnesses, named after their harness, folder and file.
+std::vector<std::filesystem::path> fuzzInputs() {
+    std::vector<std::filesystem::path> inputs;
     for (const char* harness : {"frames", "volumes"}) {
         for (const char* kind : {"corpus", "regressions"}) {
-            const std::filesystem::path dir =
-                std::filesystem::path(VELMORA_FUZZ_INPUTS_DIR) / kind / harness;
-            if (!std::filesystem::is_directory(dir)) {
-                continue;
-            }
-            for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-                cases.push_back({harness, entry.path()});
-            }
+            const auto dir = std::filesystem::path(VELMORA_FUZZ_INPUTS_DIR) / kind / harness;
+            for (const auto& entry : std::filesystem::directory_iterator(dir))
+                inputs.push_back(entry.path());
         }
     }
-    std::sort(cases.begin(), cases.end(),
-              [](const FuzzCase& a, const FuzzCase& b) { return a.file < b.file; });
-    return cases;
+    std::sort(inputs.begin(), inputs.end());
+    return inputs;
 }
 
-std::string caseName(const ::testing::TestParamInfo<FuzzCase>& info) {
-    std::string name = info.param.harness + "_" +
-                       info.param.file.parent_path().parent_path().filename().string() + "_" +
-                       info.param.file.filename().string();
-    for (char& c : name) {
-        if (!std::isalnum(static_cast<unsigned char>(c))) {
-            c = '_';
-        }
-    }
-    return name;
-}
-
-class FuzzReplay : public ::testing::TestWithParam<FuzzCase> {};
+class FuzzReplay : public ::testing::TestWithParam<std::filesystem::path> {};
 
 TEST_P(FuzzReplay, RunsToTheEndWithEveryPromiseKept) {
-    std::ifstream file(GetParam().file, std::ios::binary);
-    ASSERT_TRUE(file.is_open()) << GetParam().file;
-    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file),
-                                     std::istreambuf_iterator<char>()};
-    if (GetParam().harness == "frames") {
-        Fuzz::runFrameInput(bytes.data(), bytes.size());
-    } else {
-        Fuzz::runVolumeInput(bytes.data(), bytes.size());
-    }
+    std::ifstream file(GetParam(), std::ios::binary);
+    ASSERT_TRUE(file.is_open()) << GetParam();
+    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
+    (GetParam().parent_path().filename() == "frames" ? Fuzz::runFrameInput : Fuzz::runVolumeInput)(
+        bytes.data(), bytes.size());
 }
 
-INSTANTIATE_TEST_SUITE_P(Inputs, FuzzReplay, ::testing::ValuesIn(fuzzCases()), caseName);
+INSTANTIATE_TEST_SUITE_P(Inputs, FuzzReplay, ::testing::ValuesIn(fuzzInputs()),
+                         [](const auto& info) {
+                             const auto& p = info.param;
+                             std::string name = p.parent_path().filename().string() + "_" +
+                                                p.parent_path().parent_path().filename().string() +
+                                                "_" + p.filename().string();
+                             std::replace_if(
+                                 name.begin(), name.end(),
+                                 [](char c) { return !std::isalnum(uint8_t(c)); }, '_');
+                             return name;
+                         });
 
 }  // namespace
 }  // namespace Velmora

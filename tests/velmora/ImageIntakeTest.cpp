@@ -39,14 +39,11 @@ TEST(ImageIntake, DepthConversionFlagsAndLimit) {
     Solid::DepthFrame big = makeDepthFrame(0, depthImage(raw, 6, 1, 12, kImageDepthU16, 10000));
     EXPECT_EQ(big.depth(0, 0), 0.0f);
     EXPECT_EQ(big.depth(1, 0), 0x2001 * 0.001f);
-}
-
-TEST(ImageIntake, OddStrideLosesItsLowestBit) {
-    // Two rows of three pixels, rows four pixels apart: stride 9 bytes acts as 8.
-    const std::vector<uint16_t> raw = {1000, 2000, 3000, 9999, 4000, 5000, 6000, 9999};
-    Solid::DepthFrame frame = makeDepthFrame(0, depthImage(raw, 3, 2, 9));
-    EXPECT_EQ(frame.depth(0, 1), 4000 * 0.001f);
-    EXPECT_EQ(frame.depth(2, 1), 6000 * 0.001f);
+    // Two rows of three pixels, rows four pixels apart: an odd stride loses its lowest bit.
+    const std::vector<uint16_t> rows = {1000, 2000, 3000, 9999, 4000, 5000, 6000, 9999};
+    Solid::DepthFrame strided = makeDepthFrame(0, depthImage(rows, 3, 2, 9));
+    EXPECT_EQ(strided.depth(0, 1), 4000 * 0.001f);
+    EXPECT_EQ(strided.depth(2, 1), 6000 * 0.001f);
 }
 
 TEST(ImageIntake, LabelsAreViewedOrSaturatedColourIsCopied) {
@@ -103,18 +100,13 @@ TEST(ImageIntake, ImagesAreFoundByKindAndTheLaterWins) {
     EXPECT_EQ(depthIdx, 0);
 
     EXPECT_TRUE(checkImage(d0));
-    for (int field = 0; field < 4; ++field) {
-        Image bad = d0;
-        if (field == 0)
-            bad.pixelData = nullptr;
-        if (field == 1)
-            bad.width = 0;
-        if (field == 2)
-            bad.height = 0;
-        if (field == 3)
-            bad.stride = 0;
-        EXPECT_FALSE(checkImage(bad)) << field;
-    }
+    Image bad[4] = {d0, d0, d0, d0};
+    bad[0].pixelData = nullptr;
+    bad[1].width = 0;
+    bad[2].height = 0;
+    bad[3].stride = 0;
+    for (const Image& image : bad)
+        EXPECT_FALSE(checkImage(image)) << &image - bad;
 }
 
 }  // namespace

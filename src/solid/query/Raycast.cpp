@@ -91,9 +91,16 @@ public:
     void advance() {
         const bool yBeforeX = mTMax[1] < mTMax[0];
         const float least = yBeforeX ? mTMax[1] : mTMax[0];
-        const int axis = mTMax[2] < least ? 2 : static_cast<int>(yBeforeX);
-        mCurrent[axis] += mStep[axis];
-        mTMax[axis] += mTDelta[axis];
+        const bool alongZ = mTMax[2] < least;
+        const bool alongY = !alongZ && yBeforeX;
+        const bool alongX = !alongZ && !yBeforeX;
+        // Every axis is updated by a select, not through an index: the state stays in registers.
+        mCurrent[0] += alongX ? mStep[0] : 0;
+        mCurrent[1] += alongY ? mStep[1] : 0;
+        mCurrent[2] += alongZ ? mStep[2] : 0;
+        mTMax[0] = alongX ? mTMax[0] + mTDelta[0] : mTMax[0];
+        mTMax[1] = alongY ? mTMax[1] + mTDelta[1] : mTMax[1];
+        mTMax[2] = alongZ ? mTMax[2] + mTDelta[2] : mTMax[2];
     }
 
 private:
