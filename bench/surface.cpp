@@ -187,6 +187,7 @@ void requestSurfaces(benchmark::State& state, Impl& room, int32_t mode, bool aft
             std::lock_guard<std::mutex> updatedLock(s.mSurfaces.updatedBlocksMutex);
             std::lock_guard<std::mutex> meshLock(s.mSurfaces.meshMutex);
             s.mSurfaces.surfaceMeshes.clear();
+            s.mSurfaces.mergedMeshes.clear();
             s.mSurfaces.updatedBlocks = all;
         }
         {

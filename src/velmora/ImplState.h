@@ -33,7 +33,9 @@ struct SurfaceExtraction {
     Solid::IndexSet sceneMissedBlocks;
     std::mutex updatedBlocksMutex;
     std::unordered_map<uint16_t, Solid::MeshGridType> surfaceMeshes;
-    std::mutex meshMutex;  // guards surfaceMeshes
+    // The merge of each grid since it last changed; whoever changes a grid drops its entry.
+    std::unordered_map<uint16_t, Solid::PolygonMesh> mergedMeshes;
+    std::mutex meshMutex;  // guards surfaceMeshes and mergedMeshes
 
     // Under meshMutex: the grid of `id` merged into one mesh (an unknown id gets an empty grid);
     // a copy of the grid (sharing its streams); the grid replaced by `grid`.

@@ -35,8 +35,16 @@ struct AttributeCounts {
 
 Solid::PolygonMesh SurfaceExtraction::getMergedMesh(uint16_t id) {
     std::lock_guard<std::mutex> lock(meshMutex);
+    // The two calls of a host's request (sizes, then copy) find the grid unchanged: the second
+    // takes the merge of the first, whose streams no one writes.
+    const auto cached = mergedMeshes.find(id);
+    if (cached != mergedMeshes.end()) {
+        return cached->second;
+    }
     Solid::ExtractSurfaceStats stats;
-    return Solid::mergeMesh(surfaceMeshes[id], stats);
+    Solid::PolygonMesh merged = Solid::mergeMesh(surfaceMeshes[id], stats);
+    mergedMeshes[id] = merged;
+    return merged;
 }
 
 Solid::MeshGridType SurfaceExtraction::getMeshGrid(uint16_t id) {
@@ -50,6 +58,7 @@ void SurfaceExtraction::setMeshGrid(uint16_t id, Solid::MeshGridType grid) {
     Solid::MeshGridType& stored = surfaceMeshes[id];
     const float maxLoadFactor = stored.max_load_factor();
     stored = std::move(grid);
+    mergedMeshes.erase(id);
     stored.max_load_factor(maxLoadFactor);
 }
 
@@ -63,6 +72,7 @@ void SurfaceExtraction::putColoredBlocks(uint16_t id, const std::vector<ColoredB
         const auto cached = grid->second.find(block.key);
         if (cached != grid->second.end() && cached->second.findPositions() == block.positions) {
             cached->second = block.mesh;
+            mergedMeshes.erase(id);
         }
     }
 }
@@ -88,7 +98,12 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
             // Instance meshes are rebuilt from nothing after any change; the whole-scene grid
             // is kept and patched.
             for (auto it = surfaces.surfaceMeshes.begin(); it != surfaces.surfaceMeshes.end();) {
-                it = it->first != 0 ? surfaces.surfaceMeshes.erase(it) : std::next(it);
+                if (it->first != 0) {
+                    surfaces.mergedMeshes.erase(it->first);
+                    it = surfaces.surfaceMeshes.erase(it);
+                } else {
+                    ++it;
+                }
             }
             AR_ASSERT(surfaces.surfaceMeshes.size() <= 1);
         }

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "common/Logger.h"
 #include "common/Timing.h"
@@ -223,10 +224,42 @@ struct LaneResults {
     bool located[kLanes];  // d > 0 and a block with a key
 };
 
-// The lanes of `locatePoint` for pixels x, x + 1, ... of row y: whether each is located, its key
+// The constants of `locatePoint` in every lane, for the pixels of one row.
+template <typename F, int N>
+struct LaneConstants {
+    F m[3][4];
+    F dimension[3];
+    F inverseDimension[3];
+    F y;
+    F minKey;
+    F maxKey;
+
+    static void broadcast(F& out, float v) {
+        float lanes[N];
+        for (float& lane : lanes) {
+            lane = v;
+        }
+        std::memcpy(&out, lanes, sizeof(out));
+    }
+
+    __attribute__((always_inline)) inline void set(const Unprojection& u, float row) {
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 4; ++c) {
+                broadcast(m[r][c], u.m[r][c]);
+            }
+            broadcast(dimension[r], u.dimension[r]);
+            broadcast(inverseDimension[r], u.inverseDimension[r]);
+        }
+        broadcast(y, row);
+        broadcast(minKey, kMinKeyCoordinate);
+        broadcast(maxKey, kMaxKeyCoordinate);
+    }
+};
+
+// The lanes of `locatePoint` for pixels x, x + 1, ... of a row: whether each is located, its key
 // and its neighbour bits. Inlined into each caller, so that it runs in the caller's registers.
 template <typename F, typename I, int N>
-__attribute__((always_inline)) inline void locateVector(const Unprojection& u, int x, float y,
+__attribute__((always_inline)) inline void locateVector(const LaneConstants<F, N>& k, int x,
                                                         const float* depths, const float* ramps,
                                                         I& located, I (&keys)[3], I& neighbours) {
     F d;
@@ -242,49 +275,25 @@ __attribute__((always_inline)) inline void locateVector(const Unprojection& u, i
     std::memcpy(&xs, columns, sizeof(xs));
     const F zero = F{};
     const F one = zero + 1.0f;
-    // Every constant in every lane.
-    const auto broadcast = [](F& out, float v) {
-        float lanes[N];
-        for (float& lane : lanes) {
-            lane = v;
-        }
-        std::memcpy(&out, lanes, sizeof(out));
-    };
-    F m[3][4];
-    F dimension[3];
-    F inverseDimension[3];
-    for (int r = 0; r < 3; ++r) {
-        for (int c = 0; c < 4; ++c) {
-            broadcast(m[r][c], u.m[r][c]);
-        }
-        broadcast(dimension[r], u.dimension[r]);
-        broadcast(inverseDimension[r], u.inverseDimension[r]);
-    }
-    F yv;
-    F minKey;
-    F maxKey;
-    broadcast(yv, y);
-    broadcast(minKey, kMinKeyCoordinate);
-    broadcast(maxKey, kMaxKeyCoordinate);
     const F v0 = xs * d;
-    const F v1 = yv * d;
+    const F v1 = k.y * d;
     located = d > zero;
     neighbours = I{};
     for (int r = 0; r < 3; ++r) {
         F sum = zero;
-        sum = sum + m[r][0] * v0;
-        sum = sum + m[r][1] * v1;
-        sum = sum + m[r][2] * d;
-        sum = sum + m[r][3] * one;
-        const F t = sum * inverseDimension[r];
-        const I inRange = (t >= minKey) & (t < maxKey);
+        sum = sum + k.m[r][0] * v0;
+        sum = sum + k.m[r][1] * v1;
+        sum = sum + k.m[r][2] * d;
+        sum = sum + k.m[r][3] * one;
+        const F t = sum * k.inverseDimension[r];
+        const I inRange = (t >= k.minKey) & (t < k.maxKey);
         located &= inRange;
         const F clamped = inRange ? t : zero;
         const I truncated = __builtin_convertvector(clamped, I);
         // A comparison gives -1 where true: one down where truncation went up.
         keys[r] = truncated + (__builtin_convertvector(truncated, F) > clamped);
-        const F local = sum - dimension[r] * __builtin_convertvector(keys[r], F);
-        const F upperLimit = dimension[r] - ramp;
+        const F local = sum - k.dimension[r] * __builtin_convertvector(keys[r], F);
+        const F upperLimit = k.dimension[r] - ramp;
         neighbours |= (local < ramp) & (I{} + (1 << (2 * r)));
         neighbours |= (local > upperLimit) & (I{} + (1 << (2 * r + 1)));
     }
@@ -292,13 +301,14 @@ __attribute__((always_inline)) inline void locateVector(const Unprojection& u, i
 
 // Lanes `first` to `first + 3` of the vectors into `out`.
 template <typename I>
-inline void takeLanes(const I& located, const I (&keys)[3], const I& neighbours, int first,
-                      LaneResults& out) {
+__attribute__((always_inline)) inline void takeLanes(const I& located, const I (&keys)[3],
+                                                     const I& neighbours, int first,
+                                                     LaneResults& out) {
     bool uniform = true;
     for (int lane = first; lane < first + kLanes; ++lane) {
-        uniform = uniform && located[lane] != 0 && keys[0][lane] == keys[0][first] &&
-                  keys[1][lane] == keys[1][first] && keys[2][lane] == keys[2][first] &&
-                  neighbours[lane] == neighbours[first];
+        uniform &= (located[lane] != 0) & (keys[0][lane] == keys[0][first]) &
+                   (keys[1][lane] == keys[1][first]) & (keys[2][lane] == keys[2][first]) &
+                   (neighbours[lane] == neighbours[first]);
     }
     out.uniform = uniform;
     for (int lane = 0; lane < (uniform ? 1 : kLanes); ++lane) {
@@ -309,48 +319,55 @@ inline void takeLanes(const I& located, const I (&keys)[3], const I& neighbours,
     }
 }
 
-inline void locateLanes(const Unprojection& u, int x, float y, const float* depths,
-                        const float* ramps, LaneResults& out) {
-    Int4 located;
-    Int4 keys[3];
-    Int4 neighbours;
-    locateVector<Float4, Int4, 4>(u, x, y, depths, ramps, located, keys, neighbours);
-    takeLanes(located, keys, neighbours, 0, out);
+// Pixels x to x + N - 1 of a row as N / 4 groups of four.
+template <typename F, typename I, int N>
+__attribute__((always_inline)) inline void locateGroups(const LaneConstants<F, N>& k, int x,
+                                                        const float* depths, const float* ramps,
+                                                        LaneResults* out) {
+    I located;
+    I keys[3];
+    I neighbours;
+    locateVector<F, I, N>(k, x, depths, ramps, located, keys, neighbours);
+    for (int group = 0; group < N / kLanes; ++group) {
+        takeLanes(located, keys, neighbours, group * kLanes, out[group]);
+    }
 }
 
-// Eight pixels as two groups of four.
-using LocateEight = void (*)(const Unprojection&, int, float, const float*, const float*,
-                             LaneResults (&)[2]);
+// The first `count` pixels of row y (a multiple of eight) as groups of four, into `out`.
+using LocateRow = void (*)(const Unprojection&, float, const float*, const float*, int,
+                           LaneResults*);
 
-void locateEightBy4(const Unprojection& u, int x, float y, const float* depths, const float* ramps,
-                    LaneResults (&out)[2]) {
-    locateLanes(u, x, y, depths, ramps, out[0]);
-    locateLanes(u, x + kLanes, y, depths + kLanes, ramps + kLanes, out[1]);
+void locateRowBy4(const Unprojection& u, float y, const float* depths, const float* ramps,
+                  int count, LaneResults* out) {
+    LaneConstants<Float4, 4> k;
+    k.set(u, y);
+    for (int x = 0; x < count; x += kLanes) {
+        locateGroups<Float4, Int4, 4>(k, x, depths + x, ramps + x, out + x / kLanes);
+    }
 }
 
 #if defined(__x86_64__)
 using Float8 = float __attribute__((vector_size(32)));
 using Int8 = int32_t __attribute__((vector_size(32)));
 
-__attribute__((target("avx2"))) void locateEightAvx2(const Unprojection& u, int x, float y,
-                                                     const float* depths, const float* ramps,
-                                                     LaneResults (&out)[2]) {
-    Int8 located;
-    Int8 keys[3];
-    Int8 neighbours;
-    locateVector<Float8, Int8, 8>(u, x, y, depths, ramps, located, keys, neighbours);
-    takeLanes(located, keys, neighbours, 0, out[0]);
-    takeLanes(located, keys, neighbours, kLanes, out[1]);
+__attribute__((target("avx2"))) void locateRowAvx2(const Unprojection& u, float y,
+                                                   const float* depths, const float* ramps,
+                                                   int count, LaneResults* out) {
+    LaneConstants<Float8, 8> k;
+    k.set(u, y);
+    for (int x = 0; x < count; x += 2 * kLanes) {
+        locateGroups<Float8, Int8, 8>(k, x, depths + x, ramps + x, out + x / kLanes);
+    }
 }
 #endif
 
-LocateEight chooseLocateEight() {
+LocateRow chooseLocateRow() {
 #if defined(__x86_64__)
     if (__builtin_cpu_supports("avx2")) {
-        return locateEightAvx2;
+        return locateRowAvx2;
     }
 #endif
-    return locateEightBy4;
+    return locateRowBy4;
 }
 
 // Drops the neighbours whose keys would leave the range of keys: they are never wrapped.
@@ -434,7 +451,7 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
         return rampIsConstant ? constantRamp : errorModel.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
     };
 
-    static const LocateEight locateEight = chooseLocateEight();
+    static const LocateRow locateRow = chooseLocateRow();
     HitTable table(static_cast<uint32_t>(grid.size()));
     RunRecorder runs(table);
     size_t visited = 0;
@@ -466,12 +483,12 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
 
     const int width = frame.depth.width();
     const int height = frame.depth.height();
+    std::vector<float> rowRamps(static_cast<size_t>(std::max(width, 0)));
+    std::vector<LaneResults> rowGroups(static_cast<size_t>(std::max(width, 0)) / kLanes);
     for (int y = 0; y < height; y += prepareStep) {
         const float* row = frame.depth.pixels() + static_cast<size_t>(y) * frame.depth.bufSize()(0);
         int x = 0;
         if (prepareStep == 1) {
-            LaneResults lanes[2];
-            float ramps[2 * kLanes];
             // Four located points one after the other.
             const auto consume = [&](const LaneResults& group, int first) {
                 if (group.uniform && !filtering) {
@@ -491,25 +508,23 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
                     }
                 }
             };
-            const auto fillRamps = [&](int first, int count) {
-                for (int lane = 0; lane < count; ++lane) {
-                    const float d = row[first + lane];
-                    ramps[lane] = d > 0.0f ? rampAt(d) : 0.0f;
-                }
-            };
-            for (; x + 2 * kLanes <= width; x += 2 * kLanes) {
-                fillRamps(x, 2 * kLanes);
-                locateEight(u, x, static_cast<float>(y), row + x, ramps, lanes);
-                visited += 2 * kLanes;
-                consume(lanes[0], x);
-                consume(lanes[1], x + kLanes);
+            const int body = width / (2 * kLanes) * (2 * kLanes);
+            const int grouped = width / kLanes * kLanes;
+            for (x = 0; x < grouped; ++x) {
+                const float d = row[x];
+                rowRamps[x] = d > 0.0f ? rampAt(d) : 0.0f;
             }
-            for (; x + kLanes <= width; x += kLanes) {
-                fillRamps(x, kLanes);
-                locateLanes(u, x, static_cast<float>(y), row + x, ramps, lanes[0]);
-                visited += kLanes;
-                consume(lanes[0], x);
+            locateRow(u, static_cast<float>(y), row, rowRamps.data(), body, rowGroups.data());
+            if (grouped > body) {
+                LaneConstants<Float4, 4> k;
+                k.set(u, static_cast<float>(y));
+                locateGroups<Float4, Int4, 4>(k, body, row + body, rowRamps.data() + body,
+                                              rowGroups.data() + body / kLanes);
             }
+            for (x = 0; x < grouped; x += kLanes) {
+                consume(rowGroups[x / kLanes], x);
+            }
+            visited += static_cast<size_t>(grouped);
         }
         for (; x < width; x += prepareStep) {
             onePixel(x, y, row[x]);
