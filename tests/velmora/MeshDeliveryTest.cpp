@@ -191,6 +191,8 @@ TEST_P(MeshDeliveryTest, ColoursAndRemeshingFollowTheChangedBlocks) {
         return unseen;
     };
     addColour(*scene);
+    // A request without colours first: the coloured one after it must not be handed its merge.
+    ASSERT_EQ(readMesh(*scene, kWholeScene).result, kSuccess);
     const size_t unseen = read(*scene, 0), vertices = positions.size();
     ASSERT_GT(unseen, 0u);
     const auto before = meshStreams(*scene, false), coloursBefore = meshStreams(*scene, true);
