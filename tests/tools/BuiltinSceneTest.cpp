@@ -1,5 +1,4 @@
-// The tool's built-in scene: rendered depth, labels and colours against the geometry and the
-// truth the accuracy report measures against, the camera path, and the noise.
+// The tool's built-in scene: rendered depth, labels and colours, and the noise.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,6 +1,4 @@
-// The tool's parts on canned data: the readers against the library's protocols, PLY and JSON read
-// back, the pictures, the accuracy measures against the built-in scene's truth, output paths and
-// compound arguments.
+// The tool's parts on canned data: readers, PLY and JSON, pictures, accuracy, arguments.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,6 +1,5 @@
-// The label and colour paths: split-mode labels vote on the surface the depth frames built and
-// consume the queue, colour frames become keyframes with the depth the volume shows, and the
-// cameras are fixed by the first colour frame; a label and a colour image of one view render once.
+// The label and colour paths: split-mode label votes and their queue, colour keyframes and the
+// cameras the first colour frame fixes.
 #include <gtest/gtest.h>
 
 #include <cstring>

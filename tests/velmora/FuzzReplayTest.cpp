@@ -1,7 +1,5 @@
-// Replays the seeds of the fuzzers and every input they found (tests/fuzz/corpus and
-// tests/fuzz/regressions) through the same harnesses: each must run to its end with every
-// promise of the harness kept. The sanitizer suite runs them under AddressSanitizer and
-// UndefinedBehaviorSanitizer, as the fuzzers do.
+// The fuzzers' seeds and every input they found, replayed through the same harnesses (and under
+// the sanitizers by the sanitizer suite): each runs to its end with every promise kept.
 #include <gtest/gtest.h>
 
 #include <algorithm>

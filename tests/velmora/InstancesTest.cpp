@@ -1,6 +1,5 @@
-// getObjectInstances on boxes on a floor fused with label images, in both run modes: one
-// instance per object with its label and bounds, identities that persist, relabelled pieces that
-// give their identities back, and the two-call protocol with every way a host can size its spans.
+// getObjectInstances on boxes on a floor in both run modes: instances, labels and bounds,
+// identities that persist or are given back, and the two-call protocol.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,5 @@
-// extractSurface on a box on a floor fused in both run modes: the surface against the true
-// distance, instance ids and meshes, both public forms, vertex colours, re-meshing only what
-// changed, the result codes and the buffer checks.
+// extractSurface on a box on a floor in both run modes: the surface, instance meshes, both forms,
+// colours, re-meshing, the result codes and the buffer checks.
 #include <gtest/gtest.h>
 
 #include <cmath>

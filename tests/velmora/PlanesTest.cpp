@@ -1,6 +1,5 @@
-// getPlanes through the scene: the planes of a fused furnished room in both run modes (equation,
-// label, closed outline on the plane, the merge links), the three-call protocol with every edge
-// case as one table, and split mode with labels arriving only every few depth frames.
+// getPlanes on a fused furnished room in both run modes, the three-call protocol as one table,
+// and split mode with sparse label frames.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,6 +1,4 @@
-// The scene's spatial queries on views fused through submitImages: collision and clearance of
-// point, box and sphere against a wall (split mode), the mappings of fruitless searches, the
-// sphere's own rule, and placement on a floor and a wall in both run modes.
+// Collision, clearance and placement against a fused floor and wall.
 #include <gtest/gtest.h>
 
 #include <cmath>

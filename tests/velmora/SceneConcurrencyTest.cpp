@@ -1,7 +1,5 @@
-// Every query of the scene from reader threads while a producer fuses depth and label frames of a
-// furnished room, in both run modes: each answer is one the protocols allow (the scene may grow
-// between the calls of a read, so a late -11 is legal), and nothing races (CI runs this suite
-// under ThreadSanitizer). Once fusion is done, the answers show the room.
+// Every query from reader threads while a producer fuses, in both run modes: only answers the
+// protocols allow (a late -11 is legal), no races (CI runs this under ThreadSanitizer).
 #include <gtest/gtest.h>
 
 #include <algorithm>
