@@ -283,6 +283,30 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
     }
 }
 
+// A wall just past a block face (x = 12 blocks of 0.16 m) seen through fused free space: rays
+// step over blocks in front of it without reads and meet its back values as the first read of
+// the next block, so the crossing takes a value stepped over. Every pixel as the plain rendering.
+TYPED_TEST(RaycastGrids, CrossingJustPastABlockFaceGivesThePlainDepths) {
+    for (const double offset : {0.003, 0.009, 0.015}) {
+        AnalyticScene scene;
+        scene.add(Velmora::Test::makeBox({1.92 + offset, -3.0, -3.0}, {3.0, 5.0, 5.0}, 2,
+                                         {200, 200, 200}));
+        TypeParam grid;
+        Velmora::Test::configureGrid(grid, kSpacing);
+        for (const double y : {1.0, 0.6}) {
+            PinholeCamera camera;
+            camera.T_world_camera =
+                Velmora::Test::lookAt({0.8, y, 1.0}, {2.0, 1.0, 1.0}, {0, 0, 1});
+            Velmora::Test::fuseView(grid, scene, camera, kTruncation);
+        }
+        PinholeCamera camera = wallCamera();
+        camera.width = 81;
+        camera.height = 61;
+        IntegrationStats stats;
+        EXPECT_GT(renderBothWays(grid, camera, true, stats), 1000) << offset;
+    }
+}
+
 constexpr float kDimension = 8 * kSpacing;  // block edge, metres
 constexpr short kFree = kMaxDepthValue;     // +1.0, in front of the band
 constexpr short kSolid = -kMaxDepthValue;
