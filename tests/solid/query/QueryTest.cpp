@@ -307,6 +307,20 @@ TYPED_TEST(RaycastGrids, CrossingJustPastABlockFaceGivesThePlainDepths) {
     }
 }
 
+// With a focal length of a thousandth of a pixel every ray runs almost parallel to the image
+// plane and would cross tens of thousands of blocks before the far plane; the walk gives way to
+// a march from the near plane, whose samples the far plane bounds.
+TEST(RaycastBound, TinyFocalLengthMarchesFromTheNearPlane) {
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kSpacing);
+    Velmora::Test::fuseView(grid, wallScene(), wallCamera(), kTruncation);
+    PinholeCamera camera = wallCamera();
+    camera.fx = camera.fy = 0.001;
+    IntegrationStats stats;
+    renderBothWays(grid, camera, false, stats);
+    EXPECT_EQ(stats.raycastRays, static_cast<size_t>(camera.width * camera.height));
+}
+
 constexpr float kDimension = 8 * kSpacing;  // block edge, metres
 constexpr short kFree = kMaxDepthValue;     // +1.0, in front of the band
 constexpr short kSolid = -kMaxDepthValue;
