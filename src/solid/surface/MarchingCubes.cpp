@@ -1,6 +1,7 @@
 #include "solid/surface/MarchingCubes.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 
 #include "common/Trace.h"
@@ -76,7 +77,9 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Volume& volume, 
     const Index3& bounds = volume.bounds();
     Vec3 origin;
     for (int a = 0; a < 3; ++a) {
-        origin[a] = spacing[a] * static_cast<float>(bounds[a] * blockIndex[a]);
+        // In 64 bits: keys of far-away blocks times the block's cells leave the range of int.
+        origin[a] =
+            spacing[a] * static_cast<float>(static_cast<int64_t>(bounds[a]) * blockIndex[a]);
     }
     const unsigned int base = points.size();
     points.reserve(base + mBlockPoints.size());
