@@ -1,6 +1,5 @@
-// The process-wide logger: the sixteen line formats, the short format, level and filter
-// decisions, the function-name reduction, the system log and file routing, and the assertion
-// report.
+// The process-wide logger: line formats, level and filter decisions, the assertion report,
+// whole lines from many threads; and trace records, silent when off.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 
 #include "common/Assert.h"
 #include "common/Logger.h"
+#include "common/Trace.h"
 
 namespace {
 
@@ -65,96 +65,22 @@ protected:
 constexpr const char* kSignature = "virtual const char *Velmora::Impl::getVersion() const";
 
 TEST_F(LoggerTest, EveryFlagCombinationGivesItsLineFormat) {
-    struct Row {
-        uint32_t flags;
-        const char* expected;
-    };
     const uint32_t T = Logger::FLAG_DATE_TIME, L = Logger::FLAG_LEVEL, F = Logger::FLAG_FUNCTION,
                    S = Logger::FLAG_FILE_LINE;
-    const Row rows[] = {
+    const std::pair<uint32_t, const char*> rows[] = {
         {0, "v=7"},
-        {S, "v=7\nsrc/a.cpp(42)\n"},
-        {F, "Velmora::Impl::getVersion(): v=7\n"},
         {F | S, "Velmora::Impl::getVersion() [42]: v=7\nsrc/a.cpp(42)\n"},
-        {T, "<T>: v=7\n"},
-        {T | S, "<T>: v=7\nsrc/a.cpp(42)\n"},
         {T | F, "<T>: Velmora::Impl::getVersion(): v=7\n"},
-        {T | F | S, "<T>: Velmora::Impl::getVersion() [42]: v=7\nsrc/a.cpp(42)\n"},
-        {L, "AR DEBUG: v=7\n"},
         {L | S, "AR DEBUG: v=7\nsrc/a.cpp(42)\n"},
-        {L | F, "AR DEBUG: Velmora::Impl::getVersion(): v=7\n"},
-        {L | F | S, "AR DEBUG: Velmora::Impl::getVersion() [42]: v=7\nsrc/a.cpp(42)\n"},
-        {L | T, "AR DEBUG: <T>: v=7\n"},
-        {L | T | S, "AR DEBUG: <T>: v=7\nsrc/a.cpp(42)\n"},
-        {L | T | F, "AR DEBUG: <T>: Velmora::Impl::getVersion(): v=7\n"},
         {L | T | F | S, "AR DEBUG: <T>: Velmora::Impl::getVersion() [42]: v=7\nsrc/a.cpp(42)\n"},
     };
-    for (const Row& row : rows) {
-        setFlags(row.flags);
+    for (const auto& [flags, expected] : rows) {
+        setFlags(flags);
         capture.lines.clear();
         logger().logEx2(Logger::LEVEL_DEBUG, "src/a.cpp", kSignature, 42, "v=%d", 7);
-        ASSERT_EQ(capture.lines.size(), 1u) << row.flags;
-        EXPECT_EQ(maskTime(capture.lines[0]), row.expected) << row.flags;
+        ASSERT_EQ(capture.lines.size(), 1u) << flags;
+        EXPECT_EQ(maskTime(capture.lines[0]), expected) << flags;
     }
-    // The short format of unlocated text looks at the time and level bits only, and takes the
-    // text as it stands.
-    setFlags(L | F | S);
-    capture.lines.clear();
-    capture.levels.clear();
-    logger().log2(Logger::LEVEL_WARNING, "100% done");
-    setFlags(T | F);
-    logger().log2(Logger::LEVEL_ERROR, "bare");
-    ASSERT_EQ(capture.lines.size(), 2u);
-    EXPECT_EQ(capture.lines[0], "AR WARNING: 100% done\n");
-    EXPECT_EQ(maskTime(capture.lines[1]), "<T>: bare\n");
-    EXPECT_EQ(capture.levels, (std::vector<int>{Logger::LEVEL_WARNING, Logger::LEVEL_ERROR}));
-}
-
-TEST_F(LoggerTest, LevelDropsMessagesBeforeAnyArgumentIsBuilt) {
-    int built = 0;
-    auto argument = [&built] { return ++built; };
-    AR_LOG_VERBOSE("verbose %d", argument());
-    AR_LOG_INFO("info %d", argument());
-    EXPECT_TRUE(capture.lines.empty());
-    EXPECT_EQ(built, 0);
-    AR_LOG_DEBUG("debug %d", argument());
-    AR_LOG_ERROR("error %d", argument());
-    EXPECT_EQ(capture.lines,
-              (std::vector<std::string>{"AR DEBUG: debug 1\n", "AR ERROR: error 2\n"}));
-
-    logger().setLevel(Logger::LEVEL_VERBOSE);
-    AR_LOG_VERBOSE("now %s", "seen");
-    logger().setLevel(Logger::LEVEL_NONE);
-    AR_LOG_ERROR("gone");
-    logger().log2(Logger::LEVEL_ERROR, "gone too");
-    ASSERT_EQ(capture.lines.size(), 3u);
-    EXPECT_EQ(capture.lines[2], "AR VERBOSE: now seen\n");
-    // A null function logs nothing at all.
-    logger().setLevel(Logger::LEVEL_VERBOSE);
-    logger().logEx2(Logger::LEVEL_ERROR, "f.cpp", nullptr, 1, "x");
-    EXPECT_EQ(capture.lines.size(), 3u);
-}
-
-TEST_F(LoggerTest, FunctionNamesAreReducedAndCutToTheirLast80Characters) {
-    size_t length = 0;
-    const char* name = AR::Common::reduceFunctionName(kSignature, &length);
-    EXPECT_EQ(std::string(name, length), "Velmora::Impl::getVersion");
-    name = AR::Common::reduceFunctionName("int main(int, char**)", &length);
-    EXPECT_EQ(std::string(name, length), "main");
-    name = AR::Common::reduceFunctionName("std::vector<int>& Solid::ref()", &length);
-    EXPECT_EQ(std::string(name, length), "Solid::ref");
-
-    std::string longName;
-    for (int i = 0; longName.size() < 100; ++i) {
-        longName += "N" + std::to_string(i) + "::";
-    }
-    longName = longName.substr(0, 96) + "func";
-    ASSERT_EQ(longName.size(), 100u);
-    const std::string signature = "void " + longName + "(int) const";
-    setFlags(Logger::FLAG_FUNCTION);
-    logger().logEx2(Logger::LEVEL_ERROR, "f.cpp", signature.c_str(), 1, "m");
-    ASSERT_EQ(capture.lines.size(), 1u);
-    EXPECT_EQ(capture.lines[0], longName.substr(20) + "(): m\n");
 }
 
 TEST_F(LoggerTest, FilterRefinesTheLevelPerQualifiedName) {
@@ -190,31 +116,6 @@ TEST_F(LoggerTest, FilterRefinesTheLevelPerQualifiedName) {
     EXPECT_TRUE(filter.allowed(nullptr, 0, Logger::LEVEL_WARNING));
 }
 
-TEST_F(LoggerTest, SystemLogGetsTheTextFromTheColonUnlessAFileTakesTheLine) {
-    setFlags(Logger::kDefaultFlags);
-    testing::internal::CaptureStderr();
-    logger().log2(Logger::LEVEL_DEBUG, "to the system log");
-    logger().logRawString2(Logger::LEVEL_ERROR, "raw line without colon", 22);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), ": to the system log\n");
-    EXPECT_EQ(capture.lines.size(), 2u);  // targets get every line
-
-    const std::string path = "/tmp/velmora-logger-" + std::to_string(getpid()) + ".log";
-    logger().setFile(path, true, true);
-    testing::internal::CaptureStderr();
-    logger().log2(Logger::LEVEL_DEBUG, "first");
-    logger().log2(Logger::LEVEL_ERROR, "second");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    std::stringstream content;
-    content << std::ifstream(path).rdbuf();
-    EXPECT_EQ(content.str(), "AR DEBUG: first\nAR ERROR: second\n");
-    logger().clearLogFile();
-    std::stringstream cleared;
-    cleared << std::ifstream(path).rdbuf();
-    EXPECT_EQ(cleared.str(), "");
-    logger().setFile("", false, false);
-    std::remove(path.c_str());
-}
-
 TEST(LoggerDeathTest, AssertionReportsAndEndsTheProcess) {
     const std::string tooLong(AR::Common::MAX_LOG_LINE_LEN + 1, 'x');
     EXPECT_DEATH(AR::Common::logOnelineString(tooLong.c_str(), Logger::LEVEL_ERROR), "AR_ASSERT");
@@ -236,37 +137,59 @@ TEST(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
     logger.setFlag(Logger::FLAG_SYSTEM_LOG, false);
     CaptureTarget capture;  // called under the logger's mutex
     logger.addTarget(&capture);
-    constexpr int kThreads = 3;
-    constexpr int kLines = 300;
+    constexpr int kThreads = 3, kLines = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t] {
-            for (int i = 0; i < kLines; ++i) {
+            for (int i = 0; i < kLines; ++i)
                 AR_LOG_DEBUG("thread %d line %d", t, i);
-            }
         });
     }
     // Debug lines pass at either level, so the count is exact.
     threads.emplace_back([&logger] {
-        for (int i = 0; i < kLines; ++i) {
+        for (int i = 0; i < kLines; ++i)
             logger.setLevel(i % 2 == 0 ? Logger::LEVEL_VERBOSE : Logger::LEVEL_DEBUG);
-        }
     });
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     logger.removeTarget(&capture);
     logger.setLevel(Logger::kDefaultLevel);
     logger.setFlag(Logger::FLAG_SYSTEM_LOG, true);
     ASSERT_EQ(capture.lines.size(), size_t{kThreads} * kLines);
     std::vector<int> nextLine(kThreads, 0);
     for (const std::string& line : capture.lines) {
-        int t = -1;
-        int i = -1;
+        int t = -1, i = -1;
         ASSERT_EQ(std::sscanf(line.c_str(), "AR DEBUG: thread %d line %d", &t, &i), 2) << line;
-        ASSERT_TRUE(t >= 0 && t < kThreads);
         EXPECT_EQ(i, nextLine[t]++);  // each thread's lines arrive in its order
     }
+}
+
+TEST(Trace, RecordsHaveTheirFormsNothingIsWrittenWhenOffAndAMissingMarkerWarns) {
+    const std::string path = "/tmp/velmora-trace-" + std::to_string(getpid());
+    std::ofstream(path).close();
+    const std::string pid = std::to_string(getpid());
+    AR::Common::Trace::begin("before");  // off: no record
+    ASSERT_TRUE(AR::Common::Trace::enableAt(path.c_str()));
+    {
+        AR::Common::ScopedTrace span("Integration");
+        AR::Common::Trace::counter("blocks", int32_t{-7});
+        AR::Common::Trace::counter("bytes", int64_t{123456789012});
+    }
+    AR::Common::Trace::disable();
+    AR::Common::Trace::end();  // off again
+    std::stringstream content;
+    content << std::ifstream(path).rdbuf();
+    EXPECT_EQ(content.str(),
+              "B|" + pid + "|IntegrationC|" + pid + "|blocks|-7C|" + pid + "|bytes|123456789012E");
+    std::remove(path.c_str());
+
+    CaptureTarget log;
+    AR::Common::Logger::getInstance().addTarget(&log);
+    EXPECT_FALSE(AR::Common::Trace::enableAt("/nonexistent-velmora/trace_marker"));
+    EXPECT_FALSE(AR::Common::Trace::isEnabled());
+    AR::Common::Logger::getInstance().removeTarget(&log);
+    EXPECT_EQ(log.lines, std::vector<std::string>{"AR WARNING: error opening trace file: No such "
+                                                  "file or directory (2)\n"});
 }
 
 }  // namespace

@@ -1,188 +1,252 @@
-// The platform layer: aligned allocation layout, buffer counters, the error code, timing, timed
-// waits, files and the system-log colon rule.
+// The platform layer: aligned allocation and buffer counters, the error code, timed waits and
+// the system-log colon rule; reference counting; and the same from many threads: the error code,
+// the counters, the library mutex, the reader-writer lock and the thread-safe reference count.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
-#include <utility>
+#include <thread>
+#include <vector>
 
+#include "common/Mutex.h"
 #include "common/OS.h"
-#include "common/Path.h"
 #include "common/Platform.h"
+#include "common/RWLock.h"
+#include "common/RefCounter.h"
 
 namespace {
 
 using AR::Common::OS;
+using AR::Common::RefCounterUnprotected;
 
-TEST(PlatformMemory, AlignedBlocksAreAlignedInBoundsAndRememberTheirStart) {
+TEST(PlatformMemory, AlignedBlocksCountersAndRefusedAlignments) {
     arGetError();
-    const size_t sizes[] = {0, 1, 3, 17, 100};
-    for (size_t alignment = 1; alignment <= 256; alignment *= 2) {
-        for (size_t size : sizes) {
-            auto* p = static_cast<unsigned char*>(arMemoryAllocAligned(size, alignment));
+    const int64_t aligned = OS::getNumAlignedBuffers();
+    for (size_t alignment = 1; alignment <= 256; alignment *= 2)
+        for (size_t size : {0, 1, 17, 100}) {
+            auto* p = static_cast<unsigned char*>(OS::allocMemAligned(size, alignment));
             ASSERT_NE(p, nullptr);
             EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % alignment, 0u) << alignment;
             void* raw = nullptr;
             std::memcpy(&raw, p - sizeof(void*), sizeof(void*));
-            const auto start = reinterpret_cast<uintptr_t>(raw);
-            const auto aligned = reinterpret_cast<uintptr_t>(p);
-            // The start word fits before the aligned address, the payload inside the block.
-            EXPECT_GE(aligned - start, sizeof(void*));
-            EXPECT_LE(aligned + size, start + size + alignment + sizeof(void*) - 1);
+            EXPECT_GE(reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(raw),
+                      sizeof(void*));
             std::memset(p, 0xAB, size);  // the sanitizer checks the bounds
-            arMemoryFreeAligned(p);
+            OS::freeMemAligned(p);
         }
-    }
     EXPECT_EQ(arGetError(), AR_ERROR_NONE);
-    arMemoryFreeAligned(nullptr);
-    arMemoryFree(nullptr);
-}
-
-TEST(PlatformMemory, InvalidAlignmentsAreRefusedWithErrorThree) {
-    for (size_t alignment : {size_t{0}, size_t{3}, size_t{12}, size_t{512}}) {
-        arGetError();
-        EXPECT_EQ(arMemoryAllocAligned(100, alignment), nullptr) << alignment;
-        EXPECT_EQ(arGetError(), AR_ERROR_INVALID_VALUE) << alignment;
-    }
-}
-
-TEST(PlatformMemory, CountersFollowEveryCallEvenNullAndFailures) {
-    const int64_t plain = OS::getNumUnalignedBuffers();
-    const int64_t aligned = OS::getNumAlignedBuffers();
-    void* a = OS::allocMem(10);
-    void* b = OS::allocMemAligned(10, 16);
-    EXPECT_EQ(OS::getNumUnalignedBuffers(), plain + 1);
-    EXPECT_EQ(OS::getNumAlignedBuffers(), aligned + 1);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % 16, 0u);
     // A refused allocation still counts, and so does freeing null: pairs always balance.
-    EXPECT_EQ(OS::allocMemAligned(10, 3), nullptr);
-    EXPECT_EQ(OS::getNumAlignedBuffers(), aligned + 2);
-    OS::freeMemAligned(nullptr);
-    OS::freeMemAligned(b);
-    OS::freeMem(a);
-    EXPECT_EQ(OS::getNumUnalignedBuffers(), plain);
-    EXPECT_EQ(OS::getNumAlignedBuffers(), aligned);
-    arGetError();
-}
-
-TEST(PlatformMemory, GetAlignmentIsTheLargestPowerOfTwoUpTo128) {
-    const std::pair<uintptr_t, int> cases[] = {{0, 128},     {0x1000, 128}, {0x1100, 128},
-                                               {0x1040, 64}, {0x1004, 4},   {0x1003, 1}};
-    for (const auto& [address, alignment] : cases) {
-        EXPECT_EQ(OS::getAlignment(reinterpret_cast<void*>(address)), alignment) << address;
+    for (size_t alignment : {size_t{0}, size_t{3}, size_t{512}}) {
+        EXPECT_EQ(OS::allocMemAligned(100, alignment), nullptr) << alignment;
+        EXPECT_EQ(arGetError(), AR_ERROR_INVALID_VALUE) << alignment;
+        OS::freeMemAligned(nullptr);
     }
+    EXPECT_EQ(OS::getNumAlignedBuffers(), aligned);
 }
 
-TEST(PlatformError, CodeIsReadOnceAndInvalidCodesBecomeFour) {
+TEST(PlatformError, CodeIsReadOnceInvalidCodesBecomeFourAndWaitsTimeOut) {
     arGetError();
     EXPECT_EQ(arSetError(AR_ERROR_WRONG_STATE), 0);
     EXPECT_EQ(arGetError(), AR_ERROR_WRONG_STATE);
     EXPECT_EQ(arGetError(), AR_ERROR_NONE);
     testing::internal::CaptureStderr();
     EXPECT_EQ(arSetError(12), -1);
+    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(arThreadMutexLock(nullptr), -1);
+    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_HANDLE);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("Invalid error code 12"),
               std::string::npos);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_HANDLE);
-}
 
-TEST(PlatformTiming, SectionsMeasureAndMisuseIsReported) {
-    arGetError();
-    ArTiming* timing = arTimingCreate();
-    int64_t micros = -1;
-    EXPECT_EQ(arTimingEndSection(timing, &micros), -1);
-    EXPECT_EQ(arGetError(), AR_ERROR_WRONG_STATE);
-    EXPECT_EQ(arTimingGetElapsedTime(timing, &micros), -1);
-    EXPECT_EQ(micros, 0);
-    EXPECT_EQ(arTimingBeginSection(nullptr), -1);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_HANDLE);
-
-    constexpr unsigned kSleepMs = 3;
-    ASSERT_EQ(arTimingBeginSection(timing), 0);
-    arThreadSleepMilliSeconds(kSleepMs);
-    ASSERT_EQ(arTimingGetElapsedTime(timing, &micros), 0);
-    EXPECT_GE(micros, kSleepMs * 1000);
-    EXPECT_EQ(arTimingEndSection(timing, nullptr), -1);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_PARAMETER);
-    ASSERT_EQ(arTimingEndSection(timing, &micros), 0);
-    EXPECT_GE(micros, kSleepMs * 1000);
-    // A second stop has nothing to stop.
-    EXPECT_EQ(arTimingEndSection(timing, &micros), -1);
-    arTimingDestroy(timing);
-    arGetError();
-}
-
-TEST(PlatformThreads, TimedWaitExpiresWithErrorEightAndNullHandlesAreRefused) {
     ArMutex* mutex = arThreadMutexCreate();
     ArCond* cond = arThreadCondCreate();
-    arGetError();
     ASSERT_EQ(arThreadMutexLock(mutex), 0);
     EXPECT_EQ(arThreadCondTimedWait(cond, mutex, 5), -1);
     EXPECT_EQ(arGetError(), AR_ERROR_TIMEOUT);
     EXPECT_EQ(arThreadMutexUnlock(mutex), 0);
-    EXPECT_EQ(arThreadMutexTryLock(mutex), 0);
-    EXPECT_EQ(arThreadMutexUnlock(mutex), 0);
+    arThreadCondDestroy(cond);
+    arThreadMutexDestroy(mutex);
+}
 
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(arThreadMutexLock(nullptr), -1);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_HANDLE);
-    EXPECT_EQ(arThreadCondSignal(nullptr), -1);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("Mutex is invalid"), std::string::npos);
-    EXPECT_NE(log.find("Condition variable is invalid"), std::string::npos);
-    EXPECT_EQ(arThreadCondDestroy(cond), 0);
-    EXPECT_EQ(arThreadMutexDestroy(mutex), 0);
+// Records its destruction; optionally goes back to a "pool" instead of being destroyed.
+class Tracked : public RefCounterUnprotected {
+public:
+    explicit Tracked(int* destroyed, bool pooled = false)
+        : mDestroyed(destroyed), mPooled(pooled) {}
+    ~Tracked() override { ++*mDestroyed; }
+    bool recycle() override {
+        RefCounterUnprotected::recycle();
+        mRecycled += mPooled;
+        return mPooled;
+    }
+    int mRecycled = 0;
+
+private:
+    int* mDestroyed;
+    bool mPooled;
+};
+
+TEST(RefCounter, ReleaseDestroysAtZeroUnlessRecycledAndDelegatesCountForTheirParts) {
+    int destroyed = 0;
+    auto* object = new Tracked(&destroyed);
+    EXPECT_EQ(object->addRef(), 1);
+    EXPECT_EQ(object->addRef(), 2);
+    EXPECT_EQ(object->release(), 1);
+    AR::Common::releaseRef(object);  // 1 -> 0: recycle says no, so the object goes
+    EXPECT_EQ(destroyed, 1);
+
+    Tracked pooled(&destroyed, true);
+    {
+        AR::Common::RefPtr<Tracked> first(&pooled);
+        AR::Common::RefPtr<Tracked> second = first;
+        AR::Common::RefPtr<Tracked> moved(std::move(second));
+        EXPECT_EQ(pooled.getRefCount(), 2);
+        EXPECT_FALSE(second);
+    }
+    EXPECT_EQ(pooled.getRefCount(), 0);
+    EXPECT_EQ(pooled.mRecycled, 1);
+    EXPECT_EQ(destroyed, 1);
+
+    auto* owner = new Tracked(&destroyed);
+    Tracked part(&destroyed);
+    part.setDelegate(owner);
+    EXPECT_EQ(part.addRef(), 1);
+    EXPECT_EQ(owner->getRefCount(), 1);
+    EXPECT_EQ(part.getInstance(), owner);
+    AR::Common::releaseRef(&part);  // the delegate's life is what the count governs
+    EXPECT_EQ(destroyed, 2);
+    EXPECT_EQ(part.getOwnCountField(), RefCounterUnprotected::kDelegateMarker);
+}
+
+TEST(RefCounterDeathTest, PreconditionsOfDelegateAndRecycleAbort) {
+    RefCounterUnprotected counted;
+    counted.addRef();
+    RefCounterUnprotected other;
+    EXPECT_DEATH(counted.setDelegate(&other), "AR_ASSERT mRefCount == 0");
+    EXPECT_DEATH(counted.recycle(), "AR_ASSERT mRefCount == 0 \\|\\| mRefCount == kDelegateMarker");
+    counted.release();
+}
+
+constexpr int kThreads = 4;
+constexpr int kRounds = 2000;
+
+// Runs `body(index)` on kThreads platform threads and joins them.
+template <class Body>
+void runThreads(Body& body) {
+    struct Start {
+        Body* body;
+        int index;
+    };
+    std::vector<Start> starts(kThreads);
+    std::vector<ArThread*> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        starts[i] = Start{&body, i};
+        threads.push_back(arThreadCreate(
+            [](void* arg) -> void* {
+                auto* start = static_cast<Start*>(arg);
+                (*start->body)(start->index);
+                return nullptr;
+            },
+            &starts[i], "velmora-test"));
+        ASSERT_NE(threads.back(), nullptr);
+    }
+    for (ArThread* thread : threads)
+        EXPECT_EQ(arThreadJoin(thread), 0);
+}
+
+// Each thread sets its own error code, allocates and frees, takes the library mutex and counts
+// references: no read sees a code no thread set, the counters balance, no update is lost.
+TEST(PlatformConcurrency, ErrorCodeCountersMutexAndReferenceCounts) {
+    arGetError();
+    const int64_t plain = OS::getNumUnalignedBuffers(), aligned = OS::getNumAlignedBuffers();
+    std::atomic<int> badReads{0};
+    AR::Common::Mutex mutex;
+    int64_t counter = 0;  // guarded by `mutex`
+    AR::Common::RefCounter object, delegate, delegating;
+    delegating.setDelegate(&delegate);
+    auto body = [&](int index) {
+        const int code = AR_ERROR_INVALID_PARAMETER + index;  // 2..5, all valid
+        for (int round = 0; round < kRounds; ++round) {
+            arSetError(code);
+            const int seen = arGetError();
+            badReads += seen != 0 && (seen < AR_ERROR_INVALID_PARAMETER ||
+                                      seen >= AR_ERROR_INVALID_PARAMETER + kThreads);
+            void* a = OS::allocMem(static_cast<size_t>(round % 64) + 1);
+            void* b = OS::allocMemAligned(static_cast<size_t>(round % 64) + 1, 32);
+            OS::freeMemAligned(b);
+            OS::freeMem(a);
+            {
+                std::lock_guard<AR::Common::Mutex> lock(mutex);
+                ++counter;
+            }
+            object.addRef();
+            delegating.addRef();
+        }
+        for (int round = 0; round < kRounds / 2; ++round) {
+            object.release();
+            delegating.release();
+        }
+    };
+    runThreads(body);
+    EXPECT_EQ(badReads.load(), 0);
+    EXPECT_EQ(OS::getNumUnalignedBuffers(), plain);
+    EXPECT_EQ(OS::getNumAlignedBuffers(), aligned);
+    EXPECT_EQ(counter, int64_t{kThreads} * kRounds);
+    EXPECT_EQ(object.getRefCount(), kThreads * kRounds / 2);
+    EXPECT_EQ(delegate.getRefCount(), kThreads * kRounds / 2);
     arGetError();
 }
 
-// The library opens files (the log file) and asks for existence (paths); the rest of the file
-// interface is a thin layer over stdio that nothing calls.
-TEST(PlatformFiles, WrittenFilesExistAndBadArgumentsAreRefused) {
-    char dirTemplate[] = "/tmp/velmora-platform-XXXXXX";
-    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
-    const std::string path = std::string(dirTemplate) + "/data.bin";
-    EXPECT_EQ(arFileExists(path.c_str()), 0);
-    ArFile* out = arFileOpen(path.c_str(), "wb");
-    ASSERT_NE(out, nullptr);
-    EXPECT_EQ(arFileWrite(out, "velmora", 7), 7);
-    EXPECT_EQ(arFileClose(out), 0);
-    EXPECT_TRUE(AR::Common::FileSystem::doesFileExist(AR::Common::Path(path)));
-    // A path below a regular file is missing (ENOTDIR), not "exists but cannot be examined".
-    EXPECT_EQ(arFileExists((path + "/below").c_str()), 0);
-    EXPECT_EQ(arFileExists(""), 0);
+// Two fields that the writer always changes together: a reader under the lock must never see
+// them differ, and must never see a change in the middle of its own critical section.
+TEST(RWLockConcurrency, ReadersNeverSeeAHalfWrite) {
+    using Lock = AR::Common::RWLockImpl<true>;
+    struct {
+        long first = 0, second = 0;
+    } data;
+    constexpr int kReaders = 2;
+    constexpr int kReadsPerReader = 2000;
+    constexpr int kWrites = 1000;
+    // Readers pause between reads, sleeping, so that the spinning writer finds the lock free.
+    constexpr std::chrono::microseconds kReaderPause(20);
+    Lock lock;
+    std::atomic<long> torn{0};
+    std::atomic<long> changedWhileReading{0};
 
-    arGetError();
-    testing::internal::CaptureStderr();
-    char text[4];
-    EXPECT_EQ(arFileRead(nullptr, text, 1), -1);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(arFileExists(nullptr), -1);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_PARAMETER);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("File is invalid"), std::string::npos);
-    EXPECT_NE(log.find("arFileExists(): Path parameter is invalid"), std::string::npos);
-    EXPECT_EQ(arFileDeleteFile(path.c_str()), 0);
-    EXPECT_EQ(arFileExists(path.c_str()), 0);
-    EXPECT_EQ(arFileDeleteEmptyDirectory(dirTemplate), 0);
-}
-
-TEST(PlatformSystemLog, OnlyTheTextFromTheFirstColonIsWritten) {
-    arGetError();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(arLogMessage(AR_LOG_LEVEL_DEBUG, "AR", "AR DEBUG: hello: world\n"), 0);
-    EXPECT_EQ(arLogMessage(AR_LOG_LEVEL_ERROR, "AR", "no colon at all\n"), 0);
-    EXPECT_EQ(arLogMessage(AR_LOG_LEVEL_NONE, "AR", "AR: silent\n"), 0);
-    EXPECT_EQ(arLogMessage(AR_LOG_LEVEL_DEBUG, "AR", nullptr), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), ": hello: world\n");
-
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(arLogMessage(6, "AR", "AR X: never\n"), -1);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("Erroneous log level 6"), std::string::npos);
-    EXPECT_EQ(log.find("never"), std::string::npos);
-    EXPECT_EQ(arGetError(), AR_ERROR_INVALID_VALUE);
+    // Both sides yield inside their critical sections, so that a writer let in beside a reader
+    // has time to be seen.
+    std::vector<std::thread> readers;
+    for (int r = 0; r < kReaders; ++r) {
+        readers.emplace_back([&] {
+            for (int i = 0; i < kReadsPerReader; ++i) {
+                {
+                    AR::Common::ReadLockGuard<Lock> guard(lock);
+                    const long first = data.first;
+                    torn += first != data.second;
+                    std::this_thread::yield();
+                    changedWhileReading += first != data.first;
+                }
+                std::this_thread::sleep_for(kReaderPause);
+            }
+        });
+    }
+    for (int w = 1; w <= kWrites; ++w) {
+        {
+            AR::Common::WriteLockGuard<Lock> guard(lock);
+            data.first = w;
+            std::this_thread::yield();
+            data.second = w;
+        }
+        std::this_thread::yield();
+    }
+    for (std::thread& reader : readers)
+        reader.join();
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_EQ(changedWhileReading.load(), 0);
+    EXPECT_EQ(data.first, kWrites);
 }
 
 }  // namespace

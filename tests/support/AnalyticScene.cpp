@@ -128,9 +128,8 @@ std::unique_ptr<Primitive> makeSphere(Vec3d centre, double radius, uint8_t label
 
 double AnalyticScene::signedDistance(const Vec3d& p) const {
     double d = std::numeric_limits<double>::infinity();
-    for (const auto& primitive : mPrimitives) {
+    for (const auto& primitive : mPrimitives)
         d = std::min(d, primitive->signedDistance(p));
-    }
     return d;
 }
 
@@ -150,12 +149,10 @@ bool AnalyticScene::cast(const Vec3d& origin, const Vec3d& direction, double& t,
 
 uint8_t AnalyticScene::nearestLabel(const Vec3d& p) const {
     size_t nearest = 0;
-    for (size_t i = 1; i < mPrimitives.size(); ++i) {
+    for (size_t i = 1; i < mPrimitives.size(); ++i)
         if (std::abs(mPrimitives[i]->signedDistance(p)) <
-            std::abs(mPrimitives[nearest]->signedDistance(p))) {
+            std::abs(mPrimitives[nearest]->signedDistance(p)))
             nearest = i;
-        }
-    }
     return mPrimitives[nearest]->label();
 }
 
@@ -260,30 +257,18 @@ RenderedFrame render(const AnalyticScene& scene, const PinholeCamera& camera, do
 }
 
 Image RenderedFrame::depthImage() const {
-    return Image{kImageDepthU16,
-                 depthMillimetres.data(),
-                 static_cast<uint32_t>(width),
-                 static_cast<uint32_t>(height),
-                 static_cast<uint32_t>(width * 2),
-                 0};
+    const auto w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
+    return Image{kImageDepthU16, depthMillimetres.data(), w, h, 2 * w, 0};
 }
 
 Image RenderedFrame::labelImage() const {
-    return Image{kImageLabelU8,
-                 labels.data(),
-                 static_cast<uint32_t>(width),
-                 static_cast<uint32_t>(height),
-                 static_cast<uint32_t>(width),
-                 0};
+    const auto w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
+    return Image{kImageLabelU8, labels.data(), w, h, w, 0};
 }
 
 Image RenderedFrame::colorImage() const {
-    return Image{kImageColorRGB8,
-                 rgb.data(),
-                 static_cast<uint32_t>(width),
-                 static_cast<uint32_t>(height),
-                 static_cast<uint32_t>(width * 3),
-                 0};
+    const auto w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
+    return Image{kImageColorRGB8, rgb.data(), w, h, 3 * w, 0};
 }
 
 }  // namespace Test

@@ -30,14 +30,11 @@ void writeLattice(Grid& grid, const Index3& lo, const Index3& hi, Write&& write)
                 grid.ensure(key);
                 auto block = grid.get(key);
                 const Vec3 origin = grid.blockOrigin(key);
-                for (int z = 0; z < 9; ++z) {
-                    for (int y = 0; y < 9; ++y) {
-                        for (int x = 0; x < 9; ++x) {
-                            write(block->at(x, y, z),
-                                  Vec3(origin[0] + spacing[0] * x, origin[1] + spacing[1] * y,
-                                       origin[2] + spacing[2] * z));
-                        }
-                    }
+                for (int i = 0; i < 729; ++i) {
+                    const int x = i % 9, y = i / 9 % 9, z = i / 81;
+                    write(block->at(x, y, z),
+                          Vec3(origin[0] + spacing[0] * x, origin[1] + spacing[1] * y,
+                               origin[2] + spacing[2] * z));
                 }
             }
         }

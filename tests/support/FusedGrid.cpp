@@ -14,8 +14,14 @@ namespace {
 // The frame path's weight cap and its unfiltered block selection.
 constexpr float kMaxWeight = 30.0f;
 
+// Fuses `frame`, whose images are set, with the pose and intrinsics of `camera`.
 template <typename Grid, typename Frame>
-void fuseFrame(Grid& grid, const Frame& frame, float truncation, Solid::Acceleration acceleration) {
+void fuseFrame(Grid& grid, Frame& frame, const PinholeCamera& camera, float truncation,
+               Solid::Acceleration acceleration) {
+    Solid::DepthFrame cameraOnly;
+    setUpFrame(cameraOnly, camera);
+    frame.pose = cameraOnly.pose;
+    frame.projection = cameraOnly.projection;
     const Solid::ConstantErrorModel errorModel(truncation);
     Solid::IntegrationStats stats;
     Solid::IndexSet updated = Solid::integrate(
@@ -46,33 +52,23 @@ void setUpFrame(Solid::DepthFrame& frame, const PinholeCamera& camera) {
     frame.projection(2, 2) = 1.0f;
     frame.projection(3, 3) = 1.0f;
     frame.depth.allocPixels(AR::CV::Size2i(camera.width, camera.height));
-    for (int y = 0; y < camera.height; ++y) {
-        for (int x = 0; x < camera.width; ++x) {
+    for (int y = 0; y < camera.height; ++y)
+        for (int x = 0; x < camera.width; ++x)
             frame.depth(x, y) = -1.0f;
-        }
-    }
 }
 
 void fuseView(Solid::DepthGrid& grid, const AnalyticScene& scene, const PinholeCamera& camera,
               float truncation) {
     const RenderedFrame view = render(scene, camera);
     Solid::DepthFrame frame = makeDepthFrame(0, view.depthImage());
-    Solid::DepthFrame cameraOnly;
-    setUpFrame(cameraOnly, camera);
-    frame.pose = cameraOnly.pose;
-    frame.projection = cameraOnly.projection;
-    fuseFrame(grid, frame, truncation, Solid::kAccelerationTavric);
+    fuseFrame(grid, frame, camera, truncation, Solid::kAccelerationTavric);
 }
 
 void fuseView(Solid::LabelDepthGrid& grid, const AnalyticScene& scene, const PinholeCamera& camera,
               float truncation) {
     const RenderedFrame view = render(scene, camera);
     Solid::LabelDepthFrame frame = makeLabelDepthFrame(0, view.depthImage(), view.labelImage());
-    Solid::DepthFrame cameraOnly;
-    setUpFrame(cameraOnly, camera);
-    frame.pose = cameraOnly.pose;
-    frame.projection = cameraOnly.projection;
-    fuseFrame(grid, frame, truncation, Solid::kAccelerationReference);
+    fuseFrame(grid, frame, camera, truncation, Solid::kAccelerationReference);
 }
 
 }  // namespace Test

@@ -44,24 +44,19 @@ void writeExactBlocks(Grid& grid, const AnalyticScene& scene, float truncation,
         auto block = grid.get(key);
         const Solid::Vec3 origin = grid.blockOrigin(key);
         const Solid::Vec3& spacing = block->spacing();
-        for (int z = 0; z < block->size()(2); ++z) {
-            for (int y = 0; y < block->size()(1); ++y) {
-                for (int x = 0; x < block->size()(0); ++x) {
-                    const Vec3d p{origin(0) + spacing(0) * x, origin(1) + spacing(1) * y,
-                                  origin(2) + spacing(2) * z};
-                    Sample& sample = block->at(x, y, z);
-                    if constexpr (!std::is_same_v<Sample, Solid::LabelVolumeSample>) {
-                        const double d =
-                            std::clamp(scene.signedDistance(p) / truncation, -1.0, 1.0);
-                        Solid::depthPart(sample) = Solid::Vec2S(
-                            static_cast<short>(std::lround(d * Solid::kMaxDepthValue)), 1);
-                    }
-                    if constexpr (!std::is_same_v<Sample, Solid::Vec2S>) {
-                        for (int v = 0; v < votes; ++v) {
-                            Solid::updateLabels(sample, scene.nearestLabel(p));
-                        }
-                    }
-                }
+        for (uint32_t i = 0; i < block->dataSize(); ++i) {
+            const int x = i % 9, y = i / 9 % 9, z = i / 81;  // 9-cube blocks
+            const Vec3d p{origin(0) + spacing(0) * x, origin(1) + spacing(1) * y,
+                          origin(2) + spacing(2) * z};
+            Sample& sample = block->at(x, y, z);
+            if constexpr (!std::is_same_v<Sample, Solid::LabelVolumeSample>) {
+                const double d = std::clamp(scene.signedDistance(p) / truncation, -1.0, 1.0);
+                Solid::depthPart(sample) =
+                    Solid::Vec2S(static_cast<short>(std::lround(d * Solid::kMaxDepthValue)), 1);
+            }
+            if constexpr (!std::is_same_v<Sample, Solid::Vec2S>) {
+                for (int v = 0; v < votes; ++v)
+                    Solid::updateLabels(sample, scene.nearestLabel(p));
             }
         }
     }

@@ -1,5 +1,7 @@
 #include "support/RenderedBlocks.h"
 
+#include "support/FusedGrid.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -17,22 +19,10 @@ RenderedDepth::RenderedDepth(const Velmora::Test::AnalyticScene& scene,
     const AR::CV::Size2i size(rendered.width, rendered.height);
     frame.depth.set(rendered.depthMetres.data(), size, size, false);
     frame.depthU16.set(rendered.depthMillimetres.data(), size, size, false);
-    frame.projection(0, 0) = static_cast<float>(cam.fx);
-    frame.projection(1, 1) = static_cast<float>(cam.fy);
-    frame.projection(0, 2) = static_cast<float>(cam.cx);
-    frame.projection(1, 2) = static_cast<float>(cam.cy);
-    // World to camera: the inverse of the rigid camera-to-world pose, [R^T | -R^T t].
-    const Velmora::Test::Pose& P = cam.T_world_camera;
-    Matrix4 pose = Matrix4::identity();
-    for (int r = 0; r < 3; ++r) {
-        double t = 0.0;
-        for (int c = 0; c < 3; ++c) {
-            pose(r, c) = static_cast<float>(P[4 * c + r]);
-            t -= P[4 * c + r] * P[4 * c + 3];
-        }
-        pose(r, 3) = static_cast<float>(t);
-    }
-    frame.pose = pose;
+    DepthFrame cameraOnly;
+    Velmora::Test::setUpFrame(cameraOnly, cam);
+    frame.projection = cameraOnly.projection;
+    frame.pose = cameraOnly.pose;
 }
 
 std::vector<KeyType> surfaceBlockKeys(const RenderedDepth& view, float dimension, int pixelStep) {
@@ -46,9 +36,8 @@ std::vector<KeyType> surfaceBlockKeys(const RenderedDepth& view, float dimension
             }
             const Velmora::Test::Vec3d p = Velmora::Test::unproject(view.camera, u, v, d);
             KeyType key;
-            for (int a = 0; a < 3; ++a) {
+            for (int a = 0; a < 3; ++a)
                 key(a) = static_cast<int>(std::floor(p[static_cast<size_t>(a)] / dimension));
-            }
             keys.push_back(key);
         }
     }

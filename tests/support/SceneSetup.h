@@ -67,9 +67,8 @@ struct TrueBox {
 inline AnalyticScene boxesOnAFloor(const std::vector<TrueBox>& boxes) {
     AnalyticScene scene;
     scene.add(makeHalfSpace({0, 0, 1}, 0.0, 1, {120, 120, 120}));
-    for (const TrueBox& box : boxes) {
+    for (const TrueBox& box : boxes)
         scene.add(makeBox(box.min, box.max, box.label, {200, 50, 50}));
-    }
     return scene;
 }
 

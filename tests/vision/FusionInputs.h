@@ -1,21 +1,18 @@
 // Random inputs for the depth-fusion kernel, and the comparison of a variant with the portable
 // kernel on them. Plain C++ without GoogleTest, so that the cross-built driver can share it.
 //
-// A case is a run of one to three blocks, posed at random (any rotation, cells of 5 to 60 mm),
-// centred on a random pixel in or around the image at a random distance, some of them near or
-// across the camera plane, a few with a lattice point on it; the depth image scatters depths around
-// the blocks with holes, NaN, infinities and negative values; the samples hold random values and
-// weights, weights also above the limit, in 100..127 and over the whole int16 range. Blocks whose
-// every lattice point projects well inside the image, far enough from the camera, may be fused
-// without bounds tests; all others have the clip bit set, as have all blocks of the few cases with
-// a NaN or infinite intrinsic.
+// A case is a run of one to three blocks at any rotation (cells of 5 to 60 mm), centred on a pixel
+// in or around the image, some near or across the camera plane, a few with a lattice point on it;
+// the depth image scatters depths around the blocks with holes, NaN, infinities and negative
+// values; the samples hold random values and weights, also above the limit, in 100..127 and over
+// the whole int16 range. Only blocks whose corners project well inside the image, far enough from
+// the camera, may go without bounds tests; every block of a case with a NaN or infinite intrinsic
+// has the clip bit.
 #ifndef VELMORA_TESTS_VISION_FUSIONINPUTS_H
 #define VELMORA_TESTS_VISION_FUSIONINPUTS_H
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -29,9 +26,7 @@ struct FusionCase {
     std::vector<short> volumes;
     unsigned volumeStrideBytes = kTvrBlockBytes;
     std::vector<float> depth;
-    unsigned width = 0;
-    unsigned height = 0;
-    unsigned depthStrideBytes = 0;
+    unsigned width = 0, height = 0, depthStrideBytes = 0;
     TvrIntrinsics intrinsics{};
     int maxWeight = 0;
 };
@@ -54,45 +49,45 @@ public:
         FusionCase c;
         c.width = uniformInt(24, 160);
         c.height = uniformInt(16, 120);
-        const unsigned strideChoice = uniformInt(0, 2);
-        c.depthStrideBytes = strideChoice == 0   ? c.width * 4
-                             : strideChoice == 1 ? (c.width + uniformInt(1, 9)) * 4
-                                                 : c.width * kTvrDefaultDepthStrideBytesPerPixel;
+        const unsigned strides[] = {c.width * 4, (c.width + uniformInt(1, 9)) * 4,
+                                    c.width * kTvrDefaultDepthStrideBytesPerPixel};
+        c.depthStrideBytes = strides[uniformInt(0, 2)];
         const float fx = static_cast<float>(c.width) * uniform(0.6f, 1.4f);
         const float fy = fx * uniform(0.95f, 1.05f);
         const float cx = static_cast<float>(c.width) * uniform(0.4f, 0.6f);
         const float cy = static_cast<float>(c.height) * uniform(0.4f, 0.6f);
         c.intrinsics = tvrMakeIntrinsics(fx, fy, cx, cy);
-        mBrokenIntrinsics = chance(0.03);
-        if (mBrokenIntrinsics) {
+        const bool broken = chance(0.03);
+        if (broken) {
             // Pixel coordinates become NaN or infinite; only the bounds test keeps the reads valid.
-            const float broken[] = {std::nanf(""), INFINITY, -INFINITY};
-            c.intrinsics.values[uniformInt(0, kTvrIntrinsicCount - 1)] = broken[uniformInt(0, 2)];
+            const float values[] = {std::nanf(""), INFINITY, -INFINITY};
+            c.intrinsics.values[uniformInt(0, kTvrIntrinsicCount - 1)] = values[uniformInt(0, 2)];
         }
         c.maxWeight = chance(0.5) ? 30 : static_cast<int>(uniformInt(1, 127));
-
+        const unsigned volumeStrides[] = {kTvrBlockBytes, kTvrDefaultVolumeStride,
+                                          kTvrBlockBytes + 4 * uniformInt(1, 64)};
+        c.volumeStrideBytes = volumeStrides[uniformInt(0, 2)];
         const unsigned numBlocks = uniformInt(1, 3);
-        const unsigned strideKind = uniformInt(0, 2);
-        c.volumeStrideBytes = strideKind == 0   ? kTvrBlockBytes
-                              : strideKind == 1 ? kTvrDefaultVolumeStride
-                                                : kTvrBlockBytes + 4 * uniformInt(1, 64);
         unsigned maxIndex = 0;
         float surface = 1.0f;
         for (unsigned b = 0; b < numBlocks; ++b) {
-            c.blocks.push_back(makeBlock(c, fx, fy, cx, cy, surface));
+            c.blocks.push_back(makeBlock(c, fx, fy, cx, cy, broken, surface));
             c.blocks.back().volumeIndex = uniformInt(0, numBlocks);
             maxIndex = std::max(maxIndex, c.blocks.back().volumeIndex);
         }
-        const size_t volumeShorts =
-            (static_cast<size_t>(c.volumeStrideBytes) * maxIndex + kTvrBlockBytes) / 2;
-        c.volumes.resize(volumeShorts);
-        for (size_t i = 0; i + 1 < volumeShorts; i += 2) {
+        c.volumes.resize((size_t{c.volumeStrideBytes} * maxIndex + kTvrBlockBytes) / 2);
+        for (size_t i = 0; i + 1 < c.volumes.size(); i += 2) {
             c.volumes[i] = static_cast<short>(uniformInt(0, 65534) - 32767);
-            c.volumes[i + 1] = randomWeight(c.maxWeight);
+            // Mostly up to the limit; else in the table's gap and zero tail, above it, or anything.
+            const float kind = uniform(0.0f, 1.0f);
+            const unsigned limit = static_cast<unsigned>(c.maxWeight);
+            c.volumes[i + 1] =
+                static_cast<short>(kind < 0.7f   ? uniformInt(0, limit)
+                                   : kind < 0.8f ? uniformInt(100, 127)
+                                   : kind < 0.9f ? uniformInt(limit, 127)
+                                                 : static_cast<int>(uniformInt(0, 65535)) - 32768);
         }
-
-        const size_t rowFloats = c.depthStrideBytes / 4;
-        c.depth.resize(rowFloats * (c.height - 1) + c.width);
+        c.depth.resize(c.depthStrideBytes / 4 * (c.height - 1) + c.width);
         const float spread = c.blocks[0].ramp * 3.0f;
         // 8 % holes, 1 % each NaN, infinity and negative, the rest around the surface.
         for (float& d : c.depth) {
@@ -106,101 +101,65 @@ public:
         return c;
     }
 
-    unsigned clippedBlocks() const { return mClipped; }
-    unsigned unclippedBlocks() const { return mUnclipped; }
+    unsigned clipped = 0, unclipped = 0;
 
 private:
     TvrBlockRecord makeBlock(const FusionCase& c, float fx, float fy, float cx, float cy,
-                             float& surface) {
+                             bool broken, float& surface) {
         TvrBlockRecord block{};
         const float cell = uniform(0.005f, 0.06f);
         block.ramp = cell * uniform(0.5f, 5.0f);
         const float extent = cell * kTvrCubeCells;
         const bool nearCamera = chance(0.15);
-        const float centreDepth = nearCamera ? uniform(0.02f, 2.0f * extent)
-                                             : uniform(3.0f * extent, 4.0f + 3.0f * extent);
+        surface = nearCamera ? uniform(0.02f, 2.0f * extent)
+                             : uniform(3.0f * extent, 4.0f + 3.0f * extent);
         const float u = uniform(-0.3f, 1.3f) * static_cast<float>(c.width);
         const float v = uniform(-0.3f, 1.3f) * static_cast<float>(c.height);
-        const double centre[3] = {(u - cx) / fx * centreDepth, (v - cy) / fy * centreDepth,
-                                  centreDepth};
-        double rotation[3][3];
-        randomRotation(rotation);
-        const double half = 0.5 * kTvrCubeCells * cell;
-        for (unsigned r = 0; r < 3; ++r) {
-            block.xStep[r] = static_cast<float>(rotation[r][0] * cell);
-            block.yStep[r] = static_cast<float>(rotation[r][1] * cell);
-            block.zStep[r] = static_cast<float>(rotation[r][2] * cell);
-            block.origin[r] = static_cast<float>(
-                centre[r] - half * (rotation[r][0] + rotation[r][1] + rotation[r][2]));
+        const double centre[3] = {(u - cx) / fx * surface, (v - cy) / fy * surface, surface};
+        // A random rotation from a normalised random quaternion.
+        std::normal_distribution<double> normal;
+        double q[4], n = 0.0;
+        for (double& e : q) {
+            e = normal(mRng);
+            n += e * e;
+        }
+        n = std::sqrt(n);
+        const double w = q[0] / n, x = q[1] / n, y = q[2] / n, z = q[3] / n;
+        const double r[3][3] = {
+            {1 - 2 * (y * y + z * z), 2 * (x * y - w * z), 2 * (x * z + w * y)},
+            {2 * (x * y + w * z), 1 - 2 * (x * x + z * z), 2 * (y * z - w * x)},
+            {2 * (x * z - w * y), 2 * (y * z + w * x), 1 - 2 * (x * x + y * y)}};
+        for (unsigned a = 0; a < 3; ++a) {
+            block.xStep[a] = static_cast<float>(r[a][0] * cell);
+            block.yStep[a] = static_cast<float>(r[a][1] * cell);
+            block.zStep[a] = static_cast<float>(r[a][2] * cell);
+            block.origin[a] =
+                static_cast<float>(centre[a] - 0.5 * extent * (r[a][0] + r[a][1] + r[a][2]));
         }
         if (nearCamera && chance(0.3)) {
             // An inverse-depth node exactly on the camera plane, on one of the three block axes:
             // an infinite node, and NaN wherever it is interpolated with weight 0.
             const float* axes[3] = {block.xStep, block.yStep, block.zStep};
-            const float nodeIndex = static_cast<float>(kTvrCubeCells / 2 * uniformInt(0, 2));
-            block.origin[2] = -(nodeIndex * axes[uniformInt(0, 2)][2]);
+            const float node = static_cast<float>(kTvrCubeCells / 2 * uniformInt(0, 2));
+            block.origin[2] = -(node * axes[uniformInt(0, 2)][2]);
         }
-        surface = centreDepth;
-        const bool inside = projectsWellInside(block, c, fx, fy, cx, cy, extent);
-        block.clip = (inside && !mBrokenIntrinsics && chance(0.6)) ? 0u : kTvrClipBit;
-        (block.clip ? mClipped : mUnclipped) += 1;
+        // The corners of the lattice 8 pixels or more inside the image (so are all its points,
+        // the cube being convex and in front of the camera), three extents or more in front of
+        // it: that bounds the error of the interpolated inverse depth well below the margin.
+        bool inside = !broken;
+        for (unsigned k = 0; k < 8 && inside; ++k) {
+            double p[3];
+            for (unsigned a = 0; a < 3; ++a)
+                p[a] = block.origin[a] + kTvrCubeCells * ((k & 1) * double(block.xStep[a]) +
+                                                          (k >> 1 & 1) * double(block.yStep[a]) +
+                                                          (k >> 2) * double(block.zStep[a]));
+            const double pu = cx + fx * p[0] / p[2], pv = cy + fy * p[1] / p[2];
+            inside = p[2] >= 3.0 * extent && pu >= 8.0 && pv >= 8.0 && pu <= c.width - 8.0 &&
+                     pv <= c.height - 8.0;
+        }
+        block.clip = inside && chance(0.6) ? 0u : kTvrClipBit;
+        ++(block.clip ? clipped : unclipped);
         return block;
-    }
-
-    // True if all 729 lattice points project 8 pixels or more inside the image and lie at least
-    // three cube extents in front of the camera, which bounds the error of the interpolated
-    // inverse depth well below that margin.
-    static bool projectsWellInside(const TvrBlockRecord& b, const FusionCase& c, float fx, float fy,
-                                   float cx, float cy, float extent) {
-        constexpr double kMarginPixels = 8.0;
-        for (unsigned z = 0; z <= kTvrCubeCells; ++z) {
-            for (unsigned y = 0; y <= kTvrCubeCells; ++y) {
-                for (unsigned x = 0; x <= kTvrCubeCells; ++x) {
-                    double p[3];
-                    for (unsigned r = 0; r < 3; ++r) {
-                        p[r] = b.origin[r] + double(x) * b.xStep[r] + double(y) * b.yStep[r] +
-                               double(z) * b.zStep[r];
-                    }
-                    if (p[2] < 3.0 * extent) {
-                        return false;
-                    }
-                    const double u = cx + fx * p[0] / p[2];
-                    const double v = cy + fy * p[1] / p[2];
-                    if (u < kMarginPixels || v < kMarginPixels || u > c.width - kMarginPixels ||
-                        v > c.height - kMarginPixels) {
-                        return false;
-                    }
-                }
-            }
-        }
-        return true;
-    }
-
-    void randomRotation(double m[3][3]) {
-        std::normal_distribution<double> normal;
-        double q[4];
-        double norm = 0.0;
-        for (double& e : q) {
-            e = normal(mRng);
-            norm += e * e;
-        }
-        norm = std::sqrt(norm);
-        const double w = q[0] / norm, x = q[1] / norm, y = q[2] / norm, z = q[3] / norm;
-        const double r[3][3] = {
-            {1 - 2 * (y * y + z * z), 2 * (x * y - w * z), 2 * (x * z + w * y)},
-            {2 * (x * y + w * z), 1 - 2 * (x * x + z * z), 2 * (y * z - w * x)},
-            {2 * (x * z - w * y), 2 * (y * z + w * x), 1 - 2 * (x * x + y * y)}};
-        std::memcpy(m, r, sizeof(r));
-    }
-
-    // Mostly up to the limit; else in the table's gap and zero tail, above the limit, or anything.
-    short randomWeight(int maxWeight) {
-        const float kind = uniform(0.0f, 1.0f);
-        const unsigned limit = static_cast<unsigned>(maxWeight);
-        return static_cast<short>(kind < 0.7f   ? uniformInt(0, limit)
-                                  : kind < 0.8f ? uniformInt(100, 127)
-                                  : kind < 0.9f ? uniformInt(limit, 127)
-                                                : static_cast<int>(uniformInt(0, 65535)) - 32768);
     }
 
     float uniform(float low, float high) {
@@ -212,17 +171,11 @@ private:
     bool chance(double p) { return std::bernoulli_distribution(p)(mRng); }
 
     std::mt19937 mRng;
-    bool mBrokenIntrinsics = false;
-    unsigned mClipped = 0;
-    unsigned mUnclipped = 0;
 };
 
 struct Comparison {
-    unsigned passed = 0;
-    unsigned failed = 0;
+    unsigned passed = 0, failed = 0, clippedBlocks = 0, unclippedBlocks = 0;
     unsigned long long changedSamples = 0;  // samples the portable kernel changed, all cases
-    unsigned clippedBlocks = 0;
-    unsigned unclippedBlocks = 0;
     std::string firstFailure;
 };
 
@@ -231,33 +184,19 @@ struct Comparison {
 inline Comparison compareWithPortable(FusionFunction variant, uint32_t seed, unsigned cases) {
     Comparison result;
     FusionCaseGenerator generator(seed);
-    std::vector<short> expected;
-    std::vector<short> actual;
+    std::vector<short> expected, actual;
     for (unsigned i = 0; i < cases; ++i) {
         const FusionCase c = generator.next();
-        const int expectedStatus = runCase(tvrDepthFusion8x8x8xNs16Portable, c, expected);
-        const int actualStatus = runCase(variant, c, actual);
-        for (size_t s = 0; s < expected.size(); ++s) {
+        const int status = runCase(tvrDepthFusion8x8x8xNs16Portable, c, expected);
+        const bool same = runCase(variant, c, actual) == status && actual == expected;
+        for (size_t s = 0; s < expected.size(); ++s)
             result.changedSamples += expected[s] != c.volumes[s];
-        }
-        size_t mismatch = 0;
-        while (mismatch < expected.size() && expected[mismatch] == actual[mismatch]) {
-            ++mismatch;
-        }
-        if (expectedStatus == actualStatus && mismatch == expected.size()) {
-            ++result.passed;
-            continue;
-        }
-        ++result.failed;
-        if (result.firstFailure.empty()) {
-            result.firstFailure = "case " + std::to_string(i) + ": status " +
-                                  std::to_string(expectedStatus) + " vs " +
-                                  std::to_string(actualStatus) + ", first differing short " +
-                                  std::to_string(mismatch);
-        }
+        ++(same ? result.passed : result.failed);
+        if (!same && result.firstFailure.empty())
+            result.firstFailure = "case " + std::to_string(i);
     }
-    result.clippedBlocks = generator.clippedBlocks();
-    result.unclippedBlocks = generator.unclippedBlocks();
+    result.clippedBlocks = generator.clipped;
+    result.unclippedBlocks = generator.unclipped;
     return result;
 }
 

@@ -27,22 +27,16 @@ struct PaintedGrid {
         for (int bz = from[2]; bz <= to[2]; ++bz)
             for (int by = from[1]; by <= to[1]; ++by)
                 for (int bx = from[0]; bx <= to[0]; ++bx) {
-                    const Index3 key(bx, by, bz);
-                    grid.ensure(key);
-                    auto block = grid.get(key);
-                    const Vec3 origin = grid.blockOrigin(key);
-                    for (int k = 0; k < 9; ++k)
-                        for (int j = 0; j < 9; ++j)
-                            for (int i = 0; i < 9; ++i) {
-                                const float p[3] = {origin[0] + i * kCell, origin[1] + j * kCell,
-                                                    origin[2] + k * kCell};
-                                bool inside = true;
-                                for (int a = 0; a < 3; ++a)
-                                    inside =
-                                        inside && p[a] >= lo[a] - 1e-4f && p[a] <= hi[a] + 1e-4f;
-                                if (inside)
-                                    block->at(i, j, k).labels[label] += votes;
-                            }
+                    grid.ensure(Index3(bx, by, bz));
+                    auto block = grid.get(Index3(bx, by, bz));
+                    for (int s = 0; s < 729; ++s) {
+                        const Vec3 p = grid.blockOrigin(Index3(bx, by, bz)) +
+                                       Vec3(s % 9, s / 9 % 9, s / 81) * kCell;
+                        bool inside = true;
+                        for (int a = 0; a < 3; ++a)
+                            inside = inside && p[a] >= lo[a] - 1e-4f && p[a] <= hi[a] + 1e-4f;
+                        block->data()[s].labels[label] += inside ? votes : 0;
+                    }
                 }
     }
     // A rod of `label` along x through the blocks bx0..bx1 of row (y, z) = (0, 0).
@@ -87,41 +81,30 @@ TYPED_TEST_SUITE(BlockInstancesTest, LabelledGrids);
 
 // The winning label of one sample, by histogram: (counts of labels 0..3, winner).
 TYPED_TEST(BlockInstancesTest, WinningLabelOfASample) {
-    struct Case {
-        std::vector<uint8_t> counts;
-        uint16_t winner;
-    };
-    const std::vector<Case> cases = {
-        {{0, 0, 0, 0}, 0},  // nothing voted
-        {{0, 1, 0, 0}, 1},  // one vote against none is enough
-        {{0, 2, 2, 0}, 1},  // a tie goes to the lower label
-        {{0, 1, 3, 2}, 2},  // the largest count
-        {{5, 3, 0, 4}, 0},  // label 0 wins: no instance
-    };
-    for (const Case& c : cases) {
+    // Counts of labels 0..3 and the winner: a tie goes to the lower label, else the largest
+    // count; label 0 winning makes no instance.
+    const std::pair<std::vector<uint8_t>, uint16_t> cases[] = {
+        {{0, 2, 2, 0}, 1}, {{0, 1, 3, 2}, 2}, {{5, 3, 0, 4}, 0}};
+    for (const auto& [counts, winner] : cases) {
         PaintedGrid<TypeParam> painted;
         const Index3 key(0, 0, 0);
         painted.grid.ensure(key);
-        for (uint8_t label = 0; label < c.counts.size(); ++label)
-            painted.grid.get(key)->at(2, 3, 4).labels[label] = c.counts[label];
+        for (uint8_t label = 0; label < counts.size(); ++label)
+            painted.grid.get(key)->at(2, 3, 4).labels[label] = counts[label];
         InstanceExtractor extractor;
         extractor.updateBlockInstances(painted.grid, keys({key}), false);
         const uint16_t id = painted.instanceAt(key, 2, 3, 4);
-        if (c.winner == 0) {
-            EXPECT_EQ(id, 0);
-            EXPECT_EQ(extractor.blockInstances().count(key), 0u);
-            EXPECT_TRUE(extractor.getInstances().empty());
+        const auto pieces = extractor.blockInstances().find(key);
+        ASSERT_EQ(pieces == extractor.blockInstances().end(), winner == 0);
+        EXPECT_EQ(id == 0, winner == 0);
+        if (winner == 0)
             continue;
-        }
-        ASSERT_EQ(extractor.blockInstances().at(key).size(), 1u);
-        const BlockInstance& piece = extractor.blockInstances().at(key)[0];
-        EXPECT_EQ(piece.label, c.winner);
+        const BlockInstance& piece = pieces->second.at(0);
+        EXPECT_EQ(piece.label, winner);
         EXPECT_EQ(piece.localId, id);
-        EXPECT_EQ(id, 1);  // the pool's front
         // The sample's cell, widened by the margin, in world metres.
         EXPECT_FLOAT_EQ(piece.box.min[0], 2 * kCell - kCell / 2 - kInstanceBoxMargin);
         EXPECT_FLOAT_EQ(piece.box.max[2], 4 * kCell + kCell / 2 + kInstanceBoxMargin);
-        EXPECT_EQ(painted.instanceAt(key, 0, 0, 0), 0);
     }
 }
 
@@ -137,10 +120,8 @@ TYPED_TEST(BlockInstancesTest, OnePiecePerLabelWithBoxesGrownAndFreshIdsEachUpda
     const auto& pieces = extractor.blockInstances().at(key);
     ASSERT_EQ(pieces.size(), 2u);
     const BlockInstance& four = pieces[0].label == 4 ? pieces[0] : pieces[1];
-    EXPECT_EQ(four.label, 4);
     EXPECT_NEAR(four.box.min[0], 0.8f - kCell / 2 - kInstanceBoxMargin, 1e-5f);
     EXPECT_NEAR(four.box.max[0], 1.6f + kCell / 2 + kInstanceBoxMargin, 1e-5f);
-    EXPECT_NEAR(four.box.max[1], 0.8f + kCell / 2 + kInstanceBoxMargin, 1e-5f);
     EXPECT_EQ(painted.instanceAt(key, 0, 0, 0), four.localId);
     EXPECT_EQ(painted.instanceAt(key, 8, 8, 8), four.localId);  // a border sample
     EXPECT_EQ(extractor.getInstances().size(), 2u);
@@ -207,56 +188,7 @@ TEST_F(GlobalInstancesTest, ARegionAcrossBlocksIsOneInstanceWithItsBox) {
     EXPECT_EQ(rod.boundingBoxes.size(), 4u);
     EXPECT_NEAR(rod.box.min[0], -kCell / 2 - kInstanceBoxMargin, 1e-5f);
     EXPECT_NEAR(rod.box.max[0], 3.2f + kCell / 2 + kInstanceBoxMargin, 1e-5f);
-    EXPECT_NEAR(rod.box.min[1], 0.3f - kCell / 2 - kInstanceBoxMargin, 1e-5f);
     EXPECT_EQ(extractor.numCreatedNodes(), 6u);
-    for (const auto& block : extractor.blockInstances())
-        for (const BlockInstance& piece : block.second)
-            EXPECT_NE(extractor.getGlobalInstanceId(piece.localId), 0);
-    expectPoolComplete(extractor);
-}
-
-TEST_F(GlobalInstancesTest, IdentitySurvivesOnlyThroughBlocksOutsideTheUpdate) {
-    painted.rod(0, 2, 7);
-    update(row(0, 2));
-    const GlobalID first = onlyOfLabel(7);
-    // All its blocks updated: a new identity, and the old one is gone.
-    update(row(0, 2));
-    const GlobalID second = onlyOfLabel(7);
-    EXPECT_NE(second, first);
-    EXPECT_EQ(extractor.getParentID(first), 0);
-    // Part of it updated: the piece in block 0 carries the identity through.
-    painted.rod(3, 3, 7);
-    update(row(1, 3));
-    EXPECT_EQ(onlyOfLabel(7), second);
-    EXPECT_EQ(extractor.getInstances().at(second).boundingBoxes.size(), 4u);
-    // A piece relabelled away: the instance shrinks in blocks but keeps its grown box.
-    painted.rod(3, 3, 8, 5);
-    update(row(3, 3));
-    const Instance& kept = extractor.getInstances().at(second);
-    EXPECT_EQ(kept.boundingBoxes.size(), 3u);
-    EXPECT_GT(kept.box.max[0], 3.2f);
-    EXPECT_EQ(ofLabel(8).size(), 1u);
-    expectPoolComplete(extractor);
-}
-
-TEST_F(GlobalInstancesTest, RegionsGrowingTogetherMergeAndTheEarlierPointsToTheLater) {
-    painted.rod(0, 0, 7);
-    painted.rod(3, 3, 7);
-    update(row(0, 3));
-    ASSERT_EQ(ofLabel(7).size(), 2u);
-    // The gap fills, and each grows on its outer side too, so that both grow whichever floods
-    // the gap first; now they touch.
-    painted.rod(-1, 2, 7);
-    painted.rod(4, 4, 7);
-    update(keys({Index3(-1, 0, 0), Index3(1, 0, 0), Index3(2, 0, 0), Index3(4, 0, 0)}));
-    const GlobalID survivor = onlyOfLabel(7);
-    const GlobalID absorbed = survivor == 1 ? 2 : 1;
-    EXPECT_EQ(extractor.getInstances().at(survivor).boundingBoxes.size(), 6u);
-    EXPECT_EQ(extractor.getParentID(absorbed), survivor);
-    EXPECT_EQ(extractor.numCreatedNodes(), 3u);  // no identity was created by the update
-    for (int x = -1; x <= 4; ++x)
-        for (const BlockInstance& piece : extractor.blockInstances().at(Index3(x, 0, 0)))
-            EXPECT_EQ(extractor.getGlobalInstanceId(piece.localId), survivor);
     expectPoolComplete(extractor);
 }
 
@@ -282,10 +214,24 @@ TEST_F(GlobalInstancesTest, ParentsCompressChainsAndGuardTheirRange) {
     painted.rod(6, 6, 7);
     update(row(0, 6));
     ASSERT_EQ(ofLabel(7).size(), 3u);
+    // The gap between the first two fills, and each grows on its outer side too, so that both
+    // grow whichever floods the gap first: they merge without a new identity, the earlier
+    // pointing to the later.
     painted.rod(-1, 2, 7);
     painted.rod(4, 4, 7);
     update(keys({Index3(-1, 0, 0), Index3(1, 0, 0), Index3(2, 0, 0), Index3(4, 0, 0)}));
     ASSERT_EQ(ofLabel(7).size(), 2u);
+    EXPECT_EQ(extractor.numCreatedNodes(), 4u);
+    const GlobalID joined =
+        extractor.getGlobalInstanceId(extractor.blockInstances().at(Index3(-1, 0, 0))[0].localId);
+    int pointing = 0;
+    for (GlobalID id = 1; id <= 3; ++id)
+        pointing += extractor.getParentID(id) == joined;
+    EXPECT_EQ(pointing, 2);
+    for (int x = -1; x <= 4; ++x)
+        for (const BlockInstance& piece : extractor.blockInstances().at(Index3(x, 0, 0)))
+            EXPECT_EQ(extractor.getGlobalInstanceId(piece.localId), joined);
+    expectPoolComplete(extractor);
     painted.rod(-2, -2, 7);
     painted.rod(5, 5, 7);
     painted.rod(7, 7, 7);
@@ -298,43 +244,6 @@ TEST_F(GlobalInstancesTest, ParentsCompressChainsAndGuardTheirRange) {
     EXPECT_DEATH(extractor.getGlobalInstanceId(999), "");
     const Instance& survivor = extractor.getInstances().at(root);
     EXPECT_DEATH(extractor.shouldMergeInstances(survivor, survivor), "instA.id != instB.id");
-}
-
-TEST_F(GlobalInstancesTest, NothingUpdatedChangesNothing) {
-    painted.rod(0, 1, 7);
-    update(row(0, 1));
-    const GlobalID id = onlyOfLabel(7);
-    update(IndexSet());
-    EXPECT_TRUE(extractor.merged());
-    EXPECT_EQ(onlyOfLabel(7), id);
-    EXPECT_EQ(extractor.numCreatedNodes(), 2u);
-}
-
-// A border sample keeps whatever identity was copied into it: one the neighbour still holds, or
-// one it gave back long ago that the pool may have handed out again. Meeting such a sample must
-// neither free an identity that is still held nor put one twice into the pool.
-TEST_F(GlobalInstancesTest, StaleIdentitiesInBordersNeitherAbortNorDuplicate) {
-    painted.rod(0, 1, 7);
-    update(row(0, 1));
-    const LocalID heldByRight = extractor.blockInstances().at(Index3(1, 0, 0))[0].localId;
-    // Copy the right block's live identity into the left block's border, then update only the
-    // left block.
-    painted.grid.get(Index3(0, 0, 0))->at(8, 4, 4).instance = heldByRight;
-    update(row(0, 0));
-    expectPoolComplete(extractor);
-    // The right block renews its identities; the left block's border still shows the old one.
-    painted.grid.get(Index3(0, 0, 0))->at(8, 4, 4).instance = heldByRight;
-    update(row(1, 1));
-    EXPECT_EQ(extractor.findGlobalInstanceId(heldByRight), 0);
-    update(row(0, 0));
-    update(row(0, 1));
-    expectPoolComplete(extractor);
-    EXPECT_EQ(ofLabel(7).size(), 1u);
-    // Samples loaded from another session carry identities this extractor never gave out.
-    painted.grid.get(Index3(1, 0, 0))->at(0, 0, 0).instance = 60000;
-    update(row(1, 1));
-    expectPoolComplete(extractor);
-    EXPECT_EQ(extractor.findGlobalInstanceId(60000), 0);
 }
 
 }  // namespace

@@ -1,50 +1,38 @@
-// Block reads: creation values, the trilinear value with its unobserved sentinel, the analytic
-// gradient, and the nearest-lower sample lookup with its inclusive upper end.
+// Blocks and the sparse grid: trilinear reads with their unobserved sentinel and analytic
+// gradient, the nearest-lower sample lookup, block storage and keys, readers while a writer
+// creates blocks, and the stream form of grids: exact layout, byte-exact round trips of every
+// sample type, and streams that are cut, garbled or claim absurd counts, after which the grid
+// must hold what was read and take new blocks and lookups at once.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
 
+#include "solid/volume/IO.h"
 #include "solid/volume/Volume.h"
+#include "solid/volume/VolumeGrid.h"
+#include "support/GridBytes.h"
 #include "support/TestBlock.h"
 
 namespace Solid {
 namespace {
 
 using Test::TestBlock;
+using AllGrids = ::testing::Types<DepthGrid, LabelDepthGrid, LabelGrid>;
 
-template <typename T>
-class VolumeSampleTypes : public ::testing::Test {};
-using SampleTypes = ::testing::Types<Vec2S, LabelDepthVolumeSample, LabelVolumeSample>;
-TYPED_TEST_SUITE(VolumeSampleTypes, SampleTypes);
+constexpr float kSpacing = 0.02f;
+constexpr int kSide = 9;
 
-TYPED_TEST(VolumeSampleTypes, CreationValuesAndLayout) {
-    TestBlock<TypeParam> block;
-    EXPECT_EQ(block.volume.dataSize(), 729u);
-    EXPECT_EQ(block.volume.bounds()(0), 8);
-    EXPECT_FLOAT_EQ(block.volume.dimension()(1), 0.16f);
-    EXPECT_EQ(block.volume.bestSampleDistance(), 1.0e9f);
-    // x runs fastest, then y, then z.
-    EXPECT_EQ(&block.volume.at(1, 2, 3), block.samples.data() + 1 + 9 * (2 + 9 * 3));
-
-    const TypeParam s = block.volume.at(4, 5, 6);
-    unsigned char bytes[sizeof(TypeParam)];
-    std::memcpy(bytes, &s, sizeof(s));
-    if constexpr (std::is_same<TypeParam, Vec2S>::value) {
-        const unsigned char expected[4] = {0xFE, 0x7F, 0x00, 0x00};  // 0x7FFE, 0 little-endian
-        EXPECT_EQ(std::memcmp(bytes, expected, 4), 0);
-    } else {
-        EXPECT_EQ(s.instance, 0);
-        EXPECT_EQ(s.labels.size(), 32u);
-        for (uint32_t i = 0; i < 32; ++i) {
-            EXPECT_EQ(s.labels[i], 0) << i;
-        }
-        if constexpr (std::is_same<TypeParam, LabelDepthVolumeSample>::value) {
-            EXPECT_EQ(s.depth(0), 32766);
-            EXPECT_EQ(s.depth(1), 0);
-            EXPECT_EQ(s.reserved, 0);
-        }
-    }
+template <typename Grid>
+void configure(Grid& grid, float spacing = kSpacing) {
+    grid.set(Size(kSide, kSide, kSide), Vec3(spacing, spacing, spacing));
 }
 
 template <typename T>
@@ -54,71 +42,32 @@ TYPED_TEST_SUITE(DepthBearing, DepthTypes);
 
 template <typename T>
 void setDepth(TestBlock<T>& block, int x, int y, int z, short value, short weight) {
-    Vec2S& s = depthPart(block.volume.at(x, y, z));
-    s(0) = value;
-    s(1) = weight;
+    depthPart(block.volume.at(x, y, z)) = Vec2S(value, weight);
 }
 
 TYPED_TEST(DepthBearing, ValOnALatticePointReadsOnlyThatPoint) {
     TestBlock<TypeParam> block;
     setDepth(block, 2, 3, 4, 16383, 1);
-    const float spacing = block.volume.spacing()(0);
-    const Vec3 p(2 * spacing, 3 * spacing, 4 * spacing);
-    EXPECT_EQ(block.volume.val(p), 16383 * 3.051944077014923e-05f);
-
+    const float sp = block.volume.spacing()(0);
+    EXPECT_EQ(block.volume.val(Vec3(2, 3, 4) * sp), 16383 * 3.051944077014923e-05f);
     // Inside a cell with one observed and seven unobserved corners: the sentinel.
-    const Vec3 inside(2.5f * spacing, 3 * spacing, 4 * spacing);
-    EXPECT_EQ(block.volume.val(inside), -2.0f);
     float value = 7.0f;
-    Vec3 gradient(7.0f, 7.0f, 7.0f);
-    EXPECT_FALSE(block.volume.valueAndGradient(inside, value, gradient));
-    EXPECT_EQ(value, 7.0f);
-    EXPECT_EQ(gradient(0), 7.0f);
-}
-
-TYPED_TEST(DepthBearing, ValAtTheUpperEndReadsOnlyIndexEight) {
-    TestBlock<TypeParam> block;
+    Vec3 gradient;
+    EXPECT_EQ(block.volume.val(Vec3(2.5f, 3, 4) * sp), -2.0f);
+    EXPECT_FALSE(block.volume.valueAndGradient(Vec3(2.5f, 3, 4) * sp, value, gradient));
+    // At the upper end only index 8 is read.
     setDepth(block, 8, 8, 8, -1000, 3);
     EXPECT_EQ(block.volume.val(block.volume.dimension()), -1000 * 3.051944077014923e-05f);
-    setDepth(block, 8, 8, 8, -1000, 0);
-    EXPECT_EQ(block.volume.val(block.volume.dimension()), -2.0f);
-}
-
-// A field linear in the lattice indices is reproduced exactly by trilinear interpolation, and
-// its gradient is the slope per metre; catches swapped corners or weights.
-TYPED_TEST(DepthBearing, LinearFieldValueAndGradient) {
-    TestBlock<TypeParam> block;
-    const int ax = 100, ay = -300, az = 700, base = -2000;
-    for (int z = 0; z < 9; ++z)
-        for (int y = 0; y < 9; ++y)
-            for (int x = 0; x < 9; ++x)
-                setDepth(block, x, y, z, static_cast<short>(base + ax * x + ay * y + az * z), 1);
-    const float sp = block.volume.spacing()(0);
-    const float scale = 3.051944077014923e-05f;
-    for (const Vec3& lattice :
-         {Vec3(0.25f, 0.5f, 0.75f), Vec3(3.9f, 7.1f, 0.3f), Vec3(7.5f, 2.0f, 6.25f)}) {
-        const Vec3 p(lattice(0) * sp, lattice(1) * sp, lattice(2) * sp);
-        const float expected = (base + ax * lattice(0) + ay * lattice(1) + az * lattice(2)) * scale;
-        EXPECT_NEAR(block.volume.val(p), expected, 1e-5f);
-        float value;
-        Vec3 gradient;
-        ASSERT_TRUE(block.volume.valueAndGradient(p, value, gradient));
-        EXPECT_NEAR(value, expected, 1e-5f);
-        EXPECT_NEAR(gradient(0), ax * scale / sp, 1e-3f);
-        EXPECT_NEAR(gradient(1), ay * scale / sp, 1e-3f);
-        EXPECT_NEAR(gradient(2), az * scale / sp, 1e-3f);
-    }
 }
 
 // The gradient is the derivative of the trilinear form, not a central difference: on the
-// product field x*y*z its x component at a cell point is fy * fz scaled by the corner spread.
+// product field x*y*z (1 at corner (1, 1, 1) of the first cell) its x component at a cell point
+// is fy * fz scaled by the corner spread.
 TYPED_TEST(DepthBearing, GradientOfAProductFieldIsAnalytic) {
     TestBlock<TypeParam> block;
-    for (int z = 0; z < 9; ++z)
-        for (int y = 0; y < 9; ++y)
-            for (int x = 0; x < 9; ++x)
-                setDepth(block, x, y, z, 0, 1);
-    setDepth(block, 1, 1, 1, 32766, 1);  // c111 of the first cell
+    for (int i = 0; i < 729; ++i)
+        setDepth(block, i % 9, i / 9 % 9, i / 81, i == 91 ? 32766 : 0,
+                 1);  // c111 of the first cell
     const float sp = block.volume.spacing()(0);
     const Vec3 p(0.5f * sp, 0.25f * sp, 0.75f * sp);
     float value;
@@ -131,53 +80,377 @@ TYPED_TEST(DepthBearing, GradientOfAProductFieldIsAnalytic) {
     EXPECT_NEAR(gradient(2), 0.5f * 0.25f * c / sp, 1e-4f);
 }
 
-template <typename T>
-class LabelBearing : public ::testing::Test {};
-using LabelTypes = ::testing::Types<LabelDepthVolumeSample, LabelVolumeSample>;
-TYPED_TEST_SUITE(LabelBearing, LabelTypes);
-
-TYPED_TEST(LabelBearing, GetSampleTruncatesAndIncludesTheUpperEnd) {
-    TestBlock<TypeParam> block;
-    for (int z = 0; z < 9; ++z)
-        for (int y = 0; y < 9; ++y)
-            for (int x = 0; x < 9; ++x)
-                block.volume.at(x, y, z).instance = static_cast<uint16_t>(x + 10 * y + 100 * z);
-    const float sp = block.volume.spacing()(0);
-    const Vec3 dim = block.volume.dimension();
-
-    auto top = block.volume.getSample(dim);
-    ASSERT_TRUE(top.has_value());
-    EXPECT_EQ(top->instance, 888);
-    EXPECT_FALSE(block.volume.getSample(Vec3(std::nextafter(dim(0), 1.0f), 0, 0)).has_value());
-    EXPECT_FALSE(block.volume.getSample(Vec3(0, -1e-7f, 0)).has_value());
-    EXPECT_FALSE(block.volume.getSample(Vec3(0, 0, NAN)).has_value());
-
-    // Just below lattice plane 3 on x: index 2, not the nearer 3.
-    auto below = block.volume.getSample(Vec3(2.999f * sp, 1.0f * sp, 0.0f));
-    ASSERT_TRUE(below.has_value());
-    EXPECT_EQ(below->instance, 2 + 10 * 1);
-    auto origin = block.volume.getSample(Vec3(0, 0, 0));
-    ASSERT_TRUE(origin.has_value());
-    EXPECT_EQ(origin->instance, 0);
-}
-
-TEST(LabelVote, CountsSaturateAndOutOfRangeAborts) {
+TEST(VolumeDeathTest, LabelCountsSaturateAndOutOfRangeOrDegenerateShapesAbort) {
     LabelVolumeSample s = creationSample<LabelVolumeSample>();
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 300; ++i)
         updateLabels(s, 7);
-    }
     updateLabels(s, 31);
     EXPECT_EQ(s.labels[7], 255);
     EXPECT_EQ(s.labels[31], 1);
     EXPECT_EQ(s.labels[6], 0);
     volatile LabelCountType outOfRange = 32;  // keeps the compiler from proving the abort
     EXPECT_DEATH(updateLabels(s, outOfRange), "label < sample.labels.size()");
-}
-
-TEST(VolumeConfigDeathTest, DegenerateShapeAborts) {
     VolumeConfig config;
     EXPECT_DEATH(makeVolumeConfig(config, Size(1, 9, 9), Vec3(0.02f, 0.02f, 0.02f)), "bounds");
     EXPECT_DEATH(makeVolumeConfig(config, Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f)), "dimension");
+}
+
+template <typename Grid>
+class GridTypes : public ::testing::Test {};
+TYPED_TEST_SUITE(GridTypes, AllGrids);
+
+TYPED_TEST(GridTypes, StrideMegaBlocksAndCreationValues) {
+    TypeParam grid;
+    configure(grid);
+    using Sample = typename TypeParam::SampleType;
+    const uint32_t blockSize = 729 * sizeof(Sample);
+    EXPECT_EQ(grid.centralStorage().blockSize(), blockSize);
+    const uint32_t expectedStride = sizeof(Sample) == 4    ? 2928u
+                                    : sizeof(Sample) == 40 ? 29168u
+                                                           : 32096u;
+    EXPECT_EQ(grid.centralStorage().blockStride(), expectedStride);
+
+    // The first mega block does not move when the second is opened.
+    const void* first = nullptr;
+    for (int i = 0; i < 2049; ++i) {
+        ASSERT_TRUE(grid.ensure(KeyType(i % 50, i / 50, -3)));
+        first = i == 0 ? grid.get(KeyType(0, 0, -3))->data() : first;
+    }
+    EXPECT_EQ(grid.centralStorage().getNumBlocks(), 2049u);
+    EXPECT_EQ(grid.get(KeyType(0, 0, -3))->data(), first);
+    // Blocks are aligned for the vector kernels.
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(grid.get(KeyType(2048 % 50, 2048 / 50, -3))->data()) % 16,
+              0u);
+
+    grid.reset();
+    EXPECT_EQ(grid.size() + grid.centralStorage().getNumBlocks(), 0u);
+    EXPECT_FALSE(grid.get(KeyType(0, 0, -3)));
+
+    // A new block holds the creation values; ensuring it again keeps what it holds.
+    ASSERT_TRUE(grid.ensure(KeyType(1, 2, 3)));
+    {
+        auto block = grid.get(KeyType(1, 2, 3));
+        EXPECT_EQ(block->bestSampleDistance(), 1.0e9f);
+        const auto creation = creationSample<typename TypeParam::SampleType>();
+        for (uint32_t i = 0; i < block->dataSize(); ++i)
+            ASSERT_EQ(std::memcmp(&block->data()[i], &creation, sizeof(creation)), 0) << i;
+        std::memset(&block->data()[7], 1, 4);  // any change, to see that it stays
+    }
+    EXPECT_FALSE(grid.ensure(KeyType(1, 2, 3)));
+    EXPECT_EQ(
+        reinterpret_cast<const uint8_t*>(
+            grid.get(KeyType(1, 2, 3))->data())[7 * sizeof(typename TypeParam::SampleType) + 3],
+        1);
+}
+
+TEST(VolumeGrid, KeysUseATrueFloorAndUnknownReadsAsTheSentinel) {
+    DepthGrid grid;
+    configure(grid);
+    const float dim = grid.dimension()(0);
+    EXPECT_FLOAT_EQ(dim, 0.16f);
+    const Vec3 justBelow(-1e-6f, 0.0f, dim);
+    KeyType key = grid.keyOf(justBelow);
+    EXPECT_EQ(key, KeyType(-1, 0, 1));  // a point on a face belongs to the upper block
+    const Vec3 local = grid.localPosition(justBelow, key);
+    EXPECT_NEAR(local(0), dim, 1e-5f);
+    EXPECT_EQ(local(2), 0.0f);
+
+    // Missing blocks and unobserved samples read as unknown.
+    EXPECT_EQ(grid.value(Vec3(-0.5f, 0.2f, 0.0f), key), -2.0f);
+    EXPECT_EQ(key, KeyType(-4, 1, 0));
+    float value = 3.0f;
+    Vec3 gradient;
+    EXPECT_FALSE(grid.valueAndGradient(Vec3(-0.5f, 0.2f, 0.0f), value, gradient));
+
+    // A created block reads -2.0 until observed; then the grid reads through the block.
+    ASSERT_TRUE(grid.ensure(KeyType(-4, 1, 0)));
+    EXPECT_EQ(grid.value(Vec3(-0.5f, 0.2f, 0.0f), key), -2.0f);
+    for (uint32_t i = 0; i < 729; ++i)
+        grid.get(KeyType(-4, 1, 0))->data()[i] = Vec2S(short(16383), short(1));
+    EXPECT_NEAR(grid.value(Vec3(-0.5f, 0.2f, 0.0f), key), 0.5f, 1e-4f);
+    ASSERT_TRUE(grid.valueAndGradient(Vec3(-0.5f, 0.2f, 0.01f), value, gradient));
+    EXPECT_NEAR(value, 0.5f, 1e-4f);
+    EXPECT_NEAR(gradient(0), 0.0f, 1e-4f);
+
+    // Positions no block can hold find nothing instead of converting out of range.
+    EXPECT_EQ(grid.value(Vec3(NAN, 0.0f, 0.0f), key), -2.0f);
+    EXPECT_EQ(grid.value(Vec3(1e30f, 0.0f, 0.0f), key), -2.0f);
+}
+
+TEST(VolumeGridDeathTest, UnconfiguredStorageAndBadShapesAbort) {
+    EXPECT_DEATH(
+        {
+            DepthGrid grid;
+            grid.ensure(KeyType(0, 0, 0));
+        },
+        "mBlockSize != 0");
+    EXPECT_DEATH(
+        {
+            DepthGrid grid;
+            grid.set(Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f));
+        },
+        "dimension");
+}
+
+// One writer creates blocks and writes their samples under the block locks while readers sample
+// values all over the grid. A reader must only ever see whole updates: every block's samples are
+// written together with one value, so an interpolated read is that value or the sentinel.
+TEST(VolumeGridConcurrency, ReadersDuringBlockCreation) {
+    DepthGrid grid;
+    configure(grid);
+    constexpr int kBlocks = 300;
+    std::atomic<bool> done{false};
+    std::atomic<int> torn{0};
+    std::atomic<long> reads{0};
+
+    auto reader = [&](unsigned seed) {
+        unsigned state = seed;
+        while (!done.load()) {
+            state = state * 1664525u + 1013904223u;
+            const float x = static_cast<float>(state % 2000) * 0.001f;  // [0, 2) m
+            const float y = static_cast<float>((state >> 11) % 500) * 0.001f;
+            KeyType key;
+            const float v = grid.value(Vec3(x, y, 0.05f), key);
+            torn += v != -2.0f && std::lround(v * 32766.0f) % 100 != 0;
+            ++reads;
+        }
+    };
+    std::thread r1(reader, 1u), r2(reader, 2u);
+    while (reads.load() == 0)
+        std::this_thread::yield();
+    for (int i = 0; i < kBlocks; ++i) {
+        const KeyType key(i % 12, (i / 12) % 3, i / 36);
+        grid.ensure(key);
+        for (int pass = 1; pass <= 3; ++pass) {
+            auto block = grid.get(key);
+            for (uint32_t s = 0; s < block->dataSize(); ++s)
+                block->data()[s] = Vec2S(static_cast<short>(100 * (pass + i % 50)), short(1));
+        }
+    }
+    done = true;
+    r1.join();
+    r2.join();
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_EQ(grid.size(), static_cast<size_t>(kBlocks));
+}
+
+// A small linear congruential generator: the same bytes on every run and platform.
+using Bytes = uint32_t;
+
+// Fills every byte of every sample, spare bytes included; label samples keep a valid histogram
+// length with arbitrary counts.
+template <typename Grid>
+void addScrambledBlock(Grid& grid, const KeyType& key, Bytes& state) {
+    grid.ensure(key);
+    auto block = grid.get(key);
+    for (uint32_t i = 0; i < block->dataSize(); ++i) {
+        auto& sample = block->data()[i];
+        auto* raw = reinterpret_cast<uint8_t*>(&sample);
+        for (size_t b = 0; b < sizeof(sample); ++b)
+            raw[b] = static_cast<uint8_t>((state = state * 1664525u + 1013904223u) >> 24);
+        if constexpr (!std::is_same_v<typename Grid::SampleType, Vec2S>)
+            sample.labels.current_size = kNumLabels;
+    }
+}
+
+template <typename Grid>
+std::string serialize(const Grid& grid) {
+    std::ostringstream os(std::ios::binary);
+    os << grid;
+    return os.str();
+}
+
+template <typename Grid>
+bool deserialize(Grid& grid, const std::string& text) {
+    std::istringstream is(text, std::ios::in | std::ios::binary);
+    is >> grid;
+    return static_cast<bool>(is);
+}
+
+using Test::blockBytes;
+using Test::expectSameBlocks;
+using Test::keysInTableOrder;
+
+// Number of leading samples of the block at `key` in `actual` equal to those in `expected`; all
+// samples after them must be creation samples.
+template <typename Grid>
+uint32_t leadingSamplesKept(const Grid& expected, const Grid& actual, const KeyType& key) {
+    using Sample = typename Grid::SampleType;
+    const std::vector<uint8_t> want = blockBytes(expected, key);
+    const std::vector<uint8_t> got = blockBytes(actual, key);
+    const uint32_t count = static_cast<uint32_t>(got.size() / sizeof(Sample));
+    uint32_t kept = 0;
+    while (kept < count && std::memcmp(&got[kept * sizeof(Sample)], &want[kept * sizeof(Sample)],
+                                       sizeof(Sample)) == 0) {
+        ++kept;
+    }
+    Grid fresh;
+    configure(fresh);
+    fresh.ensure(key);
+    const std::vector<uint8_t> created = blockBytes(fresh, key);
+    for (uint32_t i = kept; i < count; ++i)
+        EXPECT_EQ(
+            std::memcmp(&got[i * sizeof(Sample)], &created[i * sizeof(Sample)], sizeof(Sample)), 0)
+            << "sample " << i << " is neither from the stream nor a creation sample";
+    return kept;
+}
+
+std::string keyLine(const KeyType& key) {
+    std::ostringstream os;
+    os << key(0) << ' ' << key(1) << ' ' << key(2) << '\n';
+    return os.str();
+}
+
+// The text in front of the raw samples of block `key` of a grid configured by `configure`.
+std::string blockHeader(const KeyType& key) {
+    std::ostringstream os;
+    os.precision(kStreamFloatPrecision);
+    const float dimension = kSpacing * (kSide - 1);
+    os << keyLine(key) << kSide << ' ' << kSide << ' ' << kSide << '\n'
+       << dimension << ' ' << dimension << ' ' << dimension << '\n';
+    return os.str();
+}
+
+// The grid must still take the write lock, the read lock and a block mutex.
+template <typename Grid>
+void expectUsable(Grid& grid) {
+    EXPECT_TRUE(grid.ensure(KeyType(1000, -1000, 7)));
+    EXPECT_TRUE(static_cast<bool>(grid.get(KeyType(1000, -1000, 7))));
+}
+
+template <typename Grid>
+class GridStream : public ::testing::Test {};
+TYPED_TEST_SUITE(GridStream, AllGrids);
+
+TEST(GridStreamLayout, EmptyGridAndOneBlockByteForByte) {
+    DepthGrid empty;
+    // 0.05f needs eight digits to come back as the same float; six would print 0.05.
+    configure(empty, 0.05f);
+    EXPECT_EQ(serialize(empty), "2\n9 9 9\n0.050000001 0.050000001 0.050000001\n0\n\n");
+
+    DepthGrid grid;
+    configure(grid);
+    const KeyType key(-1, 2, 3);
+    Bytes bytes(7);
+    addScrambledBlock(grid, key, bytes);
+    const std::string text = serialize(grid);
+    const std::string head = "2\n9 9 9\n0.02 0.02 0.02\n1\n-1 2 3\n9 9 9\n0.16 0.16 0.16\n";
+    const size_t rawBytes = 729 * sizeof(Vec2S);
+    ASSERT_EQ(text.size(), head.size() + rawBytes + 2);
+    EXPECT_EQ(text.substr(0, head.size()), head);
+    const std::vector<uint8_t> samples = blockBytes(grid, key);
+    EXPECT_EQ(std::memcmp(text.data() + head.size(), samples.data(), rawBytes), 0);
+    EXPECT_EQ(text.substr(head.size() + rawBytes), "\n\n");
+}
+
+TYPED_TEST(GridStream, RoundTripKeepsEveryByteAndTheConfiguration) {
+    TypeParam original;
+    configure(original);
+    Bytes bytes(11);
+    const std::vector<KeyType> keys = {KeyType(0, 0, 0), KeyType(-3, 5, -1), KeyType(7, -2, 4),
+                                       KeyType(-1, -1, -1)};
+    for (const KeyType& key : keys)
+        addScrambledBlock(original, key, bytes);
+    const std::string text = serialize(original);
+
+    // Into a grid that takes its configuration from the stream.
+    TypeParam bare;
+    EXPECT_TRUE(deserialize(bare, text));
+    EXPECT_EQ(bare.config().size, original.config().size);
+    EXPECT_EQ(bare.dimension(), original.dimension());
+    expectSameBlocks(original, bare);
+}
+
+TYPED_TEST(GridStream, CutStreamsKeepWhatWasReadAndReleaseTheLock) {
+    using Sample = typename TypeParam::SampleType;
+    TypeParam original;
+    configure(original);
+    Bytes bytes(5);
+    for (const KeyType& key : {KeyType(1, 2, 3), KeyType(-4, 0, 2), KeyType(0, -7, 1)})
+        addScrambledBlock(original, key, bytes);
+    const std::string text = serialize(original);
+    const std::vector<KeyType> order = keysInTableOrder(original);
+    std::vector<size_t> samplesStart;
+    for (const KeyType& key : order) {
+        const std::string header = blockHeader(key);
+        const size_t at = text.find(header);
+        ASSERT_NE(at, std::string::npos);
+        samplesStart.push_back(at + header.size());
+    }
+
+    struct Cut {
+        size_t length;
+        size_t blocks;          // blocks in the grid afterwards
+        size_t completeBlocks;  // blocks, in stream order, read whole
+        uint32_t keptSamples;   // leading samples of the next block read whole
+    };
+    const size_t rawBytes = 729 * sizeof(Sample);
+    const size_t blockStart = samplesStart[1] - blockHeader(order[1]).size();
+    const std::vector<Cut> cuts = {
+        {3, 0, 0, 0},                                                   // inside the grid header
+        {samplesStart[0] - blockHeader(order[0]).size() + 2, 0, 0, 0},  // inside the first key
+        {samplesStart[1] - 2, 2, 1, 0},                       // the dimension cut short ("0.1")
+        {samplesStart[1] + 7 * sizeof(Sample) + 1, 2, 1, 7},  // within the eighth sample
+        {samplesStart[1] + rawBytes, 2, 2, 0},                // the LF behind the samples missing
+        {text.size() - 1, 3, 3, 0},                           // the final LF missing
+    };
+    for (const Cut& cut : cuts) {
+        SCOPED_TRACE(cut.length);  // the checks below are many and share it
+        TypeParam grid;
+        configure(grid);
+        deserialize(grid, text.substr(0, cut.length));
+        EXPECT_EQ(grid.size(), cut.blocks);
+        for (size_t b = 0; b < cut.completeBlocks; ++b)
+            EXPECT_EQ(blockBytes(grid, order[b]), blockBytes(original, order[b]));
+        if (cut.blocks > cut.completeBlocks) {
+            EXPECT_EQ(leadingSamplesKept(original, grid, order[cut.completeBlocks]),
+                      cut.keptSamples);
+        }
+        expectUsable(grid);
+    }
+
+    // Garbage in a block's text, or in place of the separator before its samples.
+    for (const size_t at : {blockStart + keyLine(order[1]).size(), samplesStart[1] - 1}) {
+        std::string garbled = text;
+        garbled[at] = 'x';
+        TypeParam grid;
+        configure(grid);
+        EXPECT_FALSE(deserialize(grid, garbled));
+        EXPECT_EQ(grid.size(), 2u);
+        EXPECT_EQ(blockBytes(grid, order[0]), blockBytes(original, order[0]));
+        EXPECT_EQ(leadingSamplesKept(original, grid, order[1]), 0u);
+        expectUsable(grid);
+    }
+}
+
+TEST(GridStreamDeathTest, WrongVersionOrBlockShapeEndsTheProcess) {
+    DepthGrid source;
+    configure(source);
+    Bytes bytes(1);
+    addScrambledBlock(source, KeyType(0, 0, 0), bytes);
+    const std::string text = serialize(source);
+    struct Case {
+        const char* find;
+        const char* replace;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"2\n", "3\n", "unsupported volume file version"},
+        {"9 9 9", "8 8 8", "block size in the file differs from the grid's"},
+        {"0.16 0.16 0.16", "0.17 0.16 0.16", "block size or dimension in the file differs"},
+    };
+    for (const Case& c : cases) {
+        std::string edited = text;
+        edited.replace(edited.find(c.find), std::strlen(c.find), c.replace);
+        EXPECT_DEATH(
+            {
+                DepthGrid grid;
+                configure(grid);
+                deserialize(grid, edited);
+            },
+            c.message);
+    }
 }
 
 }  // namespace

@@ -1,0 +1,627 @@
+// The depth and label kernels on single blocks: the reference kernel's running average, weight
+// rule and skipped samples; the split mode's label votes; every alternative depth kernel against
+// the reference on blocks of a rendered room (near depth edges they may read a neighbouring
+// pixel, so nearly every voxel agrees closely, a few do not) and the arithmetic of their update
+// rules; the grid driver's kernel table, its fallbacks and fast-table set-up, and its
+// multi-threaded pass next to readers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "solid/fusion/Clipping.h"
+#include "solid/fusion/GridIntegration.h"
+#include "solid/fusion/Integration.h"
+#include "solid/fusion/IntegrationFast.h"
+#include "solid/fusion/LabelIntegration.h"
+#include "support/RenderedBlocks.h"
+#include "support/TestBlock.h"
+
+namespace Solid {
+namespace {
+
+using Test::OwnedFrame;
+using Test::RenderedDepth;
+using Test::TestBlock;
+using Test::translation;
+using Velmora::Test::AnalyticScene;
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 64;
+constexpr float kFocal = 100.0f;
+constexpr float kCentre = 31.5f;
+constexpr float kSpacing = 0.02f;
+constexpr float kRamp = 0.1f;
+constexpr float kMaxWeight = 30.0f;
+
+// A 64x64 camera, f = 100, looking down +z; a wall at `depth`.
+OwnedFrame makeFrame(float depth, unsigned char label = 0) {
+    OwnedFrame f(kWidth, kHeight, depth, label);
+    f.setIntrinsics(kFocal, kFocal, kCentre, kCentre);
+    return f;
+}
+
+// Fixed-point increment of a point on the optical axis, with the sensor's constants.
+int axisIncrement(float depth, float pointZ) {
+    const float sdf = 1.0028380155563354f * (depth - pointZ);
+    return static_cast<int>(std::min(sdf * (1.0f / kRamp), 1.0f) * 32766.0f);
+}
+
+TEST(ReferenceIntegration, FirstObservationRunningAverageAndWeightCap) {
+    TestBlock<Vec2S> block;
+    const Matrix4 T = translation(0.0f, 0.0f, 1.0f);  // lattice (0,0,0) on the optical axis
+    Vec2S& s = block.volume.at(0, 0, 0);
+    // The stored 32766 has no influence at weight 0; the average truncates towards zero.
+    const int inc1 = axisIncrement(1.05f, 1.0f), inc2 = axisIncrement(0.95f, 1.0f);
+    integrate(block.volume, makeFrame(1.05f).frame, T, kRamp, kMaxWeight, 1);
+    EXPECT_EQ(s, Vec2S(short(inc1), short(1)));
+    integrate(block.volume, makeFrame(0.95f).frame, T, kRamp, kMaxWeight, 1);
+    EXPECT_EQ(s, Vec2S(short((inc1 + inc2) / 2), short(2)));
+    // Twice the ramp in front: the value is clamped to +1.0 of the band.
+    integrate(block.volume, makeFrame(1.2f).frame, T, kRamp, kMaxWeight, 1);
+    EXPECT_EQ(s, Vec2S(short(((inc1 + inc2) / 2 * 2 + 32766) / 3), short(3)));
+
+    // At the cap the weight stays; above it (left from a larger cap) it falls back.
+    OwnedFrame frame = makeFrame(1.03f);
+    const int inc = axisIncrement(1.03f, 1.0f);
+    s = Vec2S(short(1000), short(30));
+    integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1);
+    EXPECT_EQ(s, Vec2S(short((1000 * 30 + inc) / 31), short(30)));
+    s = Vec2S(short(-500), short(40));
+    integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1);
+    EXPECT_EQ(s, Vec2S(short((-500 * 40 + inc) / 41), short(30)));
+
+    // The cap is the integer part of maxWeight.
+    TestBlock<Vec2S> other;
+    for (int i = 0; i < 5; ++i)
+        integrate(other.volume, frame.frame, T, kRamp, 3.9f, 1);
+    EXPECT_EQ(other.volume.at(0, 0, 0)(1), 3);
+}
+
+TEST(ReferenceIntegration, SkipsHolesBehindBandAndBorderPlanes) {
+    const Matrix4 T = translation(-0.08f, -0.08f, 1.0f);  // block centred on the optical axis
+    OwnedFrame frame = makeFrame(1.06f, 3);               // every lattice point within the band
+
+    TestBlock<LabelDepthVolumeSample> block;
+    integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1, 0.0f);
+    for (int i = 0; i < 729; ++i) {
+        const bool border = i % 9 == 8 || i / 9 % 9 == 8 || i / 81 == 8;
+        EXPECT_EQ(block.samples[i].depth(1), border ? 0 : 1) << i;
+        EXPECT_EQ(block.samples[i].labels[3], border ? 0 : 1) << i;
+    }
+
+    // A depth of 0 is no measurement: neither depth nor labels change.
+    TestBlock<LabelDepthVolumeSample> holes;
+    OwnedFrame empty = makeFrame(0.0f, 3);
+    integrate(holes.volume, empty.frame, T, kRamp, kMaxWeight, 1, 0.0f);
+    for (const LabelDepthVolumeSample& s : holes.samples) {
+        ASSERT_EQ(s.depth(1), 0);
+        ASSERT_EQ(s.labels[3], 0);
+    }
+
+    // A surface more than a ramp in front of the block: nothing behind it is touched.
+    TestBlock<Vec2S> hidden;
+    OwnedFrame wall = makeFrame(0.85f);
+    integrate(hidden.volume, wall.frame, T, kRamp, kMaxWeight, 1);
+    for (const Vec2S& s : hidden.samples)
+        ASSERT_EQ(s(1), 0);
+
+    // border 0 writes the last planes too.
+    TestBlock<Vec2S> full;
+    integrate(full.volume, frame.frame, T, kRamp, kMaxWeight, 0);
+    EXPECT_EQ(full.volume.at(8, 8, 0)(1), 1);
+}
+
+TEST(ReferenceIntegrationDeathTest, PreconditionsAbort) {
+    TestBlock<LabelDepthVolumeSample> block;
+    const Matrix4 T = translation(0, 0, 1.0f);
+    LabelDepthFrame noDepth;
+    EXPECT_DEATH(
+        integrate(block.volume, static_cast<const DepthFrame&>(noDepth), T, kRamp, kMaxWeight, 1),
+        "numPixels");
+    OwnedFrame frame = makeFrame(1.0f, 40);  // a class the histogram cannot hold
+    EXPECT_DEATH(integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1, 0.0f),
+                 "labels.size");
+    frame.frame.labels = AR::CV::Image<unsigned char>();
+    EXPECT_DEATH(integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1, 0.0f), "numPixels");
+}
+
+struct LabelScene {
+    explicit LabelScene(float depth, unsigned char label)
+        : depthPixels(kWidth * kHeight, depth), labelPixels(kWidth * kHeight, label) {
+        const AR::CV::Size2i size(kWidth, kHeight);
+        depthFrame.depth.set(depthPixels.data(), size, size, false);
+        labelFrame.labels.set(labelPixels.data(), size, size, false);
+        for (Matrix4* m : {&depthFrame.projection, &labelFrame.projection}) {
+            (*m)(0, 0) = (*m)(1, 1) = kFocal;
+            (*m)(0, 2) = (*m)(1, 2) = kCentre;
+        }
+    }
+    std::vector<float> depthPixels;
+    std::vector<unsigned char> labelPixels;
+    DepthFrame depthFrame;
+    LabelFrame labelFrame;
+};
+
+TEST(LabelIntegration, DepthMapBandIsStrictAndInMetres) {
+    LabelScene scene(1.0f, 6);
+    scene.labelFrame.pose = translation(0.0f, 0.0f, 1.0f);  // lattice (0,0,z) on the axis
+    TestBlock<LabelVolumeSample> block;
+    IntegrateVolumeStats stats;
+    // 2 cm band: z = 0 sits on the surface; z = 1 is 2 cm (times c0 > 1) away and does not vote.
+    integrateLabelsWithDepthMap(block.volume, scene.labelFrame, scene.depthFrame, 0.1f, 1, 0.02f,
+                                Vec3(0, 0, 0), &stats);
+    EXPECT_EQ(block.volume.at(0, 0, 0).labels[6], 1);
+    EXPECT_EQ(block.volume.at(0, 0, 1).labels[6], 0);
+    EXPECT_GT(stats.votes, 0u);
+    // Band 0: sqrt(3) times the spacing, 3.46 cm: z = 1 votes now, z = 2 (4 cm) not.
+    TestBlock<LabelVolumeSample> wide;
+    integrateLabelsWithDepthMap(wide.volume, scene.labelFrame, scene.depthFrame, 0.1f, 1, 0.0f,
+                                Vec3(0, 0, 0), nullptr);
+    EXPECT_EQ(wide.volume.at(0, 0, 1).labels[6], 1);
+    EXPECT_EQ(wide.volume.at(0, 0, 2).labels[6], 0);
+    // The border planes are never visited.
+    EXPECT_EQ(wide.volume.at(8, 0, 0).labels[6], 0);
+    // A hole in the depth image means no vote, however near the sample is.
+    std::fill(scene.depthPixels.begin(), scene.depthPixels.end(), 0.0f);
+    TestBlock<LabelVolumeSample> none;
+    integrateLabelsWithDepthMap(none.volume, scene.labelFrame, scene.depthFrame, 0.1f, 1, 0.02f,
+                                Vec3(0, 0, 0), nullptr);
+    EXPECT_EQ(none.volume.at(0, 0, 0).labels[6], 0);
+}
+
+TEST(LabelIntegrationDeathTest, DepthGridBandTheGridLevelLoopAndWhatAborts) {
+    DepthGrid depthGrid;
+    LabelGrid labelGrid;
+    depthGrid.set(Size(9, 9, 9), Vec3(0.02f, 0.02f, 0.02f));
+    labelGrid.set(Size(9, 9, 9), Vec3(0.02f, 0.02f, 0.02f));
+    // Block (0, 0, 6) spans z = 0.96 .. 1.12 m. Lattice plane 2 (z = 1.0 m) holds the surface;
+    // plane 1 lies just outside the 0.2 band (6554 / 32766 > 0.2), plane 3 just inside it.
+    const KeyType key(0, 0, 6);
+    depthGrid.ensure(key);
+    labelGrid.ensure(key);
+    for (int i = 0; i < 729; ++i) {
+        const int y = i / 9 % 9, z = i / 81;
+        const short values[] = {20000, 6554, 0, -6553};
+        depthGrid.get(key)->at(i % 9, y, z) = Vec2S(z < 4 ? values[z] : -20000, y == 3 ? 0 : 1);
+    }
+    LabelScene scene(0.0f, 4);
+    scene.labelFrame.pose = Matrix4::identity();  // world = camera, looking along +z
+    IndexSet blocks;
+    blocks.insert(key);
+    IntegrationStats stats;
+    const DepthFrame noDepth;  // empty: the blocks read the depth grid
+    // Band 0.02 m of a 0.1 m truncation: |value| < 0.2 votes.
+    integrate(labelGrid, depthGrid, scene.labelFrame, blocks, ConstantErrorModel(0.1f), stats,
+              0.02f, noDepth);
+    EXPECT_EQ(stats.integratedBlocks, 1u);
+    EXPECT_EQ(stats.totalBlocks, 1u);
+    auto labels = labelGrid.get(key);
+    int voted = 0;
+    // Row y = 3 is unobserved (weight 0) and reads -2.0: no votes there.
+    for (int i = 0; i < 512; ++i) {
+        const int y = i / 8 % 8, z = i / 64, count = labels->at(i % 8, y, z).labels[4];
+        if ((z != 2 && z != 3) || y == 3) {
+            ASSERT_EQ(count, 0) << i;
+        }
+        voted += count;
+    }
+    EXPECT_GT(voted, 30);
+
+    // Empty labels, or a block that does not exist, abort.
+    TestBlock<LabelVolumeSample> block;
+    EXPECT_DEATH(integrateLabelsWithDepthMap(block.volume, LabelFrame(), scene.depthFrame, 0.1f, 1,
+                                             0.02f, Vec3(0, 0, 0), nullptr),
+                 "labels.numPixels");
+    blocks.insert(KeyType(1, 2, 3));
+    EXPECT_DEATH(integrate(labelGrid, depthGrid, scene.labelFrame, blocks, ConstantErrorModel(0.1f),
+                           stats, 0.02f, noDepth),
+                 "block");
+}
+
+using DepthKernel = int (*)(IntegrationHelper::FastVolume&, const DepthFrame&, const Matrix4&,
+                            float, float, int);
+
+struct Agreement {
+    int checked = 0;
+    int updated = 0;
+    int agreeing = 0;  // both skip, or both update to values within the tolerance
+};
+
+// Fuses the view into a fresh block per key with `kernel` and with the reference. The kernel's
+// weight is `weightStep` where it updated; untouched samples and the border planes (the border
+// copy's) keep the creation values. `scale` converts the reference's values to the kernel's.
+Agreement compareWithReference(const RenderedDepth& view, const std::vector<KeyType>& keys,
+                               const DepthKernel& kernel, double scale, double tolerance,
+                               short weightStep) {
+    Agreement result;
+    const float dimension = 8 * kSpacing;
+    for (const KeyType& key : keys) {
+        TestBlock<Vec2S> fast(kSpacing);
+        TestBlock<Vec2S> reference(kSpacing);
+        const Matrix4 T =
+            blockToCamera(view.frame.pose, Vec3(dimension, dimension, dimension), key);
+        EXPECT_EQ(kernel(fast.volume, view.frame, T, kRamp, kMaxWeight, 1), 0);
+        integrate(reference.volume, view.frame, T, kRamp, kMaxWeight, 1);
+        for (int i = 0; i < 729; ++i) {
+            const Vec2S f = fast.samples[i], r = reference.samples[i];
+            const bool border = i % 9 == 8 || i / 9 % 9 == 8 || i / 81 == 8;
+            if (f(1) == 0 || border) {
+                EXPECT_EQ(f, creationSample<Vec2S>()) << i;
+            } else {
+                EXPECT_EQ(f(1), weightStep);
+            }
+            result.checked += !border;
+            result.updated += f(1) != 0;
+            result.agreeing += !border && (f(1) != 0) == (r(1) != 0) &&
+                               (r(1) == 0 || std::fabs(f(0) - r(0) * scale) <= tolerance);
+        }
+    }
+    return result;
+}
+
+TEST(KernelAgreement, EveryKernelAgreesWithTheReferenceOnNearlyEveryVoxel) {
+    // Looking into a corner of the room from 1.2 to 3 m: walls at grazing and steep angles, the
+    // floor, and depth edges where they meet.
+    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.5);
+    const RenderedDepth view(room,
+                             Solid::Test::roomCamera(160, 120, {2.4, 1.6, 1.3}, {4.0, 3.0, 0.6}));
+    const std::vector<KeyType> keys = Solid::Test::surfaceBlockKeys(view, 8 * kSpacing, 6);
+    ASSERT_GT(keys.size(), 40u);
+    ASSERT_TRUE(setupIntegrateFast(static_cast<int>(kMaxWeight)));
+    const double toMetres = 32768.0 * kRamp / 32766.0;  // the weighted kernel stores metres
+    const struct {
+        const char* name;
+        DepthKernel kernel;
+        double scale;
+        double tolerance;  // value units
+        double agreeing;   // least fraction of voxels that agree
+        short weightStep;
+    } cases[] = {
+        {"integrateTavric", integrateTavric, 1.0, 600.0, 0.98, 1},
+        {"integrateFast", integrateFast, 1.0, 600.0, 0.965, 1},
+        {"integrateFast8", integrateFast8, 1.0, 600.0, 0.98, 1},
+        {"integrateFastFixed", integrateFastFixed, 1.0, 600.0, 0.955, 1},
+        {"integrateFast8Weighted",
+         [](IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T, float ramp,
+            float maxWeight,
+            int border) { return integrateFast8Weighted(v, f, T, ramp, 1.0f, maxWeight, border); },
+         toMetres, 600.0, 0.99, 16},
+        {"integrateFastSPX", integrateFastSPX, 1.0, 2.0, 0.999, 1},
+    };
+    for (const auto& c : cases) {
+        const Agreement a =
+            compareWithReference(view, keys, c.kernel, c.scale, c.tolerance, c.weightStep);
+        // A third of the voxels or more lie within the band of the walls.
+        EXPECT_GT(a.updated, a.checked / 3) << c.name;
+        EXPECT_GE(a.agreeing, c.agreeing * a.checked) << c.name;
+    }
+}
+
+TEST(FastKernels, DivisionTablesWeightRulesAndFixedPointHelpers) {
+    // a * floor(65536 / (w + 1)) >> 16 against a / (w + 1) truncated: the reciprocal is low by
+    // less than 1, which moves the quotient towards zero by less than |a| / 65536; the shift
+    // floors where the division truncates, at most 1 more.
+    for (int w = 0; w < LUT_SIZE; ++w)
+        for (int a = -32766 * (w + 1); a <= 32766 * (w + 1); a += 331 * (w + 1) + 7) {
+            ASSERT_LE(std::abs(fastDiv(a, w) - a / (w + 1)), std::abs(a) / 65536 + 1) << a;
+            ASSERT_TRUE(a < 0 || fastDiv(a, w) <= a / (w + 1)) << a;
+        }
+    EXPECT_EQ(fastDiv(-1, 1), -1);  // the shift floors
+    EXPECT_EQ(table2[1], 1 << 30);
+    EXPECT_EQ(table2[511], (1 << 30) / 511);
+
+    ASSERT_TRUE(setupIntegrateFast(30));
+    const auto update = [](auto rule, Vec2S v, auto... args) {
+        rule(v, args...);
+        return v;
+    };
+    // First observation: the stored 32766 has no influence. The next weight saturates at the cap.
+    EXPECT_EQ(update(updateFast, Vec2S(short(32766), short(0)), 0.5f, 30), Vec2S(short(16383), 1));
+    EXPECT_EQ(update(updateFast, Vec2S(short(100), short(29)), 0.0f, 30),
+              Vec2S(short(fastDiv(100 * 29, 29)), 30));
+    // A stored value beyond the band (only a foreign volume has one) gives a quotient of
+    // -32767: updateFast clamps it, updateFast8 aborts (see the death test).
+    EXPECT_EQ(update(updateFast, Vec2S(short(-32768), short(1)), -1.0f, 30), Vec2S(-32766, 2));
+    // Fixed point: -1.0 of the ramp is exactly -32766, a fraction truncates towards zero
+    // (-0.5000153 * 32766 = -16383.5).
+    EXPECT_EQ(update(updateFastFixed, Vec2S(0, 0), Fx32::fromRaw(-0x10000), 30)(0), -32766);
+    EXPECT_EQ(update(updateFastFixed, Vec2S(0, 0), Fx32::fromRaw(-0x8001), 30)(0), -16383);
+    // Weighted: sixteenths of weight, values in 1/32768 metre, the weight capped at maxWeight.
+    EXPECT_EQ(update(updateFastWeighted, Vec2S(0, 0), 0.05f, 16, 480),
+              Vec2S(short(0.05f * 32768.0f), 16));
+    EXPECT_EQ(update(updateFastWeighted, Vec2S(1000, 476), 0.0f, 16, 480)(1), 480);
+
+    EXPECT_EQ(invertHQ(Fx32_27::fromRaw(-(1 << 26))).raw, -(1 << 28));
+    // Every millimetre value is the exact floor of d * 2^27 / 1000, read at its pixel.
+    std::vector<unsigned short> mm = {0, 0, 0};
+    DepthFrame frame;
+    frame.depthU16.set(mm.data(), AR::CV::Size2i(3, 1), AR::CV::Size2i(3, 1), false);
+    for (unsigned d = 0; d < 8000; ++d) {
+        mm[2] = static_cast<unsigned short>(d);
+        ASSERT_EQ(getDepthFixed(frame, AR::Math::Vec2I(2, 0)).raw,
+                  static_cast<int32_t>((int64_t(d) << 27) / 1000));
+    }
+}
+
+// Both forms of checkClippingRequired on a block of 8 cells of `step` at `origin`, axis-aligned;
+// they must agree on the answer and on `front`.
+bool clippingRequired(const DepthFrame& frame, const Vec3& origin, float step, bool& front) {
+    const Vec3 xs(step, 0.0f, 0.0f), ys(0.0f, step, 0.0f), zs(0.0f, 0.0f, step);
+    InverseZGrid grid;
+    setupInverseZGrid(origin, xs, ys, zs, grid);
+    bool nodeFront = !front;
+    const bool withNodes =
+        checkClippingRequired(frame, Size(8, 8, 8), origin, xs, ys, zs, grid, nodeFront);
+    const bool plain = checkClippingRequired(frame, Size(8, 8, 8), origin, xs, ys, zs, front);
+    EXPECT_EQ(withNodes, plain);
+    EXPECT_EQ(nodeFront, front);
+    return plain;
+}
+
+TEST(Clipping, CornersAtColumnZeroNeedClippingAndBlocksAcrossTheCameraPlaneAreLeftAlone) {
+    OwnedFrame wall = makeFrame(1.1f);
+    bool front = true;
+    // Origin at x = -0.315 m, z = 1: u = 32 - 31.5 = 0.5, pixel 0 - inside, but on the margin.
+    EXPECT_TRUE(clippingRequired(wall.frame, Vec3(-0.315f, -0.05f, 1.0f), kSpacing, front));
+    EXPECT_FALSE(front);
+    // Two pixels further in, every corner is clear of the margin.
+    EXPECT_FALSE(clippingRequired(wall.frame, Vec3(-0.30f, -0.05f, 1.0f), kSpacing, front));
+    // The far corner (index 7, not 8) decides at the right edge: corner 7 at u = 63.4 lies on
+    // the margin, at u = 62.5 it is clear although lattice index 8 would project to u = 64.5.
+    EXPECT_TRUE(
+        clippingRequired(wall.frame, Vec3(0.314f - 7 * kSpacing, -0.05f, 1.0f), kSpacing, front));
+    EXPECT_FALSE(
+        clippingRequired(wall.frame, Vec3(0.305f - 7 * kSpacing, -0.05f, 1.0f), kSpacing, front));
+
+    // A block across the camera plane is left alone: at spacing 0.25 m the nodes of slab 1 lie
+    // exactly on z = 0, the block reaches 1 m behind the camera and 1 m in front of it.
+    TestBlock<Vec2S> block(0.25f);
+    block.volume.at(0, 0, 4) = Vec2S(short(7), short(3));
+    const std::vector<Vec2S> before = block.samples;
+    const Matrix4 T = translation(0.0f, 0.0f, -1.0f);
+    EXPECT_EQ(integrateTavric(block.volume, wall.frame, T, kRamp, kMaxWeight, 1), 0);
+    EXPECT_EQ(0, std::memcmp(before.data(), block.samples.data(), before.size() * sizeof(Vec2S)));
+    ASSERT_TRUE(setupIntegrateFast(30));
+    for (const auto& kernel : {integrateFast, integrateFast8}) {
+        EXPECT_EQ(kernel(block.volume, wall.frame, T, kRamp, kMaxWeight, 1), 0);
+        EXPECT_EQ(0,
+                  std::memcmp(before.data(), block.samples.data(), before.size() * sizeof(Vec2S)));
+    }
+    front = false;
+    EXPECT_FALSE(clippingRequired(wall.frame, Vec3(0.0f, 0.0f, -1.0f), 0.25f, front));
+    EXPECT_TRUE(front);
+}
+
+TEST(FastKernelsDeathTest, PreconditionsAbort) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    OwnedFrame wall = makeFrame(1.1f);
+    TestBlock<Vec2S> block(kSpacing);
+    const Matrix4 T = translation(0.0f, 0.0f, 1.0f);
+    EXPECT_DEATH(integrateTavric(block.volume, wall.frame, T, kRamp, 128.0f, 1), "maxWeight");
+    EXPECT_DEATH(integrateTavric(block.volume, wall.frame, T, kRamp, kMaxWeight, 2),
+                 "Only runs with 8x8x8");
+    EXPECT_DEATH(integrateFast8Weighted(block.volume, wall.frame, T, kRamp, 0.05f, kMaxWeight, 1),
+                 "weight > 0");
+
+    ASSERT_TRUE(setupIntegrateFast(30));
+    Vec2S heavy(short(0), short(64));
+    EXPECT_DEATH(updateFast(heavy, 0.5f, 30), "LUT_SIZE");
+    Vec2S sample(short(32766), short(0));
+    EXPECT_DEATH(updateFast(sample, 0.5f, 20), "gInitializedLUTMaxWeight");
+    Vec2S overflow(short(-32768), short(1));
+    EXPECT_DEATH(updateFast8(overflow, -1.0f, 30), "kMaxValue");
+    Vec2S overWeight(short(0), short(500));
+    EXPECT_DEATH(updateFastWeighted(overWeight, 0.0f, 16, 480), "LUT2_SIZE");
+
+    std::vector<unsigned short> mm = {8000};
+    DepthFrame frame;
+    frame.depthU16.set(mm.data(), AR::CV::Size2i(1, 1), AR::CV::Size2i(1, 1), false);
+    EXPECT_DEATH(getDepthFixed(frame, AR::Math::Vec2I(0, 0)), "d64");
+}
+
+struct Room {
+    AnalyticScene scene = AnalyticScene::room(4.0, 3.0, 2.5);
+    RenderedDepth view{scene, Test::roomCamera(96, 72, {2.4, 1.6, 1.3}, {4.0, 3.0, 0.6})};
+    LabelDepthFrame labelled;
+    Room() {
+        static_cast<DepthFrame&>(labelled) = view.frame;
+        const AR::CV::Size2i size(view.rendered.width, view.rendered.height);
+        labelled.labels.set(view.rendered.labels.data(), size, size, false);
+    }
+};
+
+// Fuses the room's frame into `grid` with the frame path's arguments and `acceleration`.
+template <typename Grid, typename Frame>
+IndexSet fuse(Grid& grid, const Frame& frame, Acceleration acceleration) {
+    const ConstantErrorModel model(kRamp);
+    IntegrationStats stats;
+    return integrate(grid, frame, model, kMaxWeight, stats, acceleration, 1, 0.0f, 0.0f, nullptr, 1,
+                     1, 1, static_cast<SaturationManager<float, Grid>*>(nullptr));
+}
+
+// Every block of `keys` in `grid` holds what `expected` makes of a fresh block, with the
+// block-to-camera transform of the frame's `pose`.
+template <typename Grid, typename Expected>
+void expectBlocks(const Grid& grid, const Matrix4& pose, const IndexSet& keys,
+                  const Expected& expected) {
+    using Sample = typename Grid::SampleType;
+    const VolumeConfig& config = grid.config();
+    ASSERT_FALSE(keys.empty());
+    for (const KeyType& key : keys) {
+        std::vector<Sample> samples(config.numSamples, creationSample<Sample>());
+        Volume<Sample, ReferencedVolumeData> fresh(samples.data(), &config);
+        expected(fresh, blockToCamera(pose, grid.dimension(), key));
+        auto block = grid.get(key);
+        ASSERT_TRUE(block);
+        ASSERT_EQ(0, std::memcmp(block->data(), samples.data(), config.numSamples * sizeof(Sample)))
+            << "block " << key(0) << " " << key(1) << " " << key(2);
+    }
+}
+
+// The reference kernels, in the kernel table's form.
+template <void (*kernel)(IntegrationHelper::FastVolume&, const DepthFrame&, const Matrix4&, float,
+                         float, int)>
+int asKernel(IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T, float ramp,
+             float maxWeight, int border) {
+    kernel(v, f, T, ramp, maxWeight, border);
+    return 0;
+}
+int fast8Weighted(IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T,
+                  float ramp, float maxWeight, int border) {
+    return integrateFast8Weighted(v, f, T, ramp, 1.0f, maxWeight, border);
+}
+
+// 9-cube blocks run the kernel of each value; on 8-cube blocks the 9-cube kernels (3 to 6) give
+// way to the reference, while 1 and 2 run anywhere.
+TEST(GridAcceleration, DepthGridRunsTheKernelOfEachValue) {
+    const Room room;
+    const DepthFrame& frame = room.view.frame;
+    const DepthKernel kernels[] = {asKernel<integrate<Vec2S, ReferencedVolumeData>>,
+                                   integrateFast,
+                                   integrateFastFixed,
+                                   integrateFast8,
+                                   integrateTavric,
+                                   fast8Weighted,
+                                   asKernel<integrateRef>};
+    for (const int side : {9, 8}) {
+        IndexSet referenceKeys;
+        for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
+            SCOPED_TRACE(testing::Message() << "side " << side << ", value " << value);
+            DepthGrid grid;
+            grid.set(Size(side, side, side), Vec3(kSpacing, kSpacing, kSpacing));
+            const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
+            if (value == kAccelerationReference) {
+                referenceKeys = keys;
+                ASSERT_GT(keys.size(), 20u);
+            }
+            EXPECT_EQ(keys.size(), referenceKeys.size());
+            const bool anyShape = value <= kAccelerationFastFixed;
+            const DepthKernel kernel =
+                kernels[side == 9 || anyShape ? value : kAccelerationReference];
+            expectBlocks(grid, frame.pose, keys,
+                         [&](IntegrationHelper::FastVolume& v, const Matrix4& T) {
+                             kernel(v, frame, T, kRamp, kMaxWeight, 1);
+                         });
+        }
+    }
+}
+
+TEST(GridAcceleration, CombinedGridTable) {
+    const Room room;
+    const LabelDepthFrame& frame = room.labelled;
+    const DepthFrame& depthOnly = frame;
+    using Block = Volume<LabelDepthVolumeSample, ReferencedVolumeData>;
+    IndexSet referenceKeys;
+    for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
+        LabelDepthGrid grid;
+        grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
+        const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
+        if (value == kAccelerationReference) {
+            referenceKeys = keys;
+        }
+        // Value 5 fuses nothing, yet its blocks exist and are all returned.
+        EXPECT_EQ(keys.size(), referenceKeys.size()) << value;
+        expectBlocks(grid, frame.pose, keys, [&](Block& v, const Matrix4& T) {
+            if (value == kAccelerationReference) {
+                integrate(v, frame, T, kRamp, kMaxWeight, 1, 0.0f);
+            } else if (value != kAccelerationFast8Weighted) {
+                integrate(v, depthOnly, T, kRamp, kMaxWeight, 1);
+            }
+        });
+    }
+}
+
+TEST(GridAccelerationDeathTest, FastTablesAreSetUpOnlyForTheirValuesAndMustSucceed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const Room room;
+    DepthGrid grid;
+    grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
+    const ConstantErrorModel model(kRamp);
+    IntegrationStats stats;
+    // An empty selection still sets up the tables of the cap 30 for the values that use them,
+    // and only for those.
+    for (int value : {kAccelerationFast, kAccelerationFastFixed, kAccelerationFast8}) {
+        ASSERT_TRUE(setupIntegrateFast(5));
+        stats.integratedBlocks = 7;
+        integrateBlocks(grid, room.view.frame, IndexSet(), model, kMaxWeight, stats,
+                        static_cast<Acceleration>(value));
+        EXPECT_EQ(stats.integratedBlocks, 0u);
+        Vec2S sample(short(0), short(29));
+        updateFast(sample, 0.5f, 30);
+        EXPECT_EQ(sample(1), 30);
+    }
+    ASSERT_TRUE(setupIntegrateFast(5));
+    integrateBlocks(grid, room.view.frame, IndexSet(), model, kMaxWeight, stats,
+                    kAccelerationTavric);
+    Vec2S sample(short(0), short(3));
+    EXPECT_DEATH(updateFast(sample, 0.5f, 30), "gInitializedLUTMaxWeight");
+    EXPECT_DEATH(
+        integrateBlocks(grid, room.view.frame, IndexSet(), model, 64.0f, stats, kAccelerationFast),
+        "setUp");
+}
+
+// The reader copies one block of the view under its lock while the pool fuses three frames: each
+// copy must be one of the states the block goes through when the frames are fused on one thread
+// (inner samples; the border plane is the neighbours' copy), in order. A sample written outside
+// the block's lock, or a block published before its creation values, shows up as a copy of no
+// state.
+TEST(GridAccelerationConcurrency, ReaderSeesOnlyWholeFrameStatesOfABlock) {
+    const Room room;
+    const DepthFrame& frame = room.view.frame;
+    const Size size(9, 9, 9);
+    auto inner = [](const DepthVolume& block) {
+        std::vector<Vec2S> samples;
+        for (int z = 0; z < 8; ++z)
+            for (int y = 0; y < 8; ++y)
+                for (int x = 0; x < 8; ++x)
+                    samples.push_back(block.at(x, y, z));
+        return samples;
+    };
+    DepthGrid serial;
+    serial.set(size, Vec3(kSpacing, kSpacing, kSpacing));
+    const KeyType key = *fuse(serial, frame, kAccelerationMultiThreaded).begin();
+    std::vector<std::vector<Vec2S>> states = {std::vector<Vec2S>(512, creationSample<Vec2S>()),
+                                              inner(*serial.get(key))};
+    for (int f = 0; f < 2; ++f) {
+        fuse(serial, frame, kAccelerationMultiThreaded);
+        states.push_back(inner(*serial.get(key)));
+    }
+
+    DepthGrid pooled;
+    pooled.set(size, Vec3(kSpacing, kSpacing, kSpacing));
+    std::atomic<bool> stop{false};
+    std::atomic<bool> started{false};
+    int copies = 0;
+    int torn = 0;
+    std::thread reader([&] {
+        size_t reached = 0;
+        do {
+            if (auto block = pooled.get(key)) {
+                const std::vector<Vec2S> seen = inner(*block);
+                size_t k = reached;
+                while (k < states.size() && seen != states[k])
+                    ++k;
+                torn += k == states.size();
+                reached = k == states.size() ? reached : k;
+                ++copies;
+            }
+            started = true;
+        } while (!stop.load());
+    });
+    while (!started.load())
+        std::this_thread::yield();
+    for (int frameIndex = 0; frameIndex < 3; ++frameIndex)
+        fuse(pooled, frame, kAccelerationMultiThreaded);
+    stop = true;
+    reader.join();
+    EXPECT_EQ(torn, 0) << copies;
+    EXPECT_EQ(inner(*pooled.get(key)), states.back());
+}
+
+}  // namespace
+}  // namespace Solid

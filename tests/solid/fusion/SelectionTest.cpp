@@ -1,0 +1,358 @@
+// Block selection: one pixel at a time, the blocks it hits (its own and the face neighbours the
+// ramp reaches, never a diagonal one), the pixel step, the best-distance filter and the three
+// block filters; the hit search against a plain one-pixel-at-a-time version on rendered views of
+// a furnished room and on random frames (negative coordinates, points exactly on block faces, a
+// band that varies with depth, every second pixel, the best-distance filter), agreeing in keys,
+// slot order and values bit for bit; and the border copy into all seven lower neighbours.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include "math/MatrixFunctions.h"
+#include "solid/fusion/BlockSelection.h"
+#include "solid/fusion/BorderCopy.h"
+#include "support/FusedGrid.h"
+#include "support/TestBlock.h"
+
+namespace Solid {
+namespace {
+
+using Solid::Test::OwnedFrame;
+using Keys = std::set<std::tuple<int, int, int>>;
+
+constexpr float kSpacing = 0.02f;  // blocks of 8 cells: 0.16 m
+constexpr float kRamp = 0.03f;
+
+DepthGrid& emptyGrid() {
+    static DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kSpacing);
+    return grid;
+}
+
+// One pixel at depth 1 m whose point lies at `local` within block (0, 0, 0) after the half-voxel
+// shift of the search.
+OwnedFrame pixelAt(const Vec3& local) {
+    OwnedFrame f(1, 1, 1.0f);
+    f.frame.pose = Solid::Test::translation(kSpacing / 2 - local(0), kSpacing / 2 - local(1),
+                                            1.0f + kSpacing / 2 - local(2));
+    return f;
+}
+
+Keys keysOf(const BlockInfoMapType& map) {
+    Keys keys;
+    for (const auto& entry : map) {
+        keys.insert({entry.first(0), entry.first(1), entry.first(2)});
+        EXPECT_EQ(entry.second.bestSampleDistance, 1.0f);
+    }
+    return keys;
+}
+
+BlockInfoMapType hits(const DepthGrid& grid, const DepthFrame& frame, int step, float maxBest,
+                      IntegrationStats& stats) {
+    BlockInfoMapType map;
+    findHitBlocks(map, stats, grid, frame, ConstantErrorModel(kRamp), step, maxBest);
+    return map;
+}
+
+TEST(BlockSelection, APixelHitsItsBlockAndTheFaceNeighboursWithinTheRamp) {
+    const struct {
+        Vec3 local;
+        Keys expected;
+    } cases[] = {
+        {Vec3(0.08f, 0.08f, 0.08f), {{0, 0, 0}}},
+        // Near the lower x and y faces: both face neighbours, but not the diagonal block.
+        {Vec3(0.01f, 0.02f, 0.08f), {{0, 0, 0}, {-1, 0, 0}, {0, -1, 0}}},
+        {Vec3(0.14f, 0.08f, 0.15f), {{0, 0, 0}, {1, 0, 0}, {0, 0, 1}}},
+        {Vec3(0.01f, 0.15f, 0.01f), {{0, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, 0, -1}}},
+    };
+    for (const auto& c : cases) {
+        const OwnedFrame f = pixelAt(c.local);
+        IntegrationStats stats;
+        EXPECT_EQ(keysOf(hits(emptyGrid(), f.frame, 1, 0.0f, stats)), c.expected)
+            << c.local(0) << " " << c.local(1) << " " << c.local(2);
+        EXPECT_EQ(stats.acceptedPoints, 1u);
+    }
+}
+
+TEST(BlockSelection, BestDistanceFilterIgnoresPixelsFartherThanItsFactor) {
+    DepthGrid grid;
+    grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
+    grid.ensure(KeyType(0, 0, 0));
+    grid.get(KeyType(0, 0, 0))->setBestSampleDistance(0.5f);
+    const OwnedFrame f = pixelAt(Vec3(0.08f, 0.08f, 0.08f));
+    for (const auto& [factor, kept] :
+         {std::pair<float, bool>{0.0f, true}, {1.9f, false}, {2.1f, true}}) {
+        IntegrationStats stats;
+        EXPECT_EQ(hits(grid, f.frame, 1, factor, stats).size(), kept ? 1u : 0u) << factor;
+        EXPECT_EQ(stats.acceptedPoints, kept ? 1u : 0u) << factor;
+    }
+}
+
+TEST(BlockSelection, AllowListAndHitDensityFilters) {
+    BlockInfoMapType map;
+    const uint32_t counts[] = {9, 10, 39, 40};
+    for (int i = 0; i < 4; ++i)
+        map[KeyType(i, 0, 0)].numHits = counts[i];
+    BlockInfoMapType all = map;
+    filterNonSpecifiedBlocks(all, nullptr);
+    EXPECT_EQ(all.size(), 4u);
+    IndexSet allowed;
+    allowed.insert(KeyType(1, 0, 0));
+    allowed.insert(KeyType(7, 0, 0));
+    BlockInfoMapType some = map;
+    filterNonSpecifiedBlocks(some, &allowed);
+    EXPECT_EQ(some.size(), 1u);
+    EXPECT_EQ(some.count(KeyType(1, 0, 0)), 1u);
+
+    // Threshold: a fraction of a 9x9 face, divided by the square of the pixel step.
+    const struct {
+        float fraction;
+        int step;
+        size_t kept;
+    } cases[] = {{0.0f, 1, 4}, {0.5f, 1, 1}, {0.5f, 2, 3}, {0.5f, 3, 4}, {0.13f, 1, 3}};
+    for (const auto& c : cases) {
+        BlockInfoMapType filtered = map;
+        filterLowHitDensityBlocks(filtered, c.fraction, 9, c.step);
+        EXPECT_EQ(filtered.size(), c.kept) << c.fraction << " step " << c.step;
+    }
+}
+
+TEST(BlockSelection, SaturationCountsViewsPerDirectionAndDistanceClass) {
+    SaturationManager<float, DepthGrid> manager(2, 4);
+    manager.distances().push_back(1.0f);
+    manager.directions().push_back(Vec3(1.0f, 0.0f, 0.0f));
+    manager.directions().push_back(Vec3(-1.0f, 0.0f, 0.0f));
+    const KeyType key(0, 0, 0);
+    const Vec3 nearRight(0.5f, 0.0f, 0.0f), farRight(3.0f, 0.0f, 0.0f), nearLeft(-0.5f, 0, 0);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(manager.update(key, nearRight)) << i;
+    EXPECT_FALSE(manager.update(key, nearRight));
+    EXPECT_TRUE(manager.update(KeyType(1, 0, 0), nearRight));  // blocks count apart
+    EXPECT_TRUE(manager.update(key, farRight));
+    EXPECT_TRUE(manager.update(key, nearLeft));
+
+    // The filter drops a block once its class is full, and keeps a new one.
+    const OwnedFrame f = pixelAt(Vec3(0.08f, 0.08f, 0.08f));
+    SaturationManager<float, DepthGrid> one(1, 1);
+    one.directions().push_back(Vec3(0.0f, 0.0f, 1.0f));
+    for (size_t expected : {1u, 0u}) {
+        IntegrationStats stats;
+        BlockInfoMapType map = hits(emptyGrid(), f.frame, 1, 0.0f, stats);
+        filterSaturatedBlocks(map, emptyGrid(), f.frame, &one);
+        EXPECT_EQ(map.size(), expected);
+    }
+}
+
+// Block (1, 1, 1) with distinct samples copies its planes 0 into planes 8 of the seven lower
+// neighbours: faces, edges and the corner sample (8, 8, 8). Nothing else of them changes, but for
+// the border column of the z face, which is copied as part of whole rows.
+TEST(BorderCopy, EveryLowerNeighbourReceivesExactlyItsPlanes) {
+    DepthGrid grid;
+    grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
+    for (int k = 0; k < 8; ++k)
+        grid.ensure(KeyType(k & 1, (k >> 1) & 1, k >> 2));
+    const KeyType source(1, 1, 1);
+    for (int i = 0; i < 729; ++i)
+        grid.get(source)->data()[i] = Vec2S(short(i), short(1));
+    IndexSet updated;
+    copySubvolumeBorder(source, *grid.get(source), grid, updated);
+    EXPECT_EQ(updated.size(), 7u);
+    for (int k = 0; k < 7; ++k) {
+        const int o[3] = {k & 1, (k >> 1) & 1, k >> 2};  // 0: one block lower on that axis
+        auto dst = grid.get(KeyType(o[0], o[1], o[2]));
+        EXPECT_TRUE(updated.contains(KeyType(o[0], o[1], o[2])));
+        for (int i = 0; i < 729; ++i) {
+            const int p[3] = {i % 9, i / 9 % 9, i / 81};
+            bool copied = true;
+            int from = 0;
+            for (int a = 0, stride = 1; a < 3; ++a, stride *= 9) {
+                const bool wholeRow = k == 3 && a == 0;
+                copied = copied && (o[a] == 0 ? p[a] == 8 : p[a] < 8 || wholeRow);
+                from += o[a] == 0 ? 0 : p[a] * stride;
+            }
+            ASSERT_EQ(dst->data()[i],
+                      copied ? Vec2S(short(from), short(1)) : creationSample<Vec2S>())
+                << k << ": " << i;
+        }
+    }
+}
+
+using Velmora::Test::PinholeCamera;
+
+// The search as it reads in words: each valid pixel unprojected on its own, its block and the
+// face neighbours within the band recorded one by one in the map.
+void referenceHitSearch(BlockInfoMapType& map, IntegrationStats& stats, const DepthGrid& grid,
+                        const DepthFrame& frame, const SensorErrorModel& model, int step,
+                        float bestDistanceFilter) {
+    Matrix4 invM = AR::Math::inverse(frame.projection * frame.pose);
+    for (int r = 0; r < 3; ++r)
+        invM(r, 3) += 0.5f * grid.config().spacing(r);
+    auto hit = [&](const KeyType& key, float d) {
+        BlockInfo& info = map[key];
+        info.bestSampleDistance = std::min(info.bestSampleDistance, d);
+        ++info.numHits;
+    };
+    stats.visitedPoints = stats.acceptedPoints = 0;
+    for (int y = 0; y < frame.depth.height(); y += step) {
+        for (int x = 0; x < frame.depth.width(); x += step) {
+            ++stats.visitedPoints;
+            const float d = frame.depth(x, y);
+            if (!(d > 0.0f))
+                continue;
+            const float v[4] = {static_cast<float>(x) * d, static_cast<float>(y) * d, d, 1.0f};
+            float p[3];
+            KeyType key;
+            for (int r = 0; r < 3; ++r) {
+                p[r] = 0.0f;
+                for (int c = 0; c < 4; ++c)
+                    p[r] += invM(r, c) * v[c];
+                key[r] = static_cast<int>(std::floor(p[r] * grid.inverseDimension()(r)));
+            }
+            auto block = grid.get(key);
+            if (bestDistanceFilter > 0.0f && block &&
+                d > block->bestSampleDistance() * bestDistanceFilter)
+                continue;
+            hit(key, d);
+            const float ramp = model.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
+            for (int a = 0; a < 3; ++a) {
+                const float local = p[a] - grid.dimension()(a) * static_cast<float>(key[a]);
+                KeyType lower = key, upper = key;
+                --lower[a];
+                ++upper[a];
+                if (local < ramp)
+                    hit(lower, d);
+                if (local > grid.dimension()(a) - ramp)
+                    hit(upper, d);
+            }
+            ++stats.acceptedPoints;
+        }
+    }
+}
+
+// A band that widens with depth, so that the search must ask the model per pixel.
+class GrowingBand : public SensorErrorModel {
+public:
+    float getFusionWeight(const Vec3&) const override { return 1.0f; }
+    float getIntegrationRamp(const Vec3& p) const override { return 0.03f + 0.02f * p(2); }
+};
+
+struct SearchCase {
+    const char* name;
+    float cellSize;
+    int step;
+    float bestDistanceFilter;
+    bool growingBand;
+};
+
+class HitSearch : public ::testing::TestWithParam<SearchCase> {
+protected:
+    void SetUp() override {
+        Velmora::Test::configureGrid(grid, GetParam().cellSize);
+        // Some blocks exist, seen from nearer than the frames below, for the distance filter.
+        PinholeCamera near;
+        near.T_world_camera = Velmora::Test::lookAt({1.0, 1.0, 1.2}, {3.0, 2.0, 0.8}, {0, 0, 1});
+        Velmora::Test::fuseView(grid, room(), near, 5.0f * GetParam().cellSize);
+    }
+
+    static Velmora::Test::AnalyticScene room() {
+        auto scene = Velmora::Test::AnalyticScene::room(4.0, 3.0, 2.6);
+        scene.add(Velmora::Test::makeBox({1.2, 1.0, 0.0}, {2.4, 1.8, 0.75}, 4, {1, 2, 3}));
+        scene.add(Velmora::Test::makeSphere({3.0, 2.2, 0.3}, 0.3, 6, {4, 5, 6}));
+        return scene;
+    }
+
+    void expectSameSearch(const DepthFrame& frame) {
+        const SearchCase& c = GetParam();
+        const ConstantErrorModel constant(5.0f * c.cellSize);
+        const GrowingBand growing;
+        const SensorErrorModel& model =
+            c.growingBand ? static_cast<const SensorErrorModel&>(growing) : constant;
+        BlockInfoMapType fast(grid.size());
+        BlockInfoMapType plain(grid.size());
+        IntegrationStats fastStats;
+        IntegrationStats plainStats;
+        findHitBlocks(fast, fastStats, grid, frame, model, c.step, c.bestDistanceFilter);
+        referenceHitSearch(plain, plainStats, grid, frame, model, c.step, c.bestDistanceFilter);
+        EXPECT_EQ(fastStats.visitedPoints, plainStats.visitedPoints);
+        EXPECT_EQ(fastStats.acceptedPoints, plainStats.acceptedPoints);
+        ASSERT_EQ(fast.size(), plain.size());
+        ASSERT_GT(fast.size(), 0u);
+        auto a = fast.begin();
+        for (auto b = plain.begin(); b != plain.end(); ++a, ++b) {
+            ASSERT_EQ(a->first, b->first) << "slot order differs";
+            EXPECT_EQ(a->second.numHits, b->second.numHits);
+            EXPECT_EQ(0, std::memcmp(&a->second.bestSampleDistance, &b->second.bestSampleDistance,
+                                     sizeof(float)));
+        }
+    }
+
+    DepthGrid grid;
+};
+
+TEST_P(HitSearch, RunsGiveTheMapOfOnePixelAtATime) {
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> angle(0.0, 6.283);
+    for (int view = 0; view < 3; ++view) {
+        PinholeCamera camera;
+        camera.width = 642;  // not a multiple of the vector width
+        camera.height = 120;
+        camera.fx = camera.fy = 525.0;
+        camera.cx = 320.5;
+        camera.cy = 60.5;
+        const double a = angle(random);
+        camera.T_world_camera = Velmora::Test::lookAt(
+            {2.0 - std::cos(a), 1.5 - 0.6 * std::sin(a), 1.4}, {2.0, 1.5, 0.6}, {0, 0, 1});
+        const auto rendered = Velmora::Test::render(room(), camera);
+        DepthFrame frame;
+        Velmora::Test::setUpFrame(frame, camera);
+        for (int y = 0; y < camera.height; ++y)
+            for (int x = 0; x < camera.width; ++x)
+                frame.depth(x, y) = rendered.depthMetres[static_cast<size_t>(y) * camera.width + x];
+        expectSameSearch(frame);
+    }
+    // Random depths (a fifth of them missing) from cameras around the origin, so that points
+    // fall at negative coordinates. In every second trial the intrinsics, shifts and depths are
+    // on binary lattices, so that with cells of a power of two points fall exactly on block faces
+    // and on the limits of the band.
+    std::uniform_real_distribution<float> depth(0.2f, 4.0f);
+    std::uniform_real_distribution<float> shift(-3.0f, 3.0f);
+    for (int trial = 0; trial < 4; ++trial) {
+        const bool onLattice = trial % 2 == 1;
+        PinholeCamera camera;
+        camera.width = 37;
+        camera.height = 29;
+        if (onLattice) {
+            camera.fx = camera.fy = 16.0;
+            camera.cx = camera.cy = 0.0;
+        }
+        DepthFrame frame;
+        Velmora::Test::setUpFrame(frame, camera);
+        for (int r = 0; r < 3; ++r) {
+            const float t = trial == 0 ? 0.0f : shift(random);
+            frame.pose(r, 3) = onLattice ? std::round(16.0f * t) / 16.0f : t;
+        }
+        for (int i = 0; i < camera.width * camera.height; ++i) {
+            const int x = i % camera.width, y = i / camera.width;
+            const float d = onLattice ? std::round(8.0f * depth(random)) / 8.0f : depth(random);
+            frame.depth(x, y) = (x * 7 + y * 3) % 5 == 0 ? 0.0f : d;
+        }
+        expectSameSearch(frame);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Frames, HitSearch,
+                         ::testing::Values(SearchCase{"cells2cm", 0.02f, 1, 0.0f, false},
+                                           SearchCase{"cells1cm", 0.01f, 1, 0.0f, false},
+                                           SearchCase{"cellsOfAnEighth", 0.125f, 1, 0.0f, false},
+                                           SearchCase{"growingBand", 0.02f, 1, 0.0f, true},
+                                           SearchCase{"everySecondPixel", 0.02f, 2, 0.0f, false},
+                                           SearchCase{"bestDistanceFilter", 0.02f, 1, 1.2f, false}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace Solid

@@ -1,0 +1,542 @@
+// Surfaces out of grids written from analytic fields: the cube tables, marching cubes per block
+// and welded, the incremental re-meshing of changed blocks, the cut by instance in both run
+// modes, the annotation with instance ids, and the mesh streams they fill.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <functional>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "common/FlatMap.h"
+#include "solid/surface/CubeTables.h"
+#include "solid/surface/IncrementalExtraction.h"
+#include "solid/surface/IncrementalExtractionImpl.h"
+#include "solid/surface/MarchingCubes.h"
+#include "solid/surface/MarchingCubes2.h"
+#include "solid/surface/PolygonMesh.h"
+#include "solid/surface/TextureExtractor.h"
+#include "support/FieldGrid.h"
+
+namespace Solid {
+namespace {
+
+namespace CT = CubeTables;
+
+constexpr float kSpacing = 0.02f;
+constexpr float kDimension = 8 * kSpacing;  // edge of a block
+constexpr float kTruncation = 0.1f;
+// Quantisation of a stored value, metres: half a step of 1 / 32766 of the band.
+constexpr float kQuantisation = 0.5f * kTruncation / kMaxDepthValue;
+
+using B = AttributeBlock;
+using M = PolygonMesh;
+
+// A mesh of `n` vertices at (i, 0, 0) and the given triangles, optionally with ids.
+PolygonMesh makeMesh(int n, std::initializer_list<unsigned int> indices,
+                     std::initializer_list<unsigned short> ids = {}) {
+    PolygonMesh mesh;
+    for (int i = 0; i < n; ++i)
+        mesh.positions().push_back(Vec3(i, 0, 0));
+    for (unsigned int index : indices)
+        mesh.indices().push_back(index);
+    for (unsigned short id : ids)
+        mesh.instanceIds().push_back(id);
+    return mesh;
+}
+
+TEST(AttributeBlockDeathTest, WrongTypesAbort) {
+    B block;
+    EXPECT_DEATH(block.create(static_cast<B::TYPE>(8)),
+                 "Attribute Block instantiated with a wrong type");
+    block.create(B::TYPE_VEC3F);
+    EXPECT_DEATH(block.stream<Vec4>(), "typeOf");
+}
+
+TEST(PolygonMesh, AppendOffsetsIndicesAndCarriesIdsAndColours) {
+    PolygonMesh target = makeMesh(3, {0, 1, 2}, {7, 7, 7});
+    PolygonMesh source = makeMesh(4, {0, 1, 2, 2, 3, 0}, {9, 9, 9, 9});
+    source.colors().push_back(Vec4(1, 0, 0, 1));
+    source.texCoords().push_back(Vec2(0.5f, 0.5f));
+    appendMesh(source, target);
+    const std::vector<unsigned int> indices(target.findIndices()->begin(),
+                                            target.findIndices()->end());
+    EXPECT_EQ(indices, (std::vector<unsigned int>{0, 1, 2, 3, 4, 5, 5, 6, 3}));
+    ASSERT_EQ(target.findPositions()->size(), 7u);
+    EXPECT_EQ((*target.findPositions())[4][0], 1.0f);
+    const std::vector<unsigned short> ids(target.findInstanceIds()->begin(),
+                                          target.findInstanceIds()->end());
+    EXPECT_EQ(ids, (std::vector<unsigned short>{7, 7, 7, 9, 9, 9, 9}));
+    EXPECT_EQ(target.findColors()->size(), 1u);
+    EXPECT_EQ(target.findTexCoords(), nullptr);
+}
+
+TEST(CubeTables, RowsNameExactlyTheEdgesThatChangeSign) {
+    for (int cube = 0; cube < CT::kNumCubeIndices; ++cube) {
+        std::array<int, CT::kNumEdges> named{};
+        int length = 0;
+        while (length < CT::kRowLength && CT::kTriangleTable[cube][length] != CT::kEndOfRow) {
+            ++named[CT::kTriangleTable[cube][length]];
+            ++length;
+        }
+        ASSERT_EQ(length % 3, 0) << "row " << cube;
+        for (int e = 0; e < CT::kNumEdges; ++e) {
+            const bool a = (cube >> CT::kEdgeCorners[e][0]) & 1;
+            const bool b = (cube >> CT::kEdgeCorners[e][1]) & 1;
+            EXPECT_EQ(named[e] > 0, a != b) << "row " << cube << " edge " << e;
+        }
+    }
+}
+
+// Analytic fields, metres.
+float sphereSdf(const Vec3& p, const Vec3& centre, float radius) {
+    return AR::Math::norm(p - centre) - radius;
+}
+float boxSdf(const Vec3& p, const Vec3& lo, const Vec3& hi) {
+    float outside = 0.0f;
+    float inside = -1e9f;
+    for (int a = 0; a < 3; ++a) {
+        const float d = std::max(lo[a] - p[a], p[a] - hi[a]);
+        outside += std::max(d, 0.0f) * std::max(d, 0.0f);
+        inside = std::max(inside, std::min(d, 0.0f));
+    }
+    return std::sqrt(outside) + inside;
+}
+
+template <typename VolumeT>
+class MarchingCubesTest : public ::testing::Test {
+protected:
+    using Grid = VolumeGrid<VolumeT, LockedBlockPtr, GridLock>;
+    using MC = MarchingCubes<float, VolumeT>;
+
+    MarchingCubesTest() { Solid::Test::configureFieldGrid(grid, kSpacing); }
+
+    template <typename Sdf>
+    IndexSet fill(const Index3& lo, const Index3& hi, Sdf&& sdf, short weight = 1) {
+        Solid::Test::writeField(grid, lo, hi, kTruncation, weight, sdf);
+        IndexSet blocks;
+        grid.for_each([&](const KeyType& key, const VolumeT&) { blocks.insert(key); });
+        return blocks;
+    }
+
+    MeshGridType extract(const IndexSet& blocks, int threshold = 0,
+                         typename MC::TestVertexFunc func = MC::plainCubeIndex) {
+        MeshGridType meshes;
+        MC mc;
+        ExtractSurfaceStats stats;
+        mc.computeMarchingCubes(grid, blocks, threshold, meshes, stats, func);
+        uint32_t vertices = 0;
+        for (const auto& entry : meshes)
+            vertices += entry.second.findPositions()->size();
+        EXPECT_EQ(stats.numVertices, vertices);
+        return meshes;
+    }
+
+    Grid grid;
+};
+
+using VolumeTypes = ::testing::Types<DepthVolume, LabelDepthVolume>;
+TYPED_TEST_SUITE(MarchingCubesTest, VolumeTypes);
+
+// A closed, consistently wound surface: every edge used once in each direction. Returns the
+// number of edges.
+size_t expectClosed(const PolygonMesh& mesh) {
+    std::map<std::pair<unsigned, unsigned>, int> directed;
+    const auto& indices = *mesh.findIndices();
+    for (uint32_t i = 0; i < indices.size(); ++i)
+        ++directed[{indices[i], indices[i - i % 3 + (i + 1) % 3]}];
+    EXPECT_FALSE(directed.empty());
+    for (const auto& [edge, uses] : directed)
+        EXPECT_TRUE(uses == 1 && directed.count({edge.second, edge.first}) == 1)
+            << edge.first << "-" << edge.second;
+    return directed.size() / 2;
+}
+
+PolygonMesh mergeAll(const MeshGridType& meshes) {
+    ExtractSurfaceStats stats;
+    return mergeMesh(meshes, stats);
+}
+
+TYPED_TEST(MarchingCubesTest, VerticesLieOnAnalyticSurfaces) {
+    const Vec3 blockCorner(0.16f, 0.16f, 0.16f);
+    struct Case {
+        const char* name;
+        std::function<float(const Vec3&)> sdf;
+        float bound;  // metres, beyond the quantisation of the stored values
+    };
+    // Linear interpolation is exact on a plane; on a sphere of radius R the field bends by at
+    // most h^2 / (2 R) over an edge of length h; at the box's edges and corner the field has a
+    // kink, and a vertex next to it may be off by up to a quarter cell.
+    const std::vector<Case> cases = {
+        {"plane", [](const Vec3& p) { return 0.3f * p[0] + 0.5f * p[1] + 0.81f * p[2] - 0.2f; },
+         1e-5f},
+        {"sphere", [](const Vec3& p) { return sphereSdf(p, Vec3(0.15f, 0.17f, 0.16f), 0.1f); },
+         kSpacing * kSpacing / (2 * 0.1f)},
+        {"box corner",
+         [](const Vec3& p) { return boxSdf(p, Vec3(-1, -1, -1), Vec3(0.11f, 0.13f, 0.17f)); },
+         0.25f * kSpacing},
+        {"across a block border", [&](const Vec3& p) { return sphereSdf(p, blockCorner, 0.12f); },
+         kSpacing * kSpacing / (2 * 0.12f)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        this->grid.reset();
+        Solid::Test::configureFieldGrid(this->grid, kSpacing);
+        const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(1, 1, 1), c.sdf);
+        const PolygonMesh mesh = mergeAll(this->extract(blocks));
+        ASSERT_GT(mesh.findIndices()->size(), 30u);
+        for (const Vec3& v : *mesh.findPositions())
+            ASSERT_LE(std::fabs(c.sdf(v)), c.bound + 4 * kQuantisation)
+                << v[0] << " " << v[1] << " " << v[2];
+    }
+}
+
+TYPED_TEST(MarchingCubesTest, ABlockSharesItsVerticesAndClosesAClosedField) {
+    // A ball well inside block (0, 0, 0).
+    const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(0, 0, 0), [](const Vec3& p) {
+        return sphereSdf(p, Vec3(0.081f, 0.079f, 0.08f), 0.05f);
+    });
+    const MeshGridType meshes = this->extract(blocks);
+    ASSERT_EQ(meshes.size(), 1u);
+    const PolygonMesh& mesh = meshes.begin()->second;
+    // A closed surface of genus 0 whose vertices are all shared: V - E + F = 2.
+    const size_t faces = mesh.findIndices()->size() / 3;
+    EXPECT_EQ(mesh.findPositions()->size() + faces, expectClosed(mesh) + 2);
+}
+
+// Corner positions of each triangle in micrometres, the winding kept by rotating the smallest
+// corner first.
+std::vector<std::array<long, 9>> triangles(const PolygonMesh& mesh) {
+    std::vector<std::array<long, 9>> out;
+    const auto& indices = *mesh.findIndices();
+    const auto& points = *mesh.findPositions();
+    for (uint32_t t = 0; t < indices.size(); t += 3) {
+        std::array<std::array<long, 3>, 3> corners;
+        for (int k = 0; k < 9; ++k)
+            corners[k / 3][k % 3] = std::lround(points[indices[t + k / 3]][k % 3] * 1e6f);
+        std::rotate(corners.begin(), std::min_element(corners.begin(), corners.end()),
+                    corners.end());
+        std::array<long, 9> flat;
+        for (int k = 0; k < 9; ++k)
+            flat[k] = corners[k / 3][k % 3];
+        out.push_back(flat);
+    }
+    return out;
+}
+
+// The two meshes have the same triangles, with the same winding, up to the float rounding of
+// the two ways of computing a vertex (a micrometre).
+void expectSameTriangles(const PolygonMesh& a, const PolygonMesh& b) {
+    const auto left = triangles(a);
+    auto right = triangles(b);
+    ASSERT_EQ(left.size(), right.size());
+    for (const auto& t : left) {
+        const auto match = std::find_if(right.begin(), right.end(), [&](const auto& u) {
+            for (int k = 0; k < 9; ++k)
+                if (std::labs(t[k] - u[k]) > 1)
+                    return false;
+            return true;
+        });
+        ASSERT_NE(match, right.end());
+        right.erase(match);
+    }
+}
+
+TYPED_TEST(MarchingCubesTest, MarchingCubes2WeldsWhatBlocksDuplicate) {
+    // A ball around the common corner of eight blocks.
+    const IndexSet blocks = this->fill(Index3(-1, -1, -1), Index3(0, 0, 0), [](const Vec3& p) {
+        return sphereSdf(p, Vec3(0.003f, -0.004f, 0.002f), 0.1f);
+    });
+    const PolygonMesh perBlock = mergeAll(this->extract(blocks));
+
+    MarchingCubes2<TypeParam> mc2;
+    PolygonMesh welded;
+    ExtractSurfaceStats stats;
+    mc2.computeMarchingCubesIncremental(this->grid, blocks, 0.0f, 0, welded.positions(),
+                                        welded.indices(), stats);
+    expectClosed(welded);
+    EXPECT_EQ(stats.numVertices, welded.findPositions()->size());
+    EXPECT_GT(perBlock.findPositions()->size(), welded.findPositions()->size());
+    expectSameTriangles(perBlock, welded);
+}
+
+TYPED_TEST(MarchingCubesTest, WeightsAndVetoesRemoveCells) {
+    const auto plane = [](const Vec3& p) { return p[2] - 0.07f; };
+    struct Case {
+        short weight;
+        int threshold;
+        bool triangles;
+    };
+    // The weight test is strict: a cell needs every corner above the threshold.
+    const Case cases[] = {{0, 0, false}, {1, 0, true}, {3, 3, false}, {4, 3, true}};
+    for (const Case& c : cases) {
+        const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(0, 0, 0), plane, c.weight);
+        const MeshGridType meshes = this->extract(blocks, c.threshold);
+        ASSERT_EQ(meshes.size(), 1u);
+        EXPECT_EQ(!meshes.begin()->second.findIndices()->empty(), c.triangles) << c.threshold;
+    }
+    // A veto of the cells with x below 4 removes exactly their triangles.
+    const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(0, 0, 0), plane, 1);
+    const MeshGridType meshes =
+        this->extract(blocks, 0, [](const TypeParam& v, int x, int y, int z, auto& values) {
+            const int cube = TestFixture::MC::plainCubeIndex(v, x, y, z, values);
+            return x < 4 ? CT::kAllAbove : cube;
+        });
+    const PolygonMesh& mesh = meshes.begin()->second;
+    EXPECT_EQ(mesh.findIndices()->size(), 4u * 8u * 2u * 3u);
+    for (const Vec3& v : *mesh.findPositions())
+        EXPECT_GE(v[0], 4 * kSpacing - 1e-6f);
+}
+
+TEST(MarchingCubesDeathTest, TableFaultsAbort) {
+    MarchingCubes<float, DepthVolume> mc;
+    MarchingCubes<float, DepthVolume>::TypeVec values{};
+    EXPECT_DEATH(mc.calculatePoint(values, 12), "edge <");
+    MarchingCubes<float, DepthVolume>::Cell cell{};
+    AR::Common::Vector<Vec3> points;
+    AR::Common::Vector<unsigned int> indices;
+    EXPECT_DEATH(mc.calculateCellTriangles(0, Vec3(0, 0, 0), values, cell, points, indices),
+                 "cubeIndex");
+}
+
+// An instance extractor reduced to what surface extraction reads.
+struct FakeInstance {
+    AR::Common::FlatMap<Index3, Box> boundingBoxes;
+};
+struct FakeInstances {
+    AR::Common::FlatMap<uint16_t, FakeInstance> table;
+    std::map<uint16_t, uint16_t> localToGlobal;  // live pieces only
+
+    const AR::Common::FlatMap<uint16_t, FakeInstance>& getInstances() const { return table; }
+    uint16_t findGlobalInstanceId(uint16_t local) const {
+        const auto it = localToGlobal.find(local);
+        return it == localToGlobal.end() ? 0 : it->second;
+    }
+};
+
+float ball(const Vec3& p, float radius) {
+    return AR::Math::norm(p - Vec3(0.16f, 0.15f, 0.17f)) - radius;
+}
+
+// The triangles of a mesh grid, sorted: a description that does not depend on the order of
+// blocks or vertices.
+std::vector<std::array<long, 9>> triangleSet(const MeshGridType& meshes) {
+    std::vector<std::array<long, 9>> out = triangles(mergeAll(meshes));
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+class IncrementalExtractionTest : public ::testing::Test {
+protected:
+    IncrementalExtractionTest() {
+        Solid::Test::configureFieldGrid(depth, kSpacing);
+        Solid::Test::configureFieldGrid(labels, kSpacing);
+        Solid::Test::configureFieldGrid(combined, kSpacing);
+    }
+    IndexSet allBlocks() const {
+        IndexSet blocks;
+        depth.for_each([&](const KeyType& key, const DepthVolume&) { blocks.insert(key); });
+        return blocks;
+    }
+    MeshGridType extractAll(IndexSet blocks) {
+        MeshGridType meshes;
+        ExtractSurfaceStats stats;
+        extractSurfaceIncremental(depth, blocks, meshes, stats, MC::plainCubeIndex, true, false, 0);
+        return meshes;
+    }
+
+    using MC = MarchingCubes<float, DepthVolume>;
+    DepthGrid depth;
+    LabelGrid labels;
+    LabelDepthGrid combined;
+};
+
+TEST_F(IncrementalExtractionTest, OnlyChangedBlocksAreRemeshedAndTheResultIsWhole) {
+    Solid::Test::writeField(depth, Index3(0, 0, 0), Index3(1, 1, 1), kTruncation, 1,
+                            [](const Vec3& p) { return ball(p, 0.1f); });
+    MeshGridType meshes = extractAll(allBlocks());
+    ASSERT_EQ(meshes.size(), 8u);
+    // The ball grows inside block (1, 1, 1) only. Its lower planes, shared with the seven lower
+    // neighbours, change as well; the border copy carries them over and adds those neighbours.
+    Solid::Test::writeField(depth, Index3(1, 1, 1), Index3(1, 1, 1), kTruncation, 1,
+                            [](const Vec3& p) { return ball(p, 0.12f); });
+    IndexSet changed;
+    changed.insert(KeyType(1, 1, 1));
+    ExtractSurfaceStats stats;
+    extractSurfaceIncremental(depth, changed, meshes, stats, MC::plainCubeIndex, true, false, 0);
+    EXPECT_EQ(changed.size(), 8u);
+    // The patched grid equals a fresh extraction of the final field.
+    EXPECT_EQ(triangleSet(meshes), triangleSet(extractAll(allBlocks())));
+}
+
+// A ball cut by the plane x = 0.16 into instance 10 (local id 1, below) and instance 20 (local
+// id 2, above); local id 3 has been retired. In both run modes the surface of instance 10 stays
+// on its side, and the whole scene carries the ids.
+class InstanceSurfaceTest : public IncrementalExtractionTest {
+protected:
+    InstanceSurfaceTest() {
+        const auto sdf = [](const Vec3& p) { return ball(p, 0.1f); };
+        const auto local = [](const Vec3& p) -> uint16_t {
+            return p[0] < 0.16f ? 1 : p[1] < 0.1f ? 3 : 2;
+        };
+        Solid::Test::writeField(depth, Index3(0, 0, 0), Index3(1, 1, 1), kTruncation, 1, sdf);
+        Solid::Test::writeInstances(labels, Index3(0, 0, 0), Index3(1, 1, 1), local);
+        Solid::Test::writeField(combined, Index3(0, 0, 0), Index3(1, 1, 1), kTruncation, 1, sdf);
+        Solid::Test::writeInstances(combined, Index3(0, 0, 0), Index3(1, 1, 1), local);
+        instances.localToGlobal = {{1, 10}, {2, 20}};
+        FakeInstance& lower = instances.table[10];
+        for (int z = 0; z < 2; ++z)
+            for (int y = 0; y < 2; ++y)
+                lower.boundingBoxes.insert(Index3(0, y, z),
+                                           Box{Vec3(0.01f, 0.01f + y * kDimension, 0.01f),
+                                               Vec3(0.15f, 0.15f + y * kDimension, 0.3f)});
+        blocks = allBlocks();
+    }
+
+    // Checks the whole-scene grid and the grid of instance 10 of one run mode.
+    void expectInstanceSurfaces(const MeshGridType& scene, const MeshGridType& instance) {
+        ExtractSurfaceStats stats;
+        const PolygonMesh all = mergeMesh(scene, stats);
+        ASSERT_EQ(all.findInstanceIds()->size(), all.findPositions()->size());
+        // Both instances, and 0 for the retired piece.
+        const std::set<uint16_t> seen(all.findInstanceIds()->begin(), all.findInstanceIds()->end());
+        EXPECT_EQ(seen, (std::set<uint16_t>{0, 10, 20}));
+        const PolygonMesh own = mergeMesh(instance, stats);
+        ASSERT_GT(own.findIndices()->size(), 0u);
+        for (const Vec3& v : *own.findPositions())
+            EXPECT_LE(v[0], 0.16f + 1e-6f);
+        for (uint16_t id : *own.findInstanceIds())
+            EXPECT_EQ(id, 10);
+        // Only the blocks that the instance's boxes touch were meshed.
+        EXPECT_EQ(instance.size(), 4u);
+    }
+
+    FakeInstances instances;
+    IndexSet blocks;
+};
+
+TEST_F(InstanceSurfaceTest, CombinedModeCutsCellsAndSplitModeCutsTriangles) {
+    MeshGridType scene, instance, splitScene, splitInstance;
+    extractSurfaceForInstanceID(combined, instances, blocks, 0, true, scene);
+    extractSurfaceForInstanceID(combined, instances, blocks, 10, true, instance);
+    expectInstanceSurfaces(scene, instance);
+    extractSurfaceForInstanceID(depth, labels, instances, blocks, 0, splitScene);
+    extractSurfaceForInstanceID(depth, labels, instances, blocks, 10, splitInstance);
+    expectInstanceSurfaces(splitScene, splitInstance);
+}
+
+TEST_F(InstanceSurfaceTest, AnUnknownInstanceAborts) {
+    MeshGridType meshes;
+    EXPECT_DEATH(extractSurfaceForInstanceID(depth, labels, instances, blocks, 30, meshes),
+                 "el != table.end()");
+}
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+using Camera = TextureExtractor::Camera;
+
+Camera pinhole() {
+    Camera camera;
+    EXPECT_TRUE(camera.init(Camera::Vec2(kWidth, kHeight), Camera::Vec2(50, 50),
+                            Camera::Vec2(31.5f, 23.5f), Camera::RDVec::zeros(),
+                            Camera::Vec2::zeros(), CamModel::DistortionModel::LINEAR));
+    return camera;
+}
+
+// A frame of one colour with one measured depth everywhere, its camera `cameraZ` metres along
+// world z looking along +z.
+// Columns left of `firstColumn` measured nothing.
+RGBDFrame keyframe(uint8_t r, uint8_t g, uint8_t b, uint16_t depthMm, float cameraZ = 0.0f,
+                   int firstColumn = 0) {
+    const AR::CV::Size2i size(kWidth, kHeight);
+    RGBDFrame frame(size);
+    frame.rgb.allocPixels(size, AR::Common::ALIGNMENT_16);
+    frame.depthU16.allocPixels(size, AR::Common::ALIGNMENT_16);
+    for (int v = 0; v < kHeight; ++v)
+        for (int u = 0; u < kWidth; ++u) {
+            frame.rgb(u, v) = AR::CV::Pixel24{r, g, b};
+            frame.depthU16(u, v) = u < firstColumn ? 0 : depthMm;
+        }
+    frame.pose(2, 3) = -cameraZ;  // world to camera
+    return frame;
+}
+
+// Four triangles on z = 2 facing the camera, and one far off to the side that no frame sees.
+PolygonMesh strip() {
+    PolygonMesh mesh;
+    auto& p = mesh.positions();
+    for (float y : {-0.1f, 0.1f})
+        for (float x : {-0.2f, 0.0f, 0.2f})
+            p.push_back(Vec3(x, y, 2.0f));
+    p.push_back(Vec3(10, 0, 2));
+    p.push_back(Vec3(10, 1, 2));
+    p.push_back(Vec3(11, 0, 2));
+    for (unsigned i : {0u, 3u, 1u, 1u, 3u, 4u, 1u, 4u, 2u, 2u, 4u, 5u, 6u, 7u, 8u})
+        mesh.indices().push_back(i);
+    return mesh;
+}
+
+struct Run {
+    std::vector<RGBDFrame> frames;
+    uint8_t removeUnseen = 0;
+};
+
+PolygonMesh colour(const Run& run) {
+    const Camera camera = pinhole();
+    TextureExtractor::Config config;
+    config.removeUnseenVertices = run.removeUnseen;
+    TextureExtractor extractor(config, camera, camera);
+    PolygonMesh mesh = strip();
+    AR::Common::Map<int, PolygonMesh*> textures;
+    extractor.computeTextures(run.frames, mesh, textures, false);
+    EXPECT_TRUE(textures.empty());
+    return mesh;
+}
+
+TEST(TextureExtractor, EachTriangleTakesItsBestFrameThatSawIt) {
+    struct Case {
+        const char* name;
+        std::vector<RGBDFrame> frames;
+        Vec4 expected;  // colour of the seen vertices
+    };
+    const Vec4 red(1, 0, 0, 1), blue(0, 0, 1, 1), none(0, 0, 0, 0);
+    const std::vector<Case> cases = {
+        {"one frame", {keyframe(255, 0, 0, 2000)}, red},
+        // The green frame measured an occluder at 1 m: it did not see the strip.
+        {"occluded frame", {keyframe(255, 0, 0, 2000), keyframe(0, 255, 0, 1000)}, red},
+        // The blue frame is nearer (1 m away) and ranks first. Two frames that both cover every
+        // triangle: the thinning drops one whose triangles all have another candidate, and the
+        // red frame, ranked first nowhere, is passed over by it, so the blue one goes.
+        {"two full frames", {keyframe(255, 0, 0, 2000), keyframe(0, 0, 255, 1000, 1.0f)}, red},
+        // The red frame sees only the right half: the blue one covers what only it sees, stays,
+        // and colours every triangle as the best-ranked frame.
+        {"nearer frame",
+         {keyframe(255, 0, 0, 2000, 0.0f, 30), keyframe(0, 0, 255, 1000, 1.0f)},
+         blue},
+        {"within 2 percent", {keyframe(255, 0, 0, 2039)}, red},
+        {"beyond 2 percent", {keyframe(255, 0, 0, 2042)}, none},
+    };
+    for (const Case& c : cases) {
+        const PolygonMesh mesh = colour({c.frames, 0});
+        ASSERT_EQ(mesh.findColors()->size(), 9u);
+        for (int v = 0; v < 6; ++v)
+            EXPECT_EQ((*mesh.findColors())[v], c.expected) << c.name << " " << v;
+        EXPECT_EQ((*mesh.findColors())[7][3], 0.0f);  // the far triangle: no colour
+    }
+}
+
+TEST(TextureExtractorDeathTest, TextureImagesAreNotBuilt) {
+    const Camera camera = pinhole();
+    TextureExtractor::Config config;
+    TextureExtractor extractor(config, camera, camera);
+    PolygonMesh mesh = strip();
+    AR::Common::Map<int, PolygonMesh*> textures;
+    const std::vector<RGBDFrame> frames = {keyframe(255, 0, 0, 2000)};
+    EXPECT_DEATH(extractor.computeTextures(frames, mesh, textures, true), "genTextureImage");
+}
+
+}  // namespace
+}  // namespace Solid
