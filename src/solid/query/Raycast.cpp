@@ -236,7 +236,7 @@ public:
           mKey(INT_MIN, INT_MIN, INT_MIN),
           mEntry(snapshot.find(mKey)) {}
 
-    float value(const Vec3& p) {
+    __attribute__((always_inline)) float value(const Vec3& p) {
         const KeyType key = mFrame.keyOf(p);
         if (!(key == mKey)) {
             const uint32_t slot = mSnapshot.slotOf(key);

@@ -283,6 +283,44 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
     }
 }
 
+// A wall just past a block face (x = 12 blocks of 0.16 m) seen through fused free space: rays
+// step over blocks in front of it without reads and meet its back values as the first read of
+// the next block, so the crossing takes a value stepped over. Every pixel as the plain rendering.
+TYPED_TEST(RaycastGrids, CrossingJustPastABlockFaceGivesThePlainDepths) {
+    for (const double offset : {0.003, 0.009, 0.015}) {
+        AnalyticScene scene;
+        scene.add(Velmora::Test::makeBox({1.92 + offset, -3.0, -3.0}, {3.0, 5.0, 5.0}, 2,
+                                         {200, 200, 200}));
+        TypeParam grid;
+        Velmora::Test::configureGrid(grid, kSpacing);
+        for (const double y : {1.0, 0.6}) {
+            PinholeCamera camera;
+            camera.T_world_camera =
+                Velmora::Test::lookAt({0.8, y, 1.0}, {2.0, 1.0, 1.0}, {0, 0, 1});
+            Velmora::Test::fuseView(grid, scene, camera, kTruncation);
+        }
+        PinholeCamera camera = wallCamera();
+        camera.width = 81;
+        camera.height = 61;
+        IntegrationStats stats;
+        EXPECT_GT(renderBothWays(grid, camera, true, stats), 1000) << offset;
+    }
+}
+
+// With a focal length of a thousandth of a pixel every ray runs almost parallel to the image
+// plane and would cross tens of thousands of blocks before the far plane; the walk gives way to
+// a march from the near plane, whose samples the far plane bounds.
+TEST(RaycastBound, TinyFocalLengthMarchesFromTheNearPlane) {
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kSpacing);
+    Velmora::Test::fuseView(grid, wallScene(), wallCamera(), kTruncation);
+    PinholeCamera camera = wallCamera();
+    camera.fx = camera.fy = 0.001;
+    IntegrationStats stats;
+    renderBothWays(grid, camera, false, stats);
+    EXPECT_EQ(stats.raycastRays, static_cast<size_t>(camera.width * camera.height));
+}
+
 constexpr float kDimension = 8 * kSpacing;  // block edge, metres
 constexpr short kFree = kMaxDepthValue;     // +1.0, in front of the band
 constexpr short kSolid = -kMaxDepthValue;
