@@ -210,7 +210,7 @@ TEST_P(MeshDeliveryTest, ColoursAndRemeshingFollowTheChangedBlocks) {
         if (old == before.end() || old->second != stream) {
             ++remeshed;
             EXPECT_TRUE(mayChange(key, changed)) << key[0] << " " << key[1] << " " << key[2];
-        } else {
+        } else if (!mayChange(key, changed)) {  // a re-meshed block may reuse its old address
             EXPECT_EQ(colours.at(key), coloursBefore.at(key));
             ++untouched;
         }
