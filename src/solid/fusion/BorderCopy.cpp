@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstring>
 
+#include "common/FlatMap.h"
 #include "common/Logger.h"
 #include "common/Timing.h"
 
@@ -73,9 +74,13 @@ void copyPlaneZ(Volume<T, S>& dstVol, int dstPlane, const Volume<T, S>& srcVol, 
                 srcVol.size()(0) * srcVol.bounds()(1));
 }
 
-template <typename GridType>
-void copySubvolumeBorder(const KeyType& key, const typename GridType::Block& srcBlock,
-                         GridType& grid, IndexSet& updated) {
+namespace {
+
+// The border copy of one block, with `neighbour(key)` giving the locked neighbour block (or an
+// empty pointer where there is none).
+template <typename GridType, typename Neighbour>
+void copyBorderTo(const KeyType& key, const typename GridType::Block& srcBlock, IndexSet& updated,
+                  Neighbour&& neighbour) {
     // The source is only read; the plane copies take the shared view type.
     auto& src = const_cast<typename GridType::Block&>(srcBlock);
     const Index3 b = src.bounds();
@@ -86,7 +91,7 @@ void copySubvolumeBorder(const KeyType& key, const typename GridType::Block& src
             return;
         }
         const KeyType neighbourKey(key(0) + dx, key(1) + dy, key(2) + dz);
-        auto dst = grid.getUnlocked(neighbourKey);
+        auto dst = neighbour(neighbourKey);
         if (!dst) {
             return;
         }
@@ -112,6 +117,15 @@ void copySubvolumeBorder(const KeyType& key, const typename GridType::Block& src
                   [&](auto& dst) { assignSample(dst.at(b(0), b(1), b(2)), src.at(0, 0, 0)); });
 }
 
+}  // namespace
+
+template <typename GridType>
+void copySubvolumeBorder(const KeyType& key, const typename GridType::Block& srcBlock,
+                         GridType& grid, IndexSet& updated) {
+    copyBorderTo<GridType>(key, srcBlock, updated,
+                           [&grid](const KeyType& k) { return grid.getUnlocked(k); });
+}
+
 template <typename GridType>
 void copyBorders(GridType& grid, IntegrationStats& stats, IndexSet& blocks) {
     AR_LOG_VERBOSE("[%s]", "copyBorders");
@@ -125,10 +139,30 @@ void copyBorders(GridType& grid, IntegrationStats& stats, IndexSet& blocks) {
         // One read lock for the whole pass instead of one per lookup: the frame thread, which
         // runs this pass, is the only one that adds blocks, so nothing waits for it meanwhile.
         AR::Common::ReadLockGuard<typename GridType::Lock> guard(grid.lock());
+        // Each key is looked up in the grid once per pass: a block's lower neighbours are mostly
+        // blocks of the same pass, and a missing one is asked for by up to seven blocks. Entries
+        // never move while the grid lives.
+        using Entry = typename GridType::Entry;
+        AR::Common::FlatMap<KeyType, const Entry*, AR::Common::hash<KeyType>> entries(
+            static_cast<uint32_t>(2 * blocks.size()));
+        const auto entryOf = [&](const KeyType& key) {
+            const auto found = entries.find(key);
+            if (found != entries.end()) {
+                return found->second;
+            }
+            const Entry* entry = grid.findEntryUnlocked(key);
+            entries.insert(key, entry);
+            return entry;
+        };
+        const auto neighbour = [&](const KeyType& key) {
+            const Entry* entry = entryOf(key);
+            return entry != nullptr ? typename GridType::Ptr(const_cast<Entry&>(*entry))
+                                    : typename GridType::Ptr();
+        };
         for (const KeyType& key : blocks) {
-            auto block = grid.getUnlocked(key);
+            const auto block = neighbour(key);
             if (block) {
-                copySubvolumeBorder(key, *block, grid, updated);
+                copyBorderTo<GridType>(key, *block, updated, neighbour);
             }
         }
     }

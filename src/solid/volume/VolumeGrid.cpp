@@ -201,6 +201,12 @@ template <typename B, template <typename> class P, typename L>
 const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::findEntry(
     const KeyType& key) const {
     AR::Common::ReadLockGuard<L> guard(mLock);
+    return findEntryUnlocked(key);
+}
+
+template <typename B, template <typename> class P, typename L>
+const typename VolumeGrid<B, P, L>::Entry* VolumeGrid<B, P, L>::findEntryUnlocked(
+    const KeyType& key) const {
     auto it = mGrid.find(key);
     return it == mGrid.end() ? nullptr : &it->second;
 }
@@ -349,18 +355,19 @@ std::optional<typename VolumeGrid<B, P, L>::SampleType> VolumeGrid<B, P, L>::get
 }
 
 // Members every grid has.
-#define VELMORA_INSTANTIATE_GRID_COMMON(G)                       \
-    template G::VolumeGrid();                                    \
-    template const G::Entry* G::findEntry(const KeyType&) const; \
-    template void G::set(const Size&, const Vec3&);              \
-    template void G::reset();                                    \
-    template bool G::ensure(const KeyType&);                     \
-    template bool G::ensureUnlocked(const KeyType&);             \
-    template G::Ptr G::get(const KeyType&) const;                \
-    template G::Ptr G::getUnlocked(const KeyType&) const;        \
-    template size_t G::size() const;                             \
-    template KeyType G::keyOf(const Vec3&) const;                \
-    template Vec3 G::blockOrigin(const KeyType&) const;          \
+#define VELMORA_INSTANTIATE_GRID_COMMON(G)                               \
+    template G::VolumeGrid();                                            \
+    template const G::Entry* G::findEntry(const KeyType&) const;         \
+    template const G::Entry* G::findEntryUnlocked(const KeyType&) const; \
+    template void G::set(const Size&, const Vec3&);                      \
+    template void G::reset();                                            \
+    template bool G::ensure(const KeyType&);                             \
+    template bool G::ensureUnlocked(const KeyType&);                     \
+    template G::Ptr G::get(const KeyType&) const;                        \
+    template G::Ptr G::getUnlocked(const KeyType&) const;                \
+    template size_t G::size() const;                                     \
+    template KeyType G::keyOf(const Vec3&) const;                        \
+    template Vec3 G::blockOrigin(const KeyType&) const;                  \
     template Vec3 G::localPosition(const Vec3&, const KeyType&) const;
 
 #define VELMORA_INSTANTIATE_GRID_VALUES(G)                \

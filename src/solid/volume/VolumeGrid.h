@@ -247,6 +247,8 @@ public:
     // The entry of `key` (block and mutex, the mutex not taken), found under the read lock, or
     // null. Entries stay where they are for the life of the grid.
     const Entry* findEntry(const KeyType& key) const;
+    // The same for a caller that holds the grid lock.
+    const Entry* findEntryUnlocked(const KeyType& key) const;
 
     // Calls `f(key, block)` for each block, under the read lock, with the block's mutex held.
     // The order is that of the hash table and carries no meaning.
