@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <mutex>
+#include <vector>
 
 #include "common/Logger.h"
 #include "common/Timing.h"
@@ -208,6 +209,12 @@ public:
         return trilinearValue(mEntry->block, mFrame.local(p, key));
     }
 
+    // Always a read, for the same reasons.
+    float sample(const Vec3& p, bool /*positives*/, bool /*partly*/, SkippedBlock& deferred) {
+        deferred = SkippedBlock::kOther;
+        return value(p);
+    }
+
     // Never: a block missing at the last read may have been created since, and one read may
     // be written meanwhile.
     bool inSkippableBlock(const Vec3& /*p*/, bool /*positives*/, bool /*partly*/) const {
@@ -238,19 +245,47 @@ public:
 
     __attribute__((always_inline)) float value(const Vec3& p) {
         const KeyType key = mFrame.keyOf(p);
-        if (!(key == mKey)) {
-            const uint32_t slot = mSnapshot.slotOf(key);
-            mEntry = slot == Snapshot::kNoSlot ? nullptr : &mSnapshot.entryAt(slot);
-            mKey = key;
-            mKind = mEntry == nullptr ? SkippedBlock::kMissing : classify(slot);
-            if (mKind != SkippedBlock::kOther) {
-                updateIntervals();
-            }
-        }
+        enter(key);
         if (mEntry == nullptr) {
             return kUnobservedValue;
         }
         return trilinearValue(mEntry->block, mFrame.local(p, key));
+    }
+
+    // The value at `p` as `value` reads it, unless the read is known without reading: with
+    // `positives`, a read whose corners are all observed and positive (`deferred` becomes
+    // kPositive), and with `partly` too, one whose corners are each unobserved or positive
+    // (kPartlyPositive); it then returns -2.0, which leaves the march as it is. Otherwise
+    // `deferred` is kOther.
+    // Most reads of a rendering lie in front of the surface in such cells of blocks that hold
+    // the surface elsewhere.
+    __attribute__((always_inline)) float sample(const Vec3& p, bool positives, bool partly,
+                                                SkippedBlock& deferred) {
+        deferred = SkippedBlock::kOther;
+        const KeyType key = mFrame.keyOf(p);
+        enter(key);
+        if (mEntry == nullptr) {
+            return kUnobservedValue;
+        }
+        const auto& block = mEntry->block;
+        const VolumeConfig& cfg = block.config();
+        const Vec3 local = mFrame.local(p, key);
+        const AxisCell cx = cellForVal(local(0), cfg.inverseSpacing(0), cfg.bounds(0));
+        const AxisCell cy = cellForVal(local(1), cfg.inverseSpacing(1), cfg.bounds(1));
+        const AxisCell cz = cellForVal(local(2), cfg.inverseSpacing(2), cfg.bounds(2));
+        if (positives) {
+            const SkippedBlock kind = mKind != SkippedBlock::kOther ? mKind : cellKind(cx, cy, cz);
+            if (kind == SkippedBlock::kPositive ||
+                (partly && kind == SkippedBlock::kPartlyPositive)) {
+                deferred = kind;
+                return kUnobservedValue;
+            }
+        }
+        float corners[8];
+        if (!readCorners(block, cx, cy, cz, corners)) {
+            return kUnobservedValue;
+        }
+        return trilinear(corners, cx.f, cy.f, cz.f);
     }
 
     // Whether `p` lies in the block of the last read, and that block is missing (a read there
@@ -272,6 +307,90 @@ public:
 
 private:
     using Snapshot = typename Grid::TableSnapshot;
+
+    // Makes `key` the block of the last read.
+    __attribute__((always_inline)) void enter(const KeyType& key) {
+        if (key == mKey) {
+            return;
+        }
+        mSlot = mSnapshot.slotOf(key);
+        mEntry = mSlot == Snapshot::kNoSlot ? nullptr : &mSnapshot.entryAt(mSlot);
+        mKey = key;
+        mCells = nullptr;
+        mKind = mEntry == nullptr ? SkippedBlock::kMissing : classify(mSlot);
+        if (mKind != SkippedBlock::kOther) {
+            updateIntervals();
+        }
+    }
+
+    // The kind of the lattice cell whose corners hold every corner of a read at (cx, cy, cz),
+    // in the current block: a read on the last sample plane of an axis reads corners of the
+    // last cell.
+    SkippedBlock cellKind(const AxisCell& cx, const AxisCell& cy, const AxisCell& cz) {
+        if (mCells == nullptr) {
+            mCells = cellKinds();
+        }
+        const Index3& bounds = mEntry->block.bounds();
+        const int x = std::min(cx.i0, bounds(0) - 1);
+        const int y = std::min(cy.i0, bounds(1) - 1);
+        const int z = std::min(cz.i0, bounds(2) - 1);
+        return static_cast<SkippedBlock>(mCells[x + bounds(0) * (y + bounds(1) * z)]);
+    }
+
+    // The cell kinds of the current block, computed once per rendering: a sample is positive
+    // (0), unobserved (1) or neither (2 or 3); a cell's kind follows from the OR of its corners,
+    // taken along x, then y, then z.
+    const uint8_t* cellKinds() {
+        if (mCellOffsets.empty()) {
+            mCellOffsets.assign(mSnapshot.slotCount(), kNoCells);
+        }
+        uint32_t& offset = mCellOffsets[mSlot];
+        if (offset == kNoCells) {
+            const auto& block = mEntry->block;
+            const Size& size = block.size();
+            const int sx = size(0);
+            const int sy = size(1);
+            const int sz = size(2);
+            mScratch.resize(block.dataSize());
+            for (uint32_t i = 0; i < block.dataSize(); ++i) {
+                const Vec2S& s = depthPart(block.data()[i]);
+                mScratch[i] = s(1) < 1 ? 1 : (s(0) <= 0 ? 2 : 0);
+            }
+            // In place: after each pass, entry (x, y, z) of the old layout holds the OR of the
+            // pair starting there along that axis; the last plane of the axis is left over.
+            for (int z = 0; z < sz; ++z) {
+                for (int y = 0; y < sy; ++y) {
+                    uint8_t* r = &mScratch[static_cast<size_t>(sx) * (y + sy * z)];
+                    for (int x = 0; x + 1 < sx; ++x) {
+                        r[x] |= r[x + 1];
+                    }
+                    if (y + 1 < sy) {
+                        const uint8_t* next = r + sx;
+                        for (int x = 0; x + 1 < sx; ++x) {
+                            r[x] |= next[x] | next[x + 1];
+                        }
+                    }
+                }
+            }
+            offset = static_cast<uint32_t>(mCellKindStore.size());
+            const int cellsX = sx - 1;
+            const int cellsY = sy - 1;
+            for (int z = 0; z + 1 < sz; ++z) {
+                for (int y = 0; y < cellsY; ++y) {
+                    const uint8_t* r = &mScratch[static_cast<size_t>(sx) * (y + sy * z)];
+                    const uint8_t* above = r + static_cast<size_t>(sx) * sy;
+                    for (int x = 0; x < cellsX; ++x) {
+                        const uint8_t bits = r[x] | above[x];
+                        mCellKindStore.push_back(static_cast<uint8_t>(
+                            bits == 0 ? SkippedBlock::kPositive
+                                      : (bits == 1 ? SkippedBlock::kPartlyPositive
+                                                   : SkippedBlock::kOther)));
+                    }
+                }
+            }
+        }
+        return mCellKindStore.data() + offset;
+    }
 
     // Notes of a block in the table copy: not yet looked at, or its SkippedBlock kind plus one.
     static constexpr uint8_t kNotLookedAt = 0;
@@ -329,11 +448,17 @@ private:
     }
 
     static constexpr uint32_t kIntervalCacheSize = 64;
+    static constexpr uint32_t kNoCells = UINT32_MAX;
 
     const typename Grid::TableSnapshot& mSnapshot;
     BlockFrame mFrame;
     KeyType mKey;
+    uint32_t mSlot = Snapshot::kNoSlot;
     const typename Grid::Entry* mEntry;
+    const uint8_t* mCells = nullptr;     // cell kinds of the block of `mKey`, once asked for
+    std::vector<uint32_t> mCellOffsets;  // per slot: where its cell kinds start, or kNoCells
+    std::vector<uint8_t> mCellKindStore;
+    std::vector<uint8_t> mScratch;
     SkippedBlock mKind = SkippedBlock::kMissing;  // of the block of `mKey`
     Interval mCurrent[3];  // of the components of `mKey`, while its block can be skipped
     Interval mCache[3][kIntervalCacheSize];
@@ -347,8 +472,21 @@ class SkippedStretches {
 public:
     bool full() const { return mCount == kMaxStretches; }
     void clear() { mCount = 0; }
-    void add(const Vec3& first, const Vec3& increment, unsigned samples) {
-        mStretches[mCount++] = Stretch{first, increment, samples};
+    // `next` is the position after the last sample.
+    void add(const Vec3& first, const Vec3& increment, unsigned samples, const Vec3& next) {
+        mStretches[mCount++] = Stretch{first, increment, samples, next};
+    }
+    // Whether the sample at `position` can be taken: it lengthens the last stretch when it is
+    // that stretch's next position (the same float the march arrives at), or starts a new one.
+    bool canTake(const Vec3& position) const { return extends(position) || !full(); }
+    void take(const Vec3& position, const Vec3& increment) {
+        if (extends(position)) {
+            Stretch& last = mStretches[mCount - 1];
+            ++last.samples;
+            last.next += increment;
+        } else {
+            add(position, increment, 1, position + increment);
+        }
     }
 
     // The last observed value of the stretches, latest first; false when all read -2.0.
@@ -383,7 +521,16 @@ private:
         Vec3 first;
         Vec3 increment;
         unsigned samples;
+        Vec3 next;
     };
+    bool extends(const Vec3& position) const {
+        if (mCount == 0) {
+            return false;
+        }
+        const Stretch& last = mStretches[mCount - 1];
+        return last.samples < kMaxStretchSamples && last.next(0) == position(0) &&
+               last.next(1) == position(1) && last.next(2) == position(2);
+    }
     static constexpr unsigned kMaxStretches = 8;
     Stretch mStretches[kMaxStretches];
     unsigned mCount = 0;
@@ -415,7 +562,19 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
     bool coarse = true;
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
-        const float value = reader.value(position);
+        // As for the blocks stepped over below, a read known to be positive, or unobserved or
+        // positive, is left for a crossing to make.
+        const bool deferrable = !verbose && (!coarse || largeStep == smallStep);
+        SkippedBlock deferred;
+        const float value =
+            reader.sample(position, deferrable, stretches.canTake(position), deferred);
+        if (deferred == SkippedBlock::kPositive) {
+            previousPending = true;
+            previousPosition = position;
+            stretches.clear();
+        } else if (deferred == SkippedBlock::kPartlyPositive) {
+            stretches.take(position, increment);
+        }
         if (verbose) {
             AR_LOG_VERBOSE("searching intersection: value %f d %f currentPos %f %f %f", value, d,
                            position(0), position(1), position(2));
@@ -507,7 +666,7 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
                  (kind != SkippedBlock::kPartlyPositive ||
                   skipped < SkippedStretches::kMaxStretchSamples));
         if (kind == SkippedBlock::kPartlyPositive) {
-            stretches.add(first, increment, skipped);
+            stretches.add(first, increment, skipped, position);
         }
     }
     return result;

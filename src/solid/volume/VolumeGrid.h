@@ -227,6 +227,8 @@ public:
         }
 
         const Entry& entryAt(uint32_t slot) const { return *mEntries.data()[slot]; }
+        // Slots run from 0 to slotCount() - 1.
+        uint32_t slotCount() const { return mEntries.size(); }
 
         // A byte per slot, 0 at first, in which the holder of the copy notes what it learnt of a
         // block; the copy itself never reads it.

@@ -166,11 +166,11 @@ TEST(RaycastTableSnapshot, AnswersEveryKeyAsTheTable) {
 // The march as it reads in words: a grid lookup under its locks for every sample.
 template <typename Grid>
 float plainMarch(const Grid& grid, const Vec3& origin, const Vec3& direction, float nearPlane,
-                 float farPlane) {
+                 float farPlane, float stepFactor) {
     float d = nearPlane;
     Vec3 position = origin + direction * d;
     const float smallStep = grid.config().spacing(0);
-    float step = smallStep * kStepFactor;
+    float step = smallStep * stepFactor;
     Vec3 increment = direction * step;
     float previous = kUnobservedValue;
     bool coarse = true;
@@ -200,7 +200,7 @@ float plainMarch(const Grid& grid, const Vec3& origin, const Vec3& direction, fl
 // The rendering as it reads in words, pixel by pixel; `walk` false marches every ray from the
 // near plane.
 template <typename Grid>
-void plainRender(const Grid& grid, DepthFrame& frame, bool walk) {
+void plainRender(const Grid& grid, DepthFrame& frame, bool walk, float stepFactor) {
     const Matrix4 Minv = AR::Math::inverse(frame.projection * frame.pose);
     const Vec3 eye(Minv(0, 3), Minv(1, 3), Minv(2, 3));
     const float size = grid.config().dimension(0);
@@ -221,7 +221,7 @@ void plainRender(const Grid& grid, DepthFrame& frame, bool walk) {
                 start = std::max(kNearPlane,
                                  AR::Math::dot(corner - eye, direction) - 1.7320508f * size);
             }
-            frame.depth(x, y) = plainMarch(grid, eye, direction, start, kFarPlane);
+            frame.depth(x, y) = plainMarch(grid, eye, direction, start, kFarPlane, stepFactor);
         }
     }
 }
@@ -230,13 +230,13 @@ void plainRender(const Grid& grid, DepthFrame& frame, bool walk) {
 // pixels with a surface.
 template <typename Grid>
 int renderBothWays(const Grid& grid, const PinholeCamera& camera, bool walk,
-                   IntegrationStats& stats) {
+                   IntegrationStats& stats, float stepFactor = kStepFactor) {
     DepthFrame fast;
     DepthFrame plain;
     Velmora::Test::setUpFrame(fast, camera);
     Velmora::Test::setUpFrame(plain, camera);
-    raycast(grid, kNearPlane, kFarPlane, kStepFactor, fast, stats);
-    plainRender(grid, plain, walk);
+    raycast(grid, kNearPlane, kFarPlane, stepFactor, fast, stats);
+    plainRender(grid, plain, walk, stepFactor);
     int hits = 0;
     for (int i = 0; i < camera.width * camera.height; ++i) {
         const int x = i % camera.width, y = i / camera.width;
@@ -277,6 +277,8 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
             camera.T_world_camera = Velmora::Test::lookAt(view[0], view[1], {0, 0, 1});
             IntegrationStats stats;
             EXPECT_GT(renderBothWays(grid, camera, true, stats), 0);
+            // A coarse first step defers no reads until the march has switched to the fine one.
+            EXPECT_GT(renderBothWays(grid, camera, true, stats, 2.5f), 0);
         }
     }
 }
@@ -322,6 +324,36 @@ TEST(RaycastBound, TinyFocalLengthMarchesFromTheNearPlane) {
 constexpr float kDimension = 8 * kSpacing;  // block edge, metres
 constexpr short kFree = kMaxDepthValue;     // +1.0, in front of the band
 constexpr short kSolid = -kMaxDepthValue;
+
+// One ray along the x axis on the sample row y = z = 0, so that each read blends two samples of
+// that row: a block of free space with one unobserved sample off the row, a missing block, then
+// a block whose row holds +0.05 for three samples and -1.0 beyond, and whose other samples are
+// unobserved. The first cells of that block cannot be known to read positive, but do; the
+// crossing must interpolate from them, not from the free block behind the gap.
+TEST(RaycastBound, CrossingAfterAGapTakesTheReadsJustBeforeIt) {
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kSpacing);
+    {  // the block pointers hold their blocks' locks
+        grid.ensure(KeyType(0, 0, 0));
+        auto freeBlock = grid.get(KeyType(0, 0, 0));
+        for (uint32_t i = 0; i < freeBlock->dataSize(); ++i)
+            freeBlock->data()[i] = Vec2S(kFree, short{1});
+        freeBlock->at(8, 8, 8) = Vec2S(kFree, short{0});
+        grid.ensure(KeyType(2, 0, 0));
+        auto crossing = grid.get(KeyType(2, 0, 0));
+        for (uint32_t i = 0; i < crossing->dataSize(); ++i)
+            crossing->data()[i] = Vec2S(0, short{0});
+        for (int x = 0; x < 9; ++x)
+            crossing->at(x, 0, 0) = Vec2S(x < 3 ? short{kFree / 20} : kSolid, short{1});
+    }
+    PinholeCamera camera;
+    camera.width = camera.height = 1;
+    camera.fx = camera.fy = 1.0;
+    camera.cx = camera.cy = 0.0;
+    camera.T_world_camera = Velmora::Test::lookAt({-0.5, 0.0, 0.0}, {1.0, 0.0, 0.0}, {0, 0, 1});
+    IntegrationStats stats;
+    EXPECT_EQ(renderBothWays(grid, camera, true, stats), 1);
+}
 
 class Collision : public ::testing::Test {
 protected:
