@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -136,11 +137,9 @@ public:
     ~CapturedLog() override { AR::Common::Logger::getInstance().removeTarget(this); }
     void write(int, const char* line, size_t length) override { lines.emplace_back(line, length); }
     bool has(const std::string& part) const {
-        for (const std::string& line : lines) {
-            if (line.find(part) != std::string::npos)
-                return true;
-        }
-        return false;
+        return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.find(part) != std::string::npos;
+        });
     }
     std::vector<std::string> lines;
 };

@@ -94,8 +94,6 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
     auto unknownMode = makeScene(7);
     EXPECT_EQ(submit(*unknownMode, {depth}, camera.pose()), kErrorImageCombination);
     EXPECT_EQ(submit(*unknownMode, {colour}, camera.pose()), kErrorImageCombination);
-    Impl fresh;
-    EXPECT_EQ(submit(fresh, {depth}, camera.pose()), kErrorNotInitialized);
 
     // The same frames with good values fuse; in combined mode the later label image counts.
     EXPECT_EQ(submit(*split, {depth}, camera.pose()), kSuccess);
