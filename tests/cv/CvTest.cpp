@@ -1,7 +1,5 @@
-// The vision layer: the linear camera as the frame path builds it (validation messages, the
-// conversions between pixel, ideal plane and point, what aborts); images (allocation and reuse,
-// copies and moves, the bounds check on every access); and outlines of point sets (convex hulls,
-// the Delaunay property of the triangulation, alpha shapes that follow a concave outline).
+// The vision layer: the linear camera the frame path builds, images and their bounds checks, and
+// outlines of point sets (convex hulls, Delaunay triangulation, concave alpha shapes).
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -169,37 +169,21 @@ AnalyticScene AnalyticScene::room(double sx, double sy, double sz) {
 }
 
 XrPosefVLM PinholeCamera::pose() const {
+    // p[i][j] = 4 q_i q_j (x, y, z, w) from the rotation; divided through the largest component.
     const Pose& m = T_world_camera;
-    const double r00 = m[0], r01 = m[1], r02 = m[2], r10 = m[4], r11 = m[5], r12 = m[6], r20 = m[8],
-                 r21 = m[9], r22 = m[10];
-    double q[4];  // x, y, z, w
-    const double trace = r00 + r11 + r22;
-    if (trace > 0.0) {
-        const double s = 0.5 / std::sqrt(trace + 1.0);
-        q[3] = 0.25 / s;
-        q[0] = (r21 - r12) * s;
-        q[1] = (r02 - r20) * s;
-        q[2] = (r10 - r01) * s;
-    } else if (r00 > r11 && r00 > r22) {
-        const double s = 2.0 * std::sqrt(1.0 + r00 - r11 - r22);
-        q[3] = (r21 - r12) / s;
-        q[0] = 0.25 * s;
-        q[1] = (r01 + r10) / s;
-        q[2] = (r02 + r20) / s;
-    } else if (r11 > r22) {
-        const double s = 2.0 * std::sqrt(1.0 + r11 - r00 - r22);
-        q[3] = (r02 - r20) / s;
-        q[0] = (r01 + r10) / s;
-        q[1] = 0.25 * s;
-        q[2] = (r12 + r21) / s;
-    } else {
-        const double s = 2.0 * std::sqrt(1.0 + r22 - r00 - r11);
-        q[3] = (r10 - r01) / s;
-        q[0] = (r02 + r20) / s;
-        q[1] = (r12 + r21) / s;
-        q[2] = 0.25 * s;
+    const double d[4] = {1 + m[0] - m[5] - m[10], 1 - m[0] + m[5] - m[10], 1 - m[0] - m[5] + m[10],
+                         1 + m[0] + m[5] + m[10]};
+    const double p[4][4] = {{d[0], m[1] + m[4], m[2] + m[8], m[9] - m[6]},
+                            {m[1] + m[4], d[1], m[6] + m[9], m[2] - m[8]},
+                            {m[2] + m[8], m[6] + m[9], d[2], m[4] - m[1]},
+                            {m[9] - m[6], m[2] - m[8], m[4] - m[1], d[3]}};
+    const long k = std::max_element(d, d + 4) - d;
+    double q[4], n = 0.0;
+    for (int j = 0; j < 4; ++j) {
+        q[j] = p[k][j] / (2.0 * std::sqrt(d[k]));
+        n += q[j] * q[j];
     }
-    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    n = std::sqrt(n);
     XrPosefVLM pose{};
     pose.orientation = {static_cast<float>(q[0] / n), static_cast<float>(q[1] / n),
                         static_cast<float>(q[2] / n), static_cast<float>(q[3] / n)};

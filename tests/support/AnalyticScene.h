@@ -1,10 +1,6 @@
-// Scenes with exact signed distances, and a pinhole renderer that casts one ray per pixel into
-// them: depth along the optical axis, label and colour of the object hit. Tests fuse such frames
-// and compare the volume with the true distance.
-//
-// Conventions: world metres; a camera pose `T_world_camera` maps camera to world coordinates,
-// row-major 4x4; camera x right, y down, z forward; the ray of pixel (u, v) goes through
-// ((u - cx) / fx, (v - cy) / fy, 1), the pixel position the library also unprojects.
+// Scenes with exact signed distances and a pinhole renderer (axial depth, label and colour of the
+// object hit). World metres; `T_world_camera` row-major, camera to world; camera x right, y down,
+// z forward; pixel (u, v) looks along ((u - cx) / fx, (v - cy) / fy, 1) as the library unprojects.
 #ifndef VELMORA_TESTS_SUPPORT_ANALYTICSCENE_H
 #define VELMORA_TESTS_SUPPORT_ANALYTICSCENE_H
 

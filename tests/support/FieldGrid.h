@@ -11,12 +11,6 @@
 namespace Solid {
 namespace Test {
 
-// Configures `grid` as 9x9x9 blocks of `spacing` metres.
-template <typename Grid>
-void configureFieldGrid(Grid& grid, float spacing) {
-    grid.set(Size(9, 9, 9), Vec3(spacing, spacing, spacing));
-}
-
 // Creates every block from `lo` to `hi` (keys, inclusive) and calls `write(sample, p)` for each
 // of its lattice points, p in world metres. Shared planes of neighbours see the same p, so they
 // get the same values, as border copying would leave them.

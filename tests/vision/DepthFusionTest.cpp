@@ -1,7 +1,5 @@
-// The depth-fusion kernel: the reciprocal table, the stride defaults and the fallback of the
-// entry, a voxel-by-voxel recomputation of the update rule on random inputs (which also covers
-// the bounds test, the untouched upper faces and the skipped voxels: holes, and samples more than
-// a ramp behind), and the vector variants against the portable kernel, bit for bit.
+// The depth-fusion kernel: reciprocal table, stride defaults and fallback of the entry, a
+// voxel-by-voxel recomputation on random inputs, and the vector variants against the portable one.
 #include <gtest/gtest.h>
 
 #include <algorithm>

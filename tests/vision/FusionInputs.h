@@ -1,13 +1,6 @@
-// Random inputs for the depth-fusion kernel, and the comparison of a variant with the portable
-// kernel on them. Plain C++ without GoogleTest, so that the cross-built driver can share it.
-//
-// A case is a run of one to three blocks at any rotation (cells of 5 to 60 mm), centred on a pixel
-// in or around the image, some near or across the camera plane, a few with a lattice point on it;
-// the depth image scatters depths around the blocks with holes, NaN, infinities and negative
-// values; the samples hold random values and weights, also above the limit, in 100..127 and over
-// the whole int16 range. Only blocks whose corners project well inside the image, far enough from
-// the camera, may go without bounds tests; every block of a case with a NaN or infinite intrinsic
-// has the clip bit.
+// Random inputs for the depth-fusion kernel (one to three rotated blocks, some across the camera
+// plane; depths with holes and non-finite values; weights beyond the limit), and the comparison
+// of a variant with the portable kernel. Plain C++: the cross-built driver shares it.
 #ifndef VELMORA_TESTS_VISION_FUSIONINPUTS_H
 #define VELMORA_TESTS_VISION_FUSIONINPUTS_H
 

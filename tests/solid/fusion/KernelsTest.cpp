@@ -1,9 +1,6 @@
-// The depth and label kernels on single blocks: the reference kernel's running average, weight
-// rule and skipped samples; the split mode's label votes; every alternative depth kernel against
-// the reference on blocks of a rendered room (near depth edges they may read a neighbouring
-// pixel, so nearly every voxel agrees closely, a few do not) and the arithmetic of their update
-// rules; the grid driver's kernel table, its fallbacks and fast-table set-up, and its
-// multi-threaded pass next to readers.
+// The depth and label kernels on single blocks; every fast depth kernel against the reference on
+// a rendered room (near depth edges a few voxels may differ) and their update arithmetic; the
+// grid driver's kernel table, fallbacks, fast-table set-up and multi-threaded pass.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -226,6 +223,19 @@ TEST(LabelIntegrationDeathTest, DepthGridBandTheGridLevelLoopAndWhatAborts) {
 using DepthKernel = int (*)(IntegrationHelper::FastVolume&, const DepthFrame&, const Matrix4&,
                             float, float, int);
 
+// The kernels of other shapes in the kernel table's form.
+template <void (*kernel)(IntegrationHelper::FastVolume&, const DepthFrame&, const Matrix4&, float,
+                         float, int)>
+int asKernel(IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T, float ramp,
+             float maxWeight, int border) {
+    kernel(v, f, T, ramp, maxWeight, border);
+    return 0;
+}
+int fast8Weighted(IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T,
+                  float ramp, float maxWeight, int border) {
+    return integrateFast8Weighted(v, f, T, ramp, 1.0f, maxWeight, border);
+}
+
 struct Agreement {
     int checked = 0;
     int updated = 0;
@@ -286,11 +296,7 @@ TEST(KernelAgreement, EveryKernelAgreesWithTheReferenceOnNearlyEveryVoxel) {
         {"integrateFast", integrateFast, 1.0, 600.0, 0.965, 1},
         {"integrateFast8", integrateFast8, 1.0, 600.0, 0.98, 1},
         {"integrateFastFixed", integrateFastFixed, 1.0, 600.0, 0.955, 1},
-        {"integrateFast8Weighted",
-         [](IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T, float ramp,
-            float maxWeight,
-            int border) { return integrateFast8Weighted(v, f, T, ramp, 1.0f, maxWeight, border); },
-         toMetres, 600.0, 0.99, 16},
+        {"integrateFast8Weighted", fast8Weighted, toMetres, 600.0, 0.99, 16},
         {"integrateFastSPX", integrateFastSPX, 1.0, 2.0, 0.999, 1},
     };
     for (const auto& c : cases) {
@@ -461,19 +467,6 @@ void expectBlocks(const Grid& grid, const Matrix4& pose, const IndexSet& keys,
         ASSERT_EQ(0, std::memcmp(block->data(), samples.data(), config.numSamples * sizeof(Sample)))
             << "block " << key(0) << " " << key(1) << " " << key(2);
     }
-}
-
-// The reference kernels, in the kernel table's form.
-template <void (*kernel)(IntegrationHelper::FastVolume&, const DepthFrame&, const Matrix4&, float,
-                         float, int)>
-int asKernel(IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T, float ramp,
-             float maxWeight, int border) {
-    kernel(v, f, T, ramp, maxWeight, border);
-    return 0;
-}
-int fast8Weighted(IntegrationHelper::FastVolume& v, const DepthFrame& f, const Matrix4& T,
-                  float ramp, float maxWeight, int border) {
-    return integrateFast8Weighted(v, f, T, ramp, 1.0f, maxWeight, border);
 }
 
 // 9-cube blocks run the kernel of each value; on 8-cube blocks the 9-cube kernels (3 to 6) give

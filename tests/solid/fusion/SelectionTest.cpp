@@ -1,9 +1,6 @@
-// Block selection: one pixel at a time, the blocks it hits (its own and the face neighbours the
-// ramp reaches, never a diagonal one), the pixel step, the best-distance filter and the three
-// block filters; the hit search against a plain one-pixel-at-a-time version on rendered views of
-// a furnished room and on random frames (negative coordinates, points exactly on block faces, a
-// band that varies with depth, every second pixel, the best-distance filter), agreeing in keys,
-// slot order and values bit for bit; and the border copy into all seven lower neighbours.
+// Block selection of one pixel (its block and the face neighbours the ramp reaches, never a
+// diagonal one) and the block filters; the hit search against a plain one-pixel-at-a-time
+// version, bit for bit in keys, slot order and values; the border copy into the lower neighbours.
 #include <gtest/gtest.h>
 
 #include <cmath>

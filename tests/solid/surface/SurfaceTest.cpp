@@ -1,6 +1,5 @@
-// Surfaces out of grids written from analytic fields: the cube tables, marching cubes per block
-// and welded, the incremental re-meshing of changed blocks, the cut by instance in both run
-// modes, the annotation with instance ids, and the mesh streams they fill.
+// Surfaces out of grids written from analytic fields: cube tables, marching cubes per block and
+// welded, incremental re-meshing, the cut by instance in both run modes, and vertex colours.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "solid/surface/PolygonMesh.h"
 #include "solid/surface/TextureExtractor.h"
 #include "support/FieldGrid.h"
+#include "support/FusedGrid.h"
 
 namespace Solid {
 namespace {
@@ -112,7 +112,7 @@ protected:
     using Grid = VolumeGrid<VolumeT, LockedBlockPtr, GridLock>;
     using MC = MarchingCubes<float, VolumeT>;
 
-    MarchingCubesTest() { Solid::Test::configureFieldGrid(grid, kSpacing); }
+    MarchingCubesTest() { Velmora::Test::configureGrid(grid, kSpacing); }
 
     template <typename Sdf>
     IndexSet fill(const Index3& lo, const Index3& hi, Sdf&& sdf, short weight = 1) {
@@ -184,7 +184,7 @@ TYPED_TEST(MarchingCubesTest, VerticesLieOnAnalyticSurfaces) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         this->grid.reset();
-        Solid::Test::configureFieldGrid(this->grid, kSpacing);
+        Velmora::Test::configureGrid(this->grid, kSpacing);
         const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(1, 1, 1), c.sdf);
         const PolygonMesh mesh = mergeAll(this->extract(blocks));
         ASSERT_GT(mesh.findIndices()->size(), 30u);
@@ -318,7 +318,7 @@ struct FakeInstances {
 };
 
 float ball(const Vec3& p, float radius) {
-    return AR::Math::norm(p - Vec3(0.16f, 0.15f, 0.17f)) - radius;
+    return sphereSdf(p, Vec3(0.16f, 0.15f, 0.17f), radius);
 }
 
 // The triangles of a mesh grid, sorted: a description that does not depend on the order of
@@ -332,9 +332,9 @@ std::vector<std::array<long, 9>> triangleSet(const MeshGridType& meshes) {
 class IncrementalExtractionTest : public ::testing::Test {
 protected:
     IncrementalExtractionTest() {
-        Solid::Test::configureFieldGrid(depth, kSpacing);
-        Solid::Test::configureFieldGrid(labels, kSpacing);
-        Solid::Test::configureFieldGrid(combined, kSpacing);
+        Velmora::Test::configureGrid(depth, kSpacing);
+        Velmora::Test::configureGrid(labels, kSpacing);
+        Velmora::Test::configureGrid(combined, kSpacing);
     }
     IndexSet allBlocks() const {
         IndexSet blocks;
@@ -479,19 +479,14 @@ PolygonMesh strip() {
     return mesh;
 }
 
-struct Run {
-    std::vector<RGBDFrame> frames;
-    uint8_t removeUnseen = 0;
-};
-
-PolygonMesh colour(const Run& run) {
+// The strip coloured from `frames`; `images` asks for texture images, which are not built.
+PolygonMesh colour(const std::vector<RGBDFrame>& frames, bool images = false) {
     const Camera camera = pinhole();
-    TextureExtractor::Config config;
-    config.removeUnseenVertices = run.removeUnseen;
+    const TextureExtractor::Config config;  // held by reference
     TextureExtractor extractor(config, camera, camera);
     PolygonMesh mesh = strip();
     AR::Common::Map<int, PolygonMesh*> textures;
-    extractor.computeTextures(run.frames, mesh, textures, false);
+    extractor.computeTextures(frames, mesh, textures, images);
     EXPECT_TRUE(textures.empty());
     return mesh;
 }
@@ -520,7 +515,7 @@ TEST(TextureExtractor, EachTriangleTakesItsBestFrameThatSawIt) {
         {"beyond 2 percent", {keyframe(255, 0, 0, 2042)}, none},
     };
     for (const Case& c : cases) {
-        const PolygonMesh mesh = colour({c.frames, 0});
+        const PolygonMesh mesh = colour(c.frames);
         ASSERT_EQ(mesh.findColors()->size(), 9u);
         for (int v = 0; v < 6; ++v)
             EXPECT_EQ((*mesh.findColors())[v], c.expected) << c.name << " " << v;
@@ -529,13 +524,7 @@ TEST(TextureExtractor, EachTriangleTakesItsBestFrameThatSawIt) {
 }
 
 TEST(TextureExtractorDeathTest, TextureImagesAreNotBuilt) {
-    const Camera camera = pinhole();
-    TextureExtractor::Config config;
-    TextureExtractor extractor(config, camera, camera);
-    PolygonMesh mesh = strip();
-    AR::Common::Map<int, PolygonMesh*> textures;
-    const std::vector<RGBDFrame> frames = {keyframe(255, 0, 0, 2000)};
-    EXPECT_DEATH(extractor.computeTextures(frames, mesh, textures, true), "genTextureImage");
+    EXPECT_DEATH(colour({keyframe(255, 0, 0, 2000)}, true), "genTextureImage");
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-// Blocks and the sparse grid: trilinear reads with their unobserved sentinel and analytic
-// gradient, the nearest-lower sample lookup, block storage and keys, readers while a writer
-// creates blocks, and the stream form of grids: exact layout, byte-exact round trips of every
-// sample type, and streams that are cut, garbled or claim absurd counts, after which the grid
-// must hold what was read and take new blocks and lookups at once.
+// Blocks and the sparse grid: trilinear reads, sentinel and gradient, block storage and keys,
+// readers while a writer creates blocks, and the stream form: exact layout, byte-exact round
+// trips, and cut or garbled streams after which the grid holds what was read and stays usable.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -177,19 +175,8 @@ TEST(VolumeGrid, KeysUseATrueFloorAndUnknownReadsAsTheSentinel) {
     EXPECT_EQ(grid.value(Vec3(1e30f, 0.0f, 0.0f), key), -2.0f);
 }
 
-TEST(VolumeGridDeathTest, UnconfiguredStorageAndBadShapesAbort) {
-    EXPECT_DEATH(
-        {
-            DepthGrid grid;
-            grid.ensure(KeyType(0, 0, 0));
-        },
-        "mBlockSize != 0");
-    EXPECT_DEATH(
-        {
-            DepthGrid grid;
-            grid.set(Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f));
-        },
-        "dimension");
+TEST(VolumeGridDeathTest, UnconfiguredStorageAborts) {
+    EXPECT_DEATH(DepthGrid().ensure(KeyType(0, 0, 0)), "mBlockSize != 0");
 }
 
 // One writer creates blocks and writes their samples under the block locks while readers sample
@@ -344,25 +331,9 @@ TEST(GridStreamLayout, EmptyGridAndOneBlockByteForByte) {
     EXPECT_EQ(text.substr(head.size() + rawBytes), "\n\n");
 }
 
-TYPED_TEST(GridStream, RoundTripKeepsEveryByteAndTheConfiguration) {
-    TypeParam original;
-    configure(original);
-    Bytes bytes(11);
-    const std::vector<KeyType> keys = {KeyType(0, 0, 0), KeyType(-3, 5, -1), KeyType(7, -2, 4),
-                                       KeyType(-1, -1, -1)};
-    for (const KeyType& key : keys)
-        addScrambledBlock(original, key, bytes);
-    const std::string text = serialize(original);
-
-    // Into a grid that takes its configuration from the stream.
-    TypeParam bare;
-    EXPECT_TRUE(deserialize(bare, text));
-    EXPECT_EQ(bare.config().size, original.config().size);
-    EXPECT_EQ(bare.dimension(), original.dimension());
-    expectSameBlocks(original, bare);
-}
-
-TYPED_TEST(GridStream, CutStreamsKeepWhatWasReadAndReleaseTheLock) {
+// Whole, every byte comes back into a grid that takes its configuration from the stream; cut or
+// garbled, the grid keeps what was read.
+TYPED_TEST(GridStream, RoundTripAndCutStreamsKeepWhatWasReadAndReleaseTheLock) {
     using Sample = typename TypeParam::SampleType;
     TypeParam original;
     configure(original);
@@ -370,6 +341,11 @@ TYPED_TEST(GridStream, CutStreamsKeepWhatWasReadAndReleaseTheLock) {
     for (const KeyType& key : {KeyType(1, 2, 3), KeyType(-4, 0, 2), KeyType(0, -7, 1)})
         addScrambledBlock(original, key, bytes);
     const std::string text = serialize(original);
+    TypeParam bare;
+    EXPECT_TRUE(deserialize(bare, text));
+    EXPECT_EQ(bare.config().size, original.config().size);
+    EXPECT_EQ(bare.dimension(), original.dimension());
+    expectSameBlocks(original, bare);
     const std::vector<KeyType> order = keysInTableOrder(original);
     std::vector<size_t> samplesStart;
     for (const KeyType& key : order) {
