@@ -1,6 +1,8 @@
 #include "solid/fusion/GridIntegration.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "common/Logger.h"
 #include "common/Timing.h"
@@ -70,25 +72,48 @@ Matrix4 blockToCamera(const Matrix4& worldToCamera, const Vec3& dimension, const
     return worldToCamera * translation;
 }
 
+namespace {
+
+// The table entries of a frame's blocks, found once: entries never move or vanish while the grid
+// lives, so the kernels need no second lookup under the grid lock.
 template <typename GridType>
-IndexSet createBlocks(const BlockInfoMapType& blocks, GridType& grid, IntegrationStats& stats) {
+using ResolvedBlocks = std::vector<std::pair<KeyType, const typename GridType::Entry*>>;
+
+// A locked view of an entry found earlier; only its samples change, under its mutex.
+template <typename GridType>
+typename GridType::Ptr lockEntry(const typename GridType::Entry& entry) {
+    return typename GridType::Ptr(const_cast<typename GridType::Entry&>(entry));
+}
+
+template <typename GridType>
+IndexSet createResolved(const BlockInfoMapType& blocks, GridType& grid, IntegrationStats& stats,
+                        ResolvedBlocks<GridType>* resolved) {
     AR::Common::Timing timing;
     timing.beginSection(true);
     IndexSet result(blocks.size());
     stats.createdBlocks = 0;
-    for (const auto& entry : blocks) {
-        result.insert(entry.first);
+    if (resolved != nullptr) {
+        resolved->clear();
+        resolved->reserve(blocks.size());
+    }
+    for (const auto& item : blocks) {
+        result.insert(item.first);
         // Most blocks of a frame exist already: a lookup under the read lock finds them, and
         // only a missing block takes the write lock.
-        auto block = grid.get(entry.first);
-        if (!block) {
-            if (grid.ensure(entry.first)) {
+        const typename GridType::Entry* entry = grid.findEntry(item.first);
+        if (entry == nullptr) {
+            if (grid.ensure(item.first)) {
                 ++stats.createdBlocks;
             }
-            block = grid.get(entry.first);
+            entry = grid.findEntry(item.first);
         }
+        AR_ASSERT(entry != nullptr);
+        if (resolved != nullptr) {
+            resolved->emplace_back(item.first, entry);
+        }
+        auto block = lockEntry<GridType>(*entry);
         block->setBestSampleDistance(
-            std::min(block->bestSampleDistance(), entry.second.bestSampleDistance));
+            std::min(block->bestSampleDistance(), item.second.bestSampleDistance));
     }
     AR_LOG_VERBOSE("created %zu new blocks", stats.createdBlocks);
     timing.endSection();
@@ -97,9 +122,9 @@ IndexSet createBlocks(const BlockInfoMapType& blocks, GridType& grid, Integratio
 }
 
 template <typename GridType, typename FrameType>
-void integrateBlocks(GridType& grid, const FrameType& frame, const IndexSet& blocks,
-                     const SensorErrorModel& errorModel, float maxWeight, IntegrationStats& stats,
-                     Acceleration acceleration) {
+void integrateResolved(GridType& grid, const FrameType& frame, const IndexSet& blocks,
+                       const ResolvedBlocks<GridType>* resolved, const SensorErrorModel& errorModel,
+                       float maxWeight, IntegrationStats& stats, Acceleration acceleration) {
     AR::Common::Timing timing;
     timing.beginSection(true);
     if (usesFastTables(acceleration)) {
@@ -117,11 +142,20 @@ void integrateBlocks(GridType& grid, const FrameType& frame, const IndexSet& blo
             centreOffset(a) = static_cast<float>(config.size(a) / 2) * config.spacing(a);
         }
         centreOffset(3) = 1.0f;
-        for (const KeyType& key : blocks) {
+        ResolvedBlocks<GridType> found;
+        if (resolved == nullptr) {
+            found.reserve(blocks.size());
+            for (const KeyType& key : blocks) {
+                found.emplace_back(key, grid.findEntry(key));
+            }
+            resolved = &found;
+        }
+        // Each block is fused on its own, so the order of the list does not matter.
+        for (const auto& item : *resolved) {
             AR::Common::ScopedTrace trace("IntegrateBlock");
-            auto block = grid.get(key);
-            AR_ASSERT(block);
-            const Matrix4 T = blockToCamera(frame.pose, grid.dimension(), key);
+            AR_ASSERT(item.second != nullptr);
+            auto block = lockEntry<GridType>(*item.second);
+            const Matrix4 T = blockToCamera(frame.pose, grid.dimension(), item.first);
             const AR::Math::Vector<float, 4> c = T * centreOffset;
             const Vec3 centre(c(0), c(1), c(2));
             const float fusionWeight = errorModel.getFusionWeight(centre);
@@ -132,6 +166,21 @@ void integrateBlocks(GridType& grid, const FrameType& frame, const IndexSet& blo
     timing.endSection();
     stats.integrateTime = timing.getDurationMilliseconds(false);
     stats.integratedBlocks = blocks.size();
+}
+
+}  // namespace
+
+template <typename GridType>
+IndexSet createBlocks(const BlockInfoMapType& blocks, GridType& grid, IntegrationStats& stats) {
+    return createResolved<GridType>(blocks, grid, stats, nullptr);
+}
+
+template <typename GridType, typename FrameType>
+void integrateBlocks(GridType& grid, const FrameType& frame, const IndexSet& blocks,
+                     const SensorErrorModel& errorModel, float maxWeight, IntegrationStats& stats,
+                     Acceleration acceleration) {
+    integrateResolved(grid, frame, blocks, static_cast<const ResolvedBlocks<GridType>*>(nullptr),
+                      errorModel, maxWeight, stats, acceleration);
 }
 
 template <typename GridType, typename FrameType>
@@ -148,9 +197,10 @@ IndexSet integrate(GridType& grid, const FrameType& frame, const SensorErrorMode
                               maxBestSampleDistanceFilter, blocksToUpdate, saturationManager);
     }
     IndexSet result;
+    ResolvedBlocks<GridType> resolved;
     {
         AR::Common::ScopedTrace trace("createBlocks");
-        result = createBlocks(blocks, grid, stats);
+        result = createResolved(blocks, grid, stats, &resolved);
     }
     for (size_t i = 1; i < selectRepeats; ++i) {
         selectBlocks(grid, frame, errorModel, stats, prepareStep, numSamplesFilter,
@@ -161,7 +211,8 @@ IndexSet integrate(GridType& grid, const FrameType& frame, const SensorErrorMode
     }
     for (size_t i = 0; i < integrateRepeats; ++i) {
         AR::Common::ScopedTrace trace("integrate");
-        integrateBlocks(grid, frame, result, errorModel, maxWeight, stats, acceleration);
+        integrateResolved(grid, frame, result, &resolved, errorModel, maxWeight, stats,
+                          acceleration);
     }
     stats.totalBlocks = grid.size();
     AR_LOG_VERBOSE("single-volume integration integrated %zu blocks, total block number is %zu",

@@ -241,7 +241,9 @@ public:
         : mSnapshot(snapshot),
           mFrame(grid),
           mKey(INT_MIN, INT_MIN, INT_MIN),
-          mEntry(snapshot.find(mKey)) {}
+          mEntry(snapshot.find(mKey)),
+          mHasCells(grid.config().bounds(0) >= 1 && grid.config().bounds(1) >= 1 &&
+                    grid.config().bounds(2) >= 1) {}
 
     __attribute__((always_inline)) float value(const Vec3& p) {
         const KeyType key = mFrame.keyOf(p);
@@ -274,7 +276,8 @@ public:
         const AxisCell cy = cellForVal(local(1), cfg.inverseSpacing(1), cfg.bounds(1));
         const AxisCell cz = cellForVal(local(2), cfg.inverseSpacing(2), cfg.bounds(2));
         if (positives) {
-            const SkippedBlock kind = mKind != SkippedBlock::kOther ? mKind : cellKind(cx, cy, cz);
+            const SkippedBlock kind =
+                mKind != SkippedBlock::kOther ? mKind : (mHasCells ? cellKind(cx, cy, cz) : mKind);
             if (kind == SkippedBlock::kPositive ||
                 (partly && kind == SkippedBlock::kPartlyPositive)) {
                 deferred = kind;
@@ -455,6 +458,7 @@ private:
     KeyType mKey;
     uint32_t mSlot = Snapshot::kNoSlot;
     const typename Grid::Entry* mEntry;
+    const bool mHasCells;                // blocks of at least two samples a side have cells
     const uint8_t* mCells = nullptr;     // cell kinds of the block of `mKey`, once asked for
     std::vector<uint32_t> mCellOffsets;  // per slot: where its cell kinds start, or kNoCells
     std::vector<uint8_t> mCellKindStore;
