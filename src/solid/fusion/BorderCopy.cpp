@@ -156,8 +156,7 @@ void copyBorders(GridType& grid, IntegrationStats& stats, IndexSet& blocks) {
         };
         const auto neighbour = [&](const KeyType& key) {
             const Entry* entry = entryOf(key);
-            return entry != nullptr ? typename GridType::Ptr(const_cast<Entry&>(*entry))
-                                    : typename GridType::Ptr();
+            return entry != nullptr ? GridType::lockEntry(*entry) : typename GridType::Ptr();
         };
         for (const KeyType& key : blocks) {
             const auto block = neighbour(key);

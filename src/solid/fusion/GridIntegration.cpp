@@ -79,12 +79,6 @@ namespace {
 template <typename GridType>
 using ResolvedBlocks = std::vector<std::pair<KeyType, const typename GridType::Entry*>>;
 
-// A locked view of an entry found earlier; only its samples change, under its mutex.
-template <typename GridType>
-typename GridType::Ptr lockEntry(const typename GridType::Entry& entry) {
-    return typename GridType::Ptr(const_cast<typename GridType::Entry&>(entry));
-}
-
 template <typename GridType>
 IndexSet createResolved(const BlockInfoMapType& blocks, GridType& grid, IntegrationStats& stats,
                         ResolvedBlocks<GridType>* resolved) {
@@ -111,7 +105,7 @@ IndexSet createResolved(const BlockInfoMapType& blocks, GridType& grid, Integrat
         if (resolved != nullptr) {
             resolved->emplace_back(item.first, entry);
         }
-        auto block = lockEntry<GridType>(*entry);
+        auto block = GridType::lockEntry(*entry);
         block->setBestSampleDistance(
             std::min(block->bestSampleDistance(), item.second.bestSampleDistance));
     }
@@ -154,7 +148,7 @@ void integrateResolved(GridType& grid, const FrameType& frame, const IndexSet& b
         for (const auto& item : *resolved) {
             AR::Common::ScopedTrace trace("IntegrateBlock");
             AR_ASSERT(item.second != nullptr);
-            auto block = lockEntry<GridType>(*item.second);
+            auto block = GridType::lockEntry(*item.second);
             const Matrix4 T = blockToCamera(frame.pose, grid.dimension(), item.first);
             const AR::Math::Vector<float, 4> c = T * centreOffset;
             const Vec3 centre(c(0), c(1), c(2));

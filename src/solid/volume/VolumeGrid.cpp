@@ -158,8 +158,7 @@ typename VolumeGrid<B, P, L>::Ptr VolumeGrid<B, P, L>::getUnlocked(const KeyType
     if (it == mGrid.end()) {
         return Ptr();
     }
-    // The entry is not changed through the pointer's constness: only its samples, under its lock.
-    return Ptr(const_cast<Entry&>(it->second));
+    return lockEntry(it->second);
 }
 
 template <typename B, template <typename> class P, typename L>

@@ -251,6 +251,8 @@ public:
     const Entry* findEntry(const KeyType& key) const;
     // The same for a caller that holds the grid lock.
     const Entry* findEntryUnlocked(const KeyType& key) const;
+    // A locked view of an entry found earlier; only its samples change, under its mutex.
+    static Ptr lockEntry(const Entry& entry) { return Ptr(const_cast<Entry&>(entry)); }
 
     // Calls `f(key, block)` for each block, under the read lock, with the block's mutex held.
     // The order is that of the hash table and carries no meaning.
