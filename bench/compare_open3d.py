@@ -8,7 +8,8 @@ its ratio to Velmora's.
 
 With --mesh, times whole-scene meshing instead: Open3D's `extract_triangle_mesh` on a tensor
 VoxelBlockGrid that fused all frames of the sequence (one thread), against the benchmark
-`bench_surface`, which meshes and merges every block of the same frames fused by Velmora. The
+`bench_surface`, which meshes and merges every block of the same frames fused by Velmora, and
+(at 0.02 m) makes a host's first `extractSurface` request of them. The
 sequence must then be the built-in scene rendered with the benchmark's frame count
 (`velmora render-scene DIR --frames 60`).
 
@@ -210,11 +211,9 @@ def run_open3d_mesh(frames, intrinsics, cell, truncation):
     return statistics.median(wall), statistics.median(cpu), triangles
 
 
-def run_velmora_mesh(binary, cell):
-    """Wall and CPU milliseconds and triangles of meshing and merging the fused room."""
-    cell_mm = int(round(cell * 1000))
-    out = subprocess.run([binary, "--benchmark_format=json",
-                          f"--benchmark_filter=BM_MarchingCubesWholeRoomMerged/{cell_mm}$"],
+def run_velmora_mesh(binary, name):
+    """Wall and CPU milliseconds and triangles of the benchmark `name` of bench_surface."""
+    out = subprocess.run([binary, "--benchmark_format=json", f"--benchmark_filter={name}$"],
                          check=True, capture_output=True, text=True).stdout
     result = json.loads(out)["benchmarks"][0]
     return result["real_time"], result["cpu_time"], int(result["triangles"])
@@ -235,19 +234,25 @@ def open3d_in_one_thread(args, function):
 
 
 def compare_meshing(args, frames, intrinsics):
-    velmora_wall, velmora_cpu, velmora_triangles = run_velmora_mesh(args.bench_surface,
-                                                                    args.cell_size)
+    cell_mm = int(round(args.cell_size * 1000))
+    rows = [("velmora MarchingCubes + mergeMesh (1 thread)",
+             run_velmora_mesh(args.bench_surface, f"BM_MarchingCubesWholeRoomMerged/{cell_mm}"))]
+    if cell_mm == 20:
+        # The host's first request on the depth-only room: borders, meshing, ids, merge, copy.
+        rows.append(("velmora extractSurface, first request (1 thread)",
+                     run_velmora_mesh(args.bench_surface, "BM_ExtractSurfaceDepthOnly/0")))
     open3d_wall, open3d_cpu, open3d_triangles = open3d_in_one_thread(args, "run_open3d_mesh")
-    # On a shared machine the CPU times are the steadier figures; both are printed.
+    # On a shared machine the CPU times are the steadier figures; both are printed. The ratios
+    # are Open3D's time over each Velmora row's.
     print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m, "
           "whole-scene mesh")
     print(f"{'mesher':55s} {'wall ms':>9s} {'cpu ms':>9s} {'triangles':>10s} {'wall ratio':>10s} "
           f"{'cpu ratio':>10s}")
-    print(f"{'velmora MarchingCubes + mergeMesh (1 thread)':55s} {velmora_wall:9.2f} "
-          f"{velmora_cpu:9.2f} {velmora_triangles:10d} {1.0:10.2f} {1.0:10.2f}")
+    for name, (wall, cpu, triangles) in rows:
+        print(f"{name:55s} {wall:9.2f} {cpu:9.2f} {triangles:10d} {open3d_wall / wall:10.2f} "
+              f"{open3d_cpu / cpu:10.2f}")
     print(f"{'Open3D VoxelBlockGrid.extract_triangle_mesh (1 thread)':55s} {open3d_wall:9.2f} "
-          f"{open3d_cpu:9.2f} {open3d_triangles:10d} {open3d_wall / velmora_wall:10.2f} "
-          f"{open3d_cpu / velmora_cpu:10.2f}")
+          f"{open3d_cpu:9.2f} {open3d_triangles:10d} {1.0:10.2f} {1.0:10.2f}")
 def run_open3d_scene(frames, intrinsics, cell, truncation, legacy, mesh_path):
     """Fuses the frames and meshes the whole scene with one Open3D integrator; writes the mesh to
     mesh_path and returns the per-frame milliseconds, the meshing milliseconds and the triangles."""

@@ -7,6 +7,8 @@
 // Then extractSurface as a host calls it (mesh form, whole scene, the two calls of the two-call
 // protocol) on the room at 0.02 m fused with labels in each run mode: the first request after
 // the 60 frames (cache emptied, every block changed), and a request after one more frame.
+// BM_ExtractSurfaceDepthOnly makes the same two requests on the room fused from the depth frames
+// alone, the frames Open3D meshes in bench/compare_open3d.py.
 // BM_ExtractSurfaceColoured does the same on the room in split mode with a colour image every
 // tenth frame (as the tool sends them), asking for vertex colours; its "uncoloured" row asks the
 // same room for none, so that the two rows show the cost of the colour step alone.
@@ -160,7 +162,7 @@ uint32_t deliverScene(Impl& room, std::vector<XrVector3fVLM>& positions,
 // one more frame of depth and labels. (That frame carries no colour image: every colour image is
 // kept, and colouring costs in proportion to their number, so repetitions would drift.)
 void requestSurfaces(benchmark::State& state, Impl& room, int32_t mode, bool afterOneFrame,
-                     bool askColours) {
+                     bool askColours, bool labels = true) {
     Impl::State& s = internalState(room);
     Solid::IndexSet all;
     auto collect = [&all](const Solid::KeyType& key, const auto&) { all.insert(key); };
@@ -182,7 +184,7 @@ void requestSurfaces(benchmark::State& state, Impl& room, int32_t mode, bool aft
     for (auto _ : state) {
         state.PauseTiming();
         if (afterOneFrame) {
-            submitFrame(room, sceneSource(), frame++, mode, true);
+            submitFrame(room, sceneSource(), frame++, mode, labels);
         } else {
             std::lock_guard<std::mutex> updatedLock(s.mSurfaces.updatedBlocksMutex);
             std::lock_guard<std::mutex> meshLock(s.mSurfaces.meshMutex);
@@ -208,6 +210,12 @@ void BM_ExtractSurface(benchmark::State& state) {
     requestSurfaces(state, fusedRoom(20, mode, true), mode, state.range(1) != 0, false);
 }
 
+// The same on the room fused from depth frames only, as Open3D fuses them in
+// bench/compare_open3d.py (split mode; every vertex gets id 0). range(0): as range(1) above.
+void BM_ExtractSurfaceDepthOnly(benchmark::State& state) {
+    requestSurfaces(state, fusedRoom(20, 1, false), 1, state.range(0) != 0, false, false);
+}
+
 // range(0): 1 to ask for colours; range(1) as above. Split mode, colour every tenth frame.
 void BM_ExtractSurfaceColoured(benchmark::State& state) {
     requestSurfaces(state, fusedRoom(20, 1, true, true), 1, state.range(1) != 0,
@@ -220,6 +228,7 @@ BENCHMARK(BM_ExtractSurface)
     ->Args({1, 0})
     ->Args({1, 1})
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ExtractSurfaceDepthOnly)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ExtractSurfaceColoured)
     ->Args({0, 0})
     ->Args({1, 0})
