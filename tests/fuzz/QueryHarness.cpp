@@ -11,6 +11,7 @@
 #include "fuzz/FuzzHarness.h"
 #include "fuzz/FuzzInput.h"
 #include "velmora/Impl.h"
+#include "velmora/ImplState.h"
 
 namespace Velmora {
 namespace Fuzz {
@@ -291,6 +292,12 @@ void fuzzCheck(bool condition, const char* what) {
         std::fprintf(stderr, "fuzz harness: broken promise: %s\n", what);
         std::abort();
     }
+}
+
+size_t blockCount(Impl& scene) {
+    Impl::State& s = internalState(scene);
+    return (s.mVolumeGrid ? s.mVolumeGrid->size() + s.mLabelVolumeGrid->size() : 0) +
+           (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
 void forgetInstances() {

@@ -14,6 +14,7 @@
 #include "solid/fusion/BlockSelection.h"
 #include "solid/fusion/BorderCopy.h"
 #include "support/FusedGrid.h"
+#include "support/RenderedBlocks.h"
 #include "support/TestBlock.h"
 
 namespace Solid {
@@ -333,13 +334,7 @@ TEST_P(HitSearch, RunsGiveTheMapOfOnePixelAtATime) {
         const double a = angle(random);
         camera.T_world_camera = Velmora::Test::lookAt(
             {2.0 - std::cos(a), 1.5 - 0.6 * std::sin(a), 1.4}, {2.0, 1.5, 0.6}, {0, 0, 1});
-        const auto rendered = Velmora::Test::render(room(), camera);
-        DepthFrame frame;
-        Velmora::Test::setUpFrame(frame, camera);
-        for (int y = 0; y < camera.height; ++y)
-            for (int x = 0; x < camera.width; ++x)
-                frame.depth(x, y) = rendered.depthMetres[static_cast<size_t>(y) * camera.width + x];
-        expectSameSearch(frame);
+        expectSameSearch(Solid::Test::RenderedDepth(room(), camera).frame);
     }
     // Random depths (a fifth of them missing) from cameras around the origin, so that points
     // fall at negative coordinates. In every second trial the intrinsics, shifts and depths are
