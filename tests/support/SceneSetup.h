@@ -15,15 +15,21 @@
 namespace Velmora {
 namespace Test {
 
-inline std::unique_ptr<Impl> makeInitialisedScene(int32_t mode, float cellSize, float truncation,
-                                                  bool labelPlanes = false) {
-    std::unique_ptr<Impl> scene(static_cast<Impl*>(newVelmora()));
+// A configuration without plane detection.
+inline Config sceneConfig(int32_t mode, float cellSize, float truncation,
+                          bool labelPlanes = false) {
     Config config{};
     config.cellSize = cellSize;
     config.truncation = truncation;
     config.mode = mode;
     config.labelPlanes = labelPlanes;
-    EXPECT_EQ(scene->init(config), kSuccess);
+    return config;
+}
+
+inline std::unique_ptr<Impl> makeInitialisedScene(int32_t mode, float cellSize, float truncation,
+                                                  bool labelPlanes = false) {
+    std::unique_ptr<Impl> scene(static_cast<Impl*>(newVelmora()));
+    EXPECT_EQ(scene->init(sceneConfig(mode, cellSize, truncation, labelPlanes)), kSuccess);
     return scene;
 }
 
@@ -42,19 +48,6 @@ inline void fuseView(IVelmora& scene, int32_t mode, const AnalyticScene& world,
         ASSERT_EQ(scene.submitImages(0, camera.intrinsics(), camera.pose(), {images + 1, 1}),
                   kSuccess);
     }
-}
-
-// A width x height camera (principal point in the middle) at `eye` looking at `target`, z up.
-inline PinholeCamera viewFrom(const Vec3d& eye, const Vec3d& target, int width = 160,
-                              int height = 120, double focal = 110.0) {
-    PinholeCamera camera;
-    camera.width = width;
-    camera.height = height;
-    camera.fx = camera.fy = focal;
-    camera.cx = (width - 1) / 2.0;
-    camera.cy = (height - 1) / 2.0;
-    camera.T_world_camera = lookAt(eye, target, {0, 0, 1});
-    return camera;
 }
 
 struct TrueBox {

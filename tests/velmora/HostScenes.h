@@ -84,16 +84,12 @@ inline HostMesh readMesh(IVelmora& scene, const UuidBytes& uuid) {
 }
 
 inline Config planeConfig(int32_t mode, float cellSize, bool detectPlanes = true) {
-    Config config{};
-    config.cellSize = cellSize;
-    config.truncation = 5 * cellSize;
-    config.mode = mode;
+    Config config = sceneConfig(mode, cellSize, 5 * cellSize, true);
     config.detectPlanes = detectPlanes;
     config.planeMaxStdError = 0.01f;
     config.planeMaxAngle = 0.1f;
     config.planeSolverIterations = 5;
     config.planeContourAlpha = 0.0f;
-    config.labelPlanes = true;
     return config;
 }
 

@@ -37,9 +37,7 @@ struct TempDir {
 PinholeCamera viewOfRoom(int view) {
     const Vec3d eyes[] = {{2.0, 1.5, 1.2}, {1.0, 1.0, 1.5}, {3.0, 2.0, 1.0}};
     const Vec3d targets[] = {{4.0, 1.5, 0.8}, {0.0, 3.0, 0.5}, {2.0, 0.0, 0.0}};
-    PinholeCamera camera;
-    camera.T_world_camera = lookAt(eyes[view], targets[view], {0, 0, 1});
-    return camera;
+    return viewFrom(eyes[view], targets[view], 64, 48, 50.0);
 }
 
 // A scene of the mode with `views` views of the room fused: depth alone in split mode, depth with

@@ -281,8 +281,8 @@ protected:
     void SetUp() override {
         Velmora::Test::configureGrid(grid, GetParam().cellSize);
         // Some blocks exist, seen from nearer than the frames below, for the distance filter.
-        PinholeCamera near;
-        near.T_world_camera = Velmora::Test::lookAt({1.0, 1.0, 1.2}, {3.0, 2.0, 0.8}, {0, 0, 1});
+        const PinholeCamera near =
+            Velmora::Test::viewFrom({1.0, 1.0, 1.2}, {3.0, 2.0, 0.8}, 64, 48, 50.0);
         Velmora::Test::fuseView(grid, room(), near, 5.0f * GetParam().cellSize);
     }
 

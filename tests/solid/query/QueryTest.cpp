@@ -45,10 +45,14 @@ AnalyticScene wallScene() {
     return scene;
 }
 
+// A camera of f = 50 pixels at `eye` looking at `target`.
+PinholeCamera view(const Velmora::Test::Vec3d& eye, const Velmora::Test::Vec3d& target,
+                   int width = 64, int height = 48) {
+    return Velmora::Test::viewFrom(eye, target, width, height, 50.0);
+}
+
 PinholeCamera wallCamera() {
-    PinholeCamera camera;
-    camera.T_world_camera = Velmora::Test::lookAt({0.8, 1.0, 1.0}, {2.0, 1.0, 1.0}, {0, 0, 1});
-    return camera;
+    return view({0.8, 1.0, 1.0}, {2.0, 1.0, 1.0});
 }
 
 template <typename Grid>
@@ -263,20 +267,14 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
     for (const float cell : {0.02f, 0.01f}) {
         TypeParam grid;
         Velmora::Test::configureGrid(grid, cell);
-        for (size_t v = 0; v + 1 < views.size(); ++v) {
-            PinholeCamera camera;
-            camera.T_world_camera = Velmora::Test::lookAt(views[v][0], views[v][1], {0, 0, 1});
-            Velmora::Test::fuseView(grid, room, camera, 5.0f * cell);
-        }
+        for (size_t v = 0; v + 1 < views.size(); ++v)
+            Velmora::Test::fuseView(grid, room, view(views[v][0], views[v][1]), 5.0f * cell);
         if (cell == 0.01f) {
             // A block far away makes the renderer's table copy hashed rather than dense.
             ASSERT_TRUE(grid.ensure(KeyType(-5000, 40, 3000)));
         }
-        for (const Eye& view : views) {
-            PinholeCamera camera;
-            camera.width = 81;
-            camera.height = 61;
-            camera.T_world_camera = Velmora::Test::lookAt(view[0], view[1], {0, 0, 1});
+        for (const Eye& eye : views) {
+            const PinholeCamera camera = view(eye[0], eye[1], 81, 61);
             IntegrationStats stats;
             EXPECT_GT(renderBothWays(grid, camera, true, stats), 0);
             // A coarse first step defers no reads until the march has switched to the fine one.
@@ -295,12 +293,8 @@ TYPED_TEST(RaycastGrids, CrossingJustPastABlockFaceGivesThePlainDepths) {
                                          {200, 200, 200}));
         TypeParam grid;
         Velmora::Test::configureGrid(grid, kSpacing);
-        for (const double y : {1.0, 0.6}) {
-            PinholeCamera camera;
-            camera.T_world_camera =
-                Velmora::Test::lookAt({0.8, y, 1.0}, {2.0, 1.0, 1.0}, {0, 0, 1});
-            Velmora::Test::fuseView(grid, scene, camera, kTruncation);
-        }
+        for (const double y : {1.0, 0.6})
+            Velmora::Test::fuseView(grid, scene, view({0.8, y, 1.0}, {2.0, 1.0, 1.0}), kTruncation);
         PinholeCamera camera = wallCamera();
         camera.width = 81;
         camera.height = 61;
