@@ -99,29 +99,34 @@ struct ReadPlane {
 };
 
 struct PlaneReadout {
-    std::vector<ReadPlane> planes;
+    XrResultVLM result = 0;
+    std::vector<ReadPlane> planes;  // when the result is a success
     std::vector<SubsumedLink> links;
 };
 
-// The host's three calls: counts, then records and links, then the contours.
+// The host's calls: counts, then records and links, then the contours; a call more while the
+// answer is "too small" (a producer beside the reader may have grown them), three at most.
 inline PlaneReadout readPlanes(IVelmora& scene) {
     PlaneReadout out;
+    std::vector<Planef> records;
+    std::vector<std::vector<XrVector3fVLM>> contours;
     span<Planef> planes{nullptr, 0};
     span<SubsumedLink> links{nullptr, 0};
-    if (scene.getPlanes(planes, links) != kErrorBufferTooSmall)
-        return out;
-    std::vector<Planef> records(planes.size, Planef{});
-    out.links.resize(links.size);
-    planes.data = records.data();
-    links.data = out.links.data();
-    EXPECT_EQ(scene.getPlanes(planes, links), kErrorBufferTooSmall);
-    std::vector<std::vector<XrVector3fVLM>> contours(records.size());
-    for (size_t i = 0; i < records.size(); ++i) {
-        contours[i].resize(records[i].vertexCount);
-        records[i].vertices = contours[i].data();
+    for (int call = 0; call < 3; ++call) {
+        out.result = scene.getPlanes(planes, links);
+        if (out.result != kErrorBufferTooSmall)
+            break;
+        records.resize(planes.size);
+        out.links.resize(links.size);
+        contours.resize(records.size());
+        for (size_t i = 0; i < records.size(); ++i) {
+            contours[i].resize(records[i].vertexCount);
+            records[i].vertices = contours[i].data();
+        }
+        planes = {records.data(), uint32_t(records.size())};
+        links = {out.links.data(), uint32_t(out.links.size())};
     }
-    EXPECT_EQ(scene.getPlanes(planes, links), kSuccess);
-    for (size_t i = 0; i < records.size(); ++i)
+    for (size_t i = 0; i < records.size() && out.result == kSuccess; ++i)
         out.planes.push_back({records[i], contours[i]});
     return out;
 }
