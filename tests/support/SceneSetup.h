@@ -1,5 +1,5 @@
 // Scenes created and fed as a host would: init with a config, rendered views of an analytic world
-// fused in either run mode, and the host's two calls for the instances.
+// fused in either run mode.
 #ifndef VELMORA_TESTS_SUPPORT_SCENESETUP_H
 #define VELMORA_TESTS_SUPPORT_SCENESETUP_H
 
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/AnalyticScene.h"
+#include "support/HostReads.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 
@@ -63,29 +64,6 @@ inline AnalyticScene boxesOnAFloor(const std::vector<TrueBox>& boxes) {
     for (const TrueBox& box : boxes)
         scene.add(makeBox(box.min, box.max, box.label, {200, 50, 50}));
     return scene;
-}
-
-struct InstanceReport {
-    XrResultVLM result = 0;
-    std::vector<ObjectInstance> instances;
-    std::vector<SubsumedLink> links;
-};
-
-// The host's two calls: counts, then the arrays.
-inline InstanceReport readInstances(IVelmora& scene) {
-    InstanceReport report;
-    span<ObjectInstance> instances{};
-    span<SubsumedLink> links{};
-    report.result = scene.getObjectInstances(instances, links);
-    if (report.result != kErrorBufferTooSmall) {
-        return report;
-    }
-    report.instances.resize(instances.size);
-    report.links.resize(links.size);
-    instances.data = report.instances.data();
-    links.data = report.links.data();
-    report.result = scene.getObjectInstances(instances, links);
-    return report;
 }
 
 }  // namespace Test

@@ -59,30 +59,6 @@ inline size_t blockCount(Impl& scene) {
            (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
-// A host's mesh in the array form: counts, then arrays.
-struct HostMesh {
-    XrResultVLM result = 0;
-    std::vector<XrVector3fVLM> positions;
-    std::vector<uint32_t> indices;
-    std::vector<uint16_t> ids;
-};
-
-inline HostMesh readMesh(IVelmora& scene, const UuidBytes& uuid) {
-    HostMesh out;
-    PolygonMesh mesh{};
-    out.result = scene.extractSurface(mesh, true, uuid, TextureQuality{});
-    if (out.result == kErrorBufferTooSmall) {
-        out.positions.resize(mesh.positionCount);
-        out.indices.resize(mesh.indexCount);
-        out.ids.resize(mesh.instanceIdCount);
-        mesh.positions = out.positions.data();
-        mesh.indices = out.indices.data();
-        mesh.instanceIds = out.ids.data();
-        out.result = scene.extractSurface(mesh, true, uuid, TextureQuality{});
-    }
-    return out;
-}
-
 inline Config planeConfig(int32_t mode, float cellSize, bool detectPlanes = true) {
     Config config = sceneConfig(mode, cellSize, 5 * cellSize, true);
     config.detectPlanes = detectPlanes;
@@ -91,44 +67,6 @@ inline Config planeConfig(int32_t mode, float cellSize, bool detectPlanes = true
     config.planeSolverIterations = 5;
     config.planeContourAlpha = 0.0f;
     return config;
-}
-
-struct ReadPlane {
-    Planef record;
-    std::vector<XrVector3fVLM> contour;
-};
-
-struct PlaneReadout {
-    XrResultVLM result = 0;
-    std::vector<ReadPlane> planes;  // when the result is a success
-    std::vector<SubsumedLink> links;
-};
-
-// The host's calls: counts, then records and links, then the contours; a call more while the
-// answer is "too small" (a producer beside the reader may have grown them), three at most.
-inline PlaneReadout readPlanes(IVelmora& scene) {
-    PlaneReadout out;
-    std::vector<Planef> records;
-    std::vector<std::vector<XrVector3fVLM>> contours;
-    span<Planef> planes{nullptr, 0};
-    span<SubsumedLink> links{nullptr, 0};
-    for (int call = 0; call < 3; ++call) {
-        out.result = scene.getPlanes(planes, links);
-        if (out.result != kErrorBufferTooSmall)
-            break;
-        records.resize(planes.size);
-        out.links.resize(links.size);
-        contours.resize(records.size());
-        for (size_t i = 0; i < records.size(); ++i) {
-            contours[i].resize(records[i].vertexCount);
-            records[i].vertices = contours[i].data();
-        }
-        planes = {records.data(), uint32_t(records.size())};
-        links = {out.links.data(), uint32_t(out.links.size())};
-    }
-    for (size_t i = 0; i < records.size() && out.result == kSuccess; ++i)
-        out.planes.push_back({records[i], contours[i]});
-    return out;
 }
 
 // The lines the logger hands out while the object lives.
