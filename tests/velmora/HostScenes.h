@@ -59,6 +59,17 @@ inline size_t blockCount(Impl& scene) {
            (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
+// `f` of the depth grid of the mode: the split mode's or the combined one.
+template <typename F>
+void withDepthGrid(Impl& scene, F&& f) {
+    Impl::State& s = internalState(scene);
+    if (s.mVolumeGrid) {
+        f(*s.mVolumeGrid);
+    } else {
+        f(*s.mLabelDepthVolumeGrid);
+    }
+}
+
 inline Config planeConfig(int32_t mode, float cellSize, bool detectPlanes = true) {
     Config config = sceneConfig(mode, cellSize, 5 * cellSize, true);
     config.detectPlanes = detectPlanes;

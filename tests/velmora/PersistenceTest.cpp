@@ -49,17 +49,6 @@ std::unique_ptr<Impl> fusedRoom(int32_t mode, int views) {
     return scene;
 }
 
-// The depth grid of the mode: the split mode's or the combined one.
-template <typename F>
-void withDepthGrid(Impl& scene, F&& f) {
-    Impl::State& s = internalState(scene);
-    if (s.mVolumeGrid) {
-        f(*s.mVolumeGrid);
-    } else {
-        f(*s.mLabelDepthVolumeGrid);
-    }
-}
-
 void expectSameDepth(Impl& a, Impl& b) {
     withDepthGrid(a, [&b](auto& gridA) {
         withDepthGrid(b, [&gridA](auto& gridB) {
