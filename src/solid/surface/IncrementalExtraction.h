@@ -61,12 +61,15 @@ IndexSet getBlockForSurfaceExtraction(const Grid& grid, const Instances& instanc
 // first (which may add blocks to `blocks`). Without `useMarchingCubes2`: MarchingCubes per block
 // with `testVertexFunc`, and the returned mesh is empty. With it: the welded surface of exactly
 // `blocks` is returned and `meshes` and `testVertexFunc` are not used. Iso level 0; a cell needs
-// every corner weight above `weightThreshold`.
+// every corner weight above `weightThreshold`. `meshed`, when given, receives the blocks meshed
+// so far in runs of a few dozen, as soon as each run is done: work on a block's mesh then finds
+// it still in cache.
 template <typename Grid>
 PolygonMesh extractSurfaceIncremental(
     Grid& grid, IndexSet& blocks, MeshGridType& meshes, ExtractSurfaceStats& stats,
     const typename MarchingCubes<float, typename Grid::Block>::TestVertexFunc& testVertexFunc,
-    bool copyBorders, bool useMarchingCubes2, int weightThreshold);
+    bool copyBorders, bool useMarchingCubes2, int weightThreshold,
+    const std::function<void(const IndexSet&)>& meshed = {});
 
 // Writes into `annotations` (resized to the vertex count of `mesh`) the value of `predicate` for
 // the label sample nearest to each vertex that a triangle uses, or `defaultValue` where `grid`

@@ -3,7 +3,10 @@
 #ifndef VELMORA_SOLID_SURFACE_INCREMENTALEXTRACTIONIMPL_H
 #define VELMORA_SOLID_SURFACE_INCREMENTALEXTRACTIONIMPL_H
 
+#include <algorithm>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include "solid/surface/CubeTables.h"
 #include "solid/surface/IncrementalExtraction.h"
@@ -73,12 +76,159 @@ private:
     Slot mSlots[kSlots];
 };
 
+// annotateMesh with any callable as the predicate, so that the system's own predicates inline.
+template <typename Grid, typename Predicate>
+bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& predicate,
+                      PolygonMesh::InstanceIds* annotations, SurfaceInstanceId defaultValue) {
+    const PolygonMesh::Positions& positions = mesh.positions();
+    const PolygonMesh::Indices& indices = mesh.indices();
+    if (annotations == nullptr) {
+        return false;
+    }
+    annotations->resize(positions.size());
+    AR_ASSERT(indices.size() % 3 == 0);
+    if (indices.size() < 3) {
+        return true;
+    }
+    const Vec3& inverseDimension = grid.inverseDimension();
+    const Vec3& dimension = grid.dimension();
+    const Vec3& inverseSpacing = grid.config().inverseSpacing;
+    const Index3& bounds = grid.config().bounds;
+    // A vertex shared by several triangles gets one lookup: the sample nearest to it is the same
+    // for each of them. Marching cubes creates each vertex at its first use, so the first uses
+    // are mostly 0, 1, 2, ... in order, which is recognised without a table of seen vertices.
+    std::vector<uint32_t> used;
+    uint32_t inOrder = 0;
+    bool ordered = true;
+    for (unsigned int vertexIndex : indices) {
+        if (vertexIndex > inOrder) {
+            ordered = false;
+            break;
+        }
+        inOrder += vertexIndex == inOrder ? 1 : 0;
+    }
+    if (ordered && inOrder > 0) {
+        const uint32_t vertexIndex = inOrder - 1;  // the largest index
+        AR_ASSERT(vertexIndex < positions.size());
+    }
+    if (!ordered) {
+        std::vector<bool> done(positions.size(), false);
+        for (unsigned int vertexIndex : indices) {
+            AR_ASSERT(vertexIndex < positions.size());
+            if (!done[vertexIndex]) {
+                done[vertexIndex] = true;
+                used.push_back(vertexIndex);
+            }
+        }
+    }
+    const uint32_t count = ordered ? inOrder : static_cast<uint32_t>(used.size());
+    const auto vertexAt = [&used, ordered](uint32_t i) { return ordered ? i : used[i]; };
+    // The vertices of a block mesh lie in a handful of blocks (their own and the neighbours across
+    // its upper faces), in no useful order: they are grouped by block, so that each block is found
+    // and locked once per mesh rather than at every change of block. A key is looked for among
+    // the last few groups only, so a large mesh costs a little more locking, never a quadratic
+    // search.
+    constexpr size_t kRecentBlocks = 8;
+    std::vector<KeyType> blockKeys;
+    std::vector<uint32_t> blockOf(count);
+    std::vector<uint32_t> groupSize;
+    uint32_t group = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const Vec3& p = positions[vertexAt(i)];
+        KeyType key;
+        for (int a = 0; a < 3; ++a) {
+            key[a] = floorToKey(p[a] * inverseDimension[a]);
+        }
+        // Neighbouring vertices mostly share a block.
+        if (blockKeys.empty() || !(blockKeys[group] == key)) {
+            const auto recent = blockKeys.end() - std::min(blockKeys.size(), kRecentBlocks);
+            const auto known = std::find(recent, blockKeys.end(), key);
+            group = static_cast<uint32_t>(known - blockKeys.begin());
+            if (known == blockKeys.end()) {
+                blockKeys.push_back(key);
+                groupSize.push_back(0);
+            }
+        }
+        blockOf[i] = group;
+        ++groupSize[group];
+    }
+    std::vector<uint32_t> groupStart(blockKeys.size() + 1, 0);
+    for (size_t b = 0; b < blockKeys.size(); ++b) {
+        groupStart[b + 1] = groupStart[b] + groupSize[b];
+    }
+    std::vector<uint32_t> grouped(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        grouped[groupStart[blockOf[i]]++] = vertexAt(i);
+    }
+    // The samples of a group are addressed first and fetched together: a mesh's vertices read
+    // samples scattered over blocks that are rarely in cache, and one miss at a time would make
+    // the annotation as slow as the memory.
+    std::vector<const typename Grid::SampleType*> samples;
+    uint32_t begin = 0;
+    for (size_t b = 0; b < blockKeys.size(); ++b) {
+        const KeyType& key = blockKeys[b];
+        const typename Grid::Ptr block = grid.get(key);
+        const uint32_t end = begin + groupSize[b];
+        if (!block) {
+            for (uint32_t i = begin; i < end; ++i) {
+                (*annotations)[grouped[i]] = defaultValue;
+            }
+            begin = end;
+            continue;
+        }
+        samples.clear();
+        for (uint32_t i = begin; i < end; ++i) {
+            const Vec3& p = positions[grouped[i]];
+            int sample[3];
+            for (int a = 0; a < 3; ++a) {
+                const float local = p[a] - dimension[a] * static_cast<float>(key[a]);
+                // Rounding can only leave the lattice by float error at a block face.
+                sample[a] = std::clamp(
+                    static_cast<int>(std::floor(0.5f + local * inverseSpacing[a])), 0, bounds[a]);
+            }
+            samples.push_back(&block->at(sample[0], sample[1], sample[2]));
+            __builtin_prefetch(samples.back());
+        }
+        for (uint32_t i = begin; i < end; ++i) {
+            (*annotations)[grouped[i]] = predicate(*samples[i - begin]);
+        }
+        begin = end;
+    }
+    return true;
+}
+
 // Annotates `mesh` into an id stream of its own: the grid of meshes is a copy whose streams the
 // cached grid shares, and another thread may be reading them.
 template <typename Grid, typename Predicate>
 void annotateOwnIds(PolygonMesh& mesh, const Grid& grid, const Predicate& predicate) {
     mesh.detach(PolygonMesh::INSTANCE_ID, AttributeBlock::TYPE_UINT16);
-    annotateMesh(mesh, grid, predicate, &mesh.instanceIds(), 0);
+    annotateMeshWith(mesh, grid, predicate, &mesh.instanceIds(), 0);
+}
+
+// Re-meshes `blocks` of `grid` (borders copied, threshold 0) and writes the ids of `labels` onto
+// every mesh of `meshes`: each run of re-meshed blocks as soon as it is meshed, while its meshes
+// are in cache, then the meshes that were not re-meshed.
+template <typename Grid, typename Labels, typename Instances>
+void meshAndAnnotate(
+    Grid& grid, IndexSet& blocks, MeshGridType& meshes,
+    const typename MarchingCubes<float, typename Grid::Block>::TestVertexFunc& cubeIndex,
+    const Labels& labels, const Instances& instances) {
+    auto ids = std::make_unique<GlobalIdCache<Instances>>(instances);
+    const auto predicate = [&ids](const typename Labels::SampleType& sample) {
+        return (*ids)(sample.instance);
+    };
+    const std::function<void(const IndexSet&)> annotateRun = [&](const IndexSet& run) {
+        for (const KeyType& key : run) {
+            annotateOwnIds(meshes.at(key), labels, predicate);
+        }
+    };
+    ExtractSurfaceStats stats;
+    extractSurfaceIncremental(grid, blocks, meshes, stats, cubeIndex, true, false, 0, annotateRun);
+    for (auto& entry : meshes) {
+        if (!blocks.contains(entry.first)) {
+            annotateOwnIds(entry.second, labels, predicate);
+        }
+    }
 }
 
 template <typename Instances>
@@ -88,7 +238,6 @@ void extractSurfaceForInstanceID(LabelDepthGrid& grid, const Instances& instance
     using MC = MarchingCubes<float, LabelDepthVolume>;
     IndexSet blocks =
         getBlockForSurfaceExtraction(grid, instances, updatedBlocks, instanceId, true);
-    ExtractSurfaceStats stats;
     // The cell level cut: a cell of an instance's surface lies wholly within the instance.
     const MC::TestVertexFunc cubeIndex = [&instances, instanceId](const LabelDepthVolume& volume,
                                                                   int x, int y, int z,
@@ -105,15 +254,11 @@ void extractSurfaceForInstanceID(LabelDepthGrid& grid, const Instances& instance
         }
         return index;
     };
-    extractSurfaceIncremental(grid, blocks, meshes, stats, cubeIndex, true, false, 0);
     if (annotate) {
-        auto ids = std::make_unique<GlobalIdCache<Instances>>(instances);
-        const auto predicate = [&ids](const LabelDepthVolumeSample& sample) {
-            return (*ids)(sample.instance);
-        };
-        for (auto& entry : meshes) {
-            annotateOwnIds(entry.second, grid, predicate);
-        }
+        meshAndAnnotate(grid, blocks, meshes, cubeIndex, grid, instances);
+    } else {
+        ExtractSurfaceStats stats;
+        extractSurfaceIncremental(grid, blocks, meshes, stats, cubeIndex, true, false, 0);
     }
 }
 
@@ -124,17 +269,9 @@ void extractSurfaceForInstanceID(DepthGrid& depthGrid, const LabelGrid& labelGri
     using MC = MarchingCubes<float, DepthVolume>;
     IndexSet blocks =
         getBlockForSurfaceExtraction(depthGrid, instances, updatedBlocks, instanceId, true);
-    ExtractSurfaceStats stats;
-    extractSurfaceIncremental(depthGrid, blocks, meshes, stats,
-                              MC::TestVertexFunc(MC::plainCubeIndex), true, false, 0);
     // Split mode always labels: the ids come from the label grid beside the depth grid.
-    auto ids = std::make_unique<GlobalIdCache<Instances>>(instances);
-    const auto predicate = [&ids](const LabelVolumeSample& sample) {
-        return (*ids)(sample.instance);
-    };
-    for (auto& entry : meshes) {
-        annotateOwnIds(entry.second, labelGrid, predicate);
-    }
+    meshAndAnnotate(depthGrid, blocks, meshes, MC::TestVertexFunc(MC::plainCubeIndex), labelGrid,
+                    instances);
     if (instanceId != 0) {
         for (auto& entry : meshes) {
             entry.second = filterMesh(entry.second, instanceId);

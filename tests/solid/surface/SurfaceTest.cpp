@@ -428,6 +428,75 @@ TEST_F(InstanceSurfaceTest, CombinedModeCutsCellsAndSplitModeCutsTriangles) {
     expectInstanceSurfaces(splitScene, splitInstance);
 }
 
+// The id of the label sample nearest to each vertex that a triangle uses, one index at a time;
+// 0xFFFF for a vertex no triangle uses.
+std::vector<uint16_t> plainIds(const PolygonMesh& mesh, const LabelGrid& labels,
+                               const FakeInstances& instances) {
+    const auto& positions = *mesh.findPositions();
+    std::vector<uint16_t> ids(positions.size(), 0xFFFF);
+    for (unsigned int v : *mesh.findIndices()) {
+        const Vec3& p = positions[v];
+        KeyType key;
+        int sample[3];
+        for (int a = 0; a < 3; ++a) {
+            key[a] = static_cast<int>(std::floor(p[a] * labels.inverseDimension()[a]));
+            const float local = p[a] - labels.dimension()[a] * static_cast<float>(key[a]);
+            sample[a] = std::clamp(
+                static_cast<int>(std::floor(0.5f + local * labels.config().inverseSpacing[a])), 0,
+                labels.config().bounds[a]);
+        }
+        const auto block = labels.get(key);
+        ids[v] =
+            block ? globalIdOf(instances, block->at(sample[0], sample[1], sample[2]).instance) : 0;
+    }
+    return ids;
+}
+
+TEST_F(InstanceSurfaceTest, EveryMeshCarriesTheIdsOfItsNearestSamples) {
+    const auto expectPlainIds = [this](const MeshGridType& meshes) {
+        for (const auto& entry : meshes) {
+            const PolygonMesh& mesh = entry.second;
+            const auto* ids = mesh.findInstanceIds();
+            ASSERT_NE(ids, nullptr);
+            EXPECT_EQ(std::vector<uint16_t>(ids->begin(), ids->end()),
+                      plainIds(mesh, labels, instances));
+        }
+    };
+    MeshGridType scene;
+    extractSurfaceForInstanceID(depth, labels, instances, blocks, 0, scene);
+    expectPlainIds(scene);
+    // Labels change to a checkerboard of samples, no block is re-meshed: the ids follow all the
+    // same, and a vertex that took a sample other than its nearest would show.
+    Solid::Test::writeInstances(labels, Index3(0, 0, 0), Index3(1, 1, 1), [](const Vec3& p) {
+        const long parity = std::lround(p[0] / kSpacing) + std::lround(p[1] / kSpacing) +
+                            std::lround(p[2] / kSpacing);
+        return static_cast<uint16_t>(1 + (parity & 1));
+    });
+    extractSurfaceForInstanceID(depth, labels, instances, IndexSet(), 0, scene);
+    expectPlainIds(scene);
+    // Triangles in reverse order use their vertices out of order; a vertex no triangle uses
+    // keeps its value, and annotation without a stream does nothing.
+    PolygonMesh reversed = scene.at(KeyType(0, 0, 0));
+    auto& indices = reversed.indices();
+    std::reverse(indices.begin(), indices.end());
+    reversed.positions().push_back(Vec3(0, 0, 0));
+    PolygonMesh::InstanceIds ids(reversed.positions().size());
+    std::fill(ids.begin(), ids.end(), 0xFFFF);
+    const std::function<SurfaceInstanceId(const LabelVolumeSample&)> predicate =
+        [this](const LabelVolumeSample& sample) { return globalIdOf(instances, sample.instance); };
+    ASSERT_TRUE(annotateMesh(reversed, labels, predicate, &ids, 0));
+    EXPECT_EQ(std::vector<uint16_t>(ids.begin(), ids.end()), plainIds(reversed, labels, instances));
+    EXPECT_FALSE(annotateMesh(reversed, labels, predicate, nullptr, 0));
+    // An index beyond the vertices aborts, whether the first uses are in order or not.
+    for (const unsigned int last : {2u, 3u}) {
+        PolygonMesh broken;
+        broken.positions().resize(2);
+        for (const unsigned int index : {0u, 1u, last})
+            broken.indices().push_back(index);
+        EXPECT_DEATH(annotateMesh(broken, labels, predicate, &ids, 0), "vertexIndex <");
+    }
+}
+
 TEST_F(InstanceSurfaceTest, AnUnknownInstanceAborts) {
     MeshGridType meshes;
     EXPECT_DEATH(extractSurfaceForInstanceID(depth, labels, instances, blocks, 30, meshes),
