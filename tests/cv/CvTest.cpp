@@ -179,11 +179,6 @@ std::vector<int> hullOf(const std::vector<Vec2>& points) {
     return std::vector<int>(hull.begin(), hull.end());
 }
 
-std::vector<Triangle> triangulate(const std::vector<Vec2>& points, float epsilon = 1e-6f) {
-    return PU::computeDelaunayTriangulation(
-        AR::Common::ArrayView<const Vec2>(points.data(), points.data() + points.size()), epsilon);
-}
-
 // Twice the signed area of a closed index polygon (positive counter-clockwise).
 double signedArea(const std::vector<Vec2>& points, const std::vector<size_t>& ring) {
     double area = 0.0;
@@ -257,7 +252,8 @@ TEST(DelaunayTriangulation, RandomSetsAreDelaunayAndComplete) {
         std::vector<Vec2> points;
         for (int i = 0; i < n; ++i)
             points.emplace_back(coordinate(rng), coordinate(rng));
-        const std::vector<Triangle> triangles = triangulate(points);
+        const std::vector<Triangle> triangles = PU::computeDelaunayTriangulation(
+            AR::Common::ArrayView<const Vec2>(points.data(), points.data() + points.size()), 1e-6f);
         expectDelaunay(points, triangles);
         // Euler: 2n - 2 - h triangles for n points of which h are on the hull.
         const size_t hullPoints = hullOf(points).size() - 1;

@@ -18,7 +18,6 @@ constexpr int kMaxImageEdge = 16;
 // The configuration is the host's choice of effort, so it stays ordinary (cell sizes a host would
 // use, a band of 5 to 10 cells; combined, split, and a mode the library does not know); frames
 // carry the hostility.
-constexpr float kCellSizes[] = {0.02f, 0.04f, 0.05f, 0.1f};
 constexpr int32_t kModes[] = {kModeCombined, kModeSplit, kModeSplit, 7};
 // Bytes of a pixel of each format; 1 for the formats the library does not know.
 constexpr uint32_t kBytesPerPixel[] = {2, 2, 1, 2, 3, 1};
@@ -114,12 +113,6 @@ XrPosefVLM anyPose(FuzzInput& in) {
         pose.position = {in.anyFloat(-5.0f, 5.0f), in.anyFloat(-5.0f, 5.0f),
                          in.anyFloat(-5.0f, 5.0f)};
     return pose;
-}
-
-size_t blockCount(Impl& scene) {
-    Impl::State& s = internalState(scene);
-    return (s.mVolumeGrid ? s.mVolumeGrid->size() + s.mLabelVolumeGrid->size() : 0) +
-           (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
 // One to three images: alone any format, together a depth and a label image in either order and

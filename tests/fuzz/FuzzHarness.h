@@ -24,6 +24,8 @@ void runFrameInput(const uint8_t* data, size_t size);
 void runVolumeInput(const uint8_t* data, size_t size);
 
 constexpr int kMaxFrameOperations = 24;
+// The cell sizes a run chooses from, metres.
+constexpr float kCellSizes[] = {0.02f, 0.04f, 0.05f, 0.1f};
 
 // One query of the kind and with the arguments the input chooses, checked against what it
 // promises for any argument; every kind once (getPlanes only `withPlanes`); and the instance ids
@@ -31,6 +33,8 @@ constexpr int kMaxFrameOperations = 24;
 void runQuery(Impl& scene, FuzzInput& in);
 void runEveryQuery(Impl& scene, FuzzInput& in, bool withPlanes);
 void forgetInstances();
+// The blocks of every grid of the scene.
+size_t blockCount(Impl& scene);
 
 // Silences the library's log for the life of an input (warnings would cost more than the calls);
 // assertion reports still get out, and the previous level comes back for the tests that replay

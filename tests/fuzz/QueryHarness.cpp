@@ -10,7 +10,9 @@
 #include "common/Logger.h"
 #include "fuzz/FuzzHarness.h"
 #include "fuzz/FuzzInput.h"
+#include "support/HostReads.h"
 #include "velmora/Impl.h"
+#include "velmora/ImplState.h"
 
 namespace Velmora {
 namespace Fuzz {
@@ -71,45 +73,22 @@ std::vector<UuidBytes>& knownInstances() {
 }
 
 void instances(Impl& scene) {
-    span<ObjectInstance> none{};
-    span<SubsumedLink> noLinks{};
-    XrResultVLM r = scene.getObjectInstances(none, noLinks);
-    fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getObjectInstances count call");
-    std::vector<ObjectInstance> table(none.size);
-    std::vector<SubsumedLink> links(noLinks.size);
-    span<ObjectInstance> all{table.empty() ? nullptr : table.data(), uint32_t(table.size())};
-    span<SubsumedLink> allLinks{links.empty() ? nullptr : links.data(), uint32_t(links.size())};
-    r = scene.getObjectInstances(all, allLinks);  // nothing changed since the counts
-    fuzzCheck(r == kSuccess, "getObjectInstances with the capacities it asked for");
+    const Test::InstanceReport report = Test::readInstances(scene);
+    fuzzCheck(report.result == kSuccess, "getObjectInstances with the capacities it asked for");
     knownInstances().clear();
-    for (const ObjectInstance& instance : table)
+    for (const ObjectInstance& instance : report.instances)
         knownInstances().push_back(instance.uuid);
 }
 
 void planes(Impl& scene) {
-    span<Planef> none{};
-    span<SubsumedLink> noLinks{};
-    XrResultVLM r = scene.getPlanes(none, noLinks);
-    if (r == kErrorPlanesDisabled)
+    const Test::PlaneReadout readout = Test::readPlanes(scene);
+    if (readout.result == kErrorPlanesDisabled)
         return;
-    fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getPlanes count call");
-    std::vector<Planef> table(none.size);
-    std::vector<SubsumedLink> links(noLinks.size);
-    span<Planef> all{table.empty() ? nullptr : table.data(), uint32_t(table.size())};
-    span<SubsumedLink> allLinks{links.empty() ? nullptr : links.data(), uint32_t(links.size())};
-    r = scene.getPlanes(all, allLinks);
-    fuzzCheck(r == kSuccess || r == kErrorBufferTooSmall, "getPlanes contour count call");
-    std::vector<std::vector<XrVector3fVLM>> contours(table.size());
-    for (size_t i = 0; i < table.size(); ++i) {
-        contours[i].resize(table[i].vertexCount);
-        table[i].vertices = contours[i].empty() ? nullptr : contours[i].data();
-    }
-    r = scene.getPlanes(all, allLinks);
-    fuzzCheck(r == kSuccess, "getPlanes with the capacities it asked for");
-    for (const Planef& plane : table) {
-        const float n = plane.plane[0] * plane.plane[0] + plane.plane[1] * plane.plane[1] +
-                        plane.plane[2] * plane.plane[2];
-        fuzzCheck(std::fabs(n - 1.0f) < kUnitTolerance, "plane normal not unit");
+    fuzzCheck(readout.result == kSuccess, "getPlanes with the capacities it asked for");
+    for (const Test::ReadPlane& plane : readout.planes) {
+        const float* p = plane.record.plane;
+        fuzzCheck(std::fabs(p[0] * p[0] + p[1] * p[1] + p[2] * p[2] - 1.0f) < kUnitTolerance,
+                  "plane normal not unit");
     }
 }
 
@@ -144,33 +123,18 @@ bool meshResultExpected(XrResultVLM r) {
            r == kErrorUnknownInstance;
 }
 
+// The array form; the counts of the second call are those of the first, no frame came between.
 void meshArrays(Impl& scene, FuzzInput& in) {
     const bool annotate = in.flag();
     const UuidBytes uuid = meshId(in);
     const TextureQuality quality = anyQuality(in);
-    PolygonMesh counts{};
-    XrResultVLM r = scene.extractSurface(counts, annotate, uuid, quality);
-    fuzzCheck(meshResultExpected(r), "extractSurface count call");
-    if (r != kSuccess && r != kErrorBufferTooSmall)
-        return;
-    std::vector<XrVector3fVLM> positions(counts.positionCount);
-    std::vector<uint32_t> indices(counts.indexCount);
-    std::vector<uint16_t> ids(annotate ? counts.instanceIdCount : 0);
-    std::vector<XrColor4fVLM> colours(quality.vertexColors ? counts.colorCount : 0);
-    PolygonMesh mesh{};
-    mesh.positions = positions.data();
-    mesh.positionCount = uint32_t(positions.size());
-    mesh.indices = indices.data();
-    mesh.indexCount = uint32_t(indices.size());
-    mesh.instanceIds = ids.data();
-    mesh.instanceIdCount = uint32_t(ids.size());
-    mesh.colors = colours.data();
-    mesh.colorCount = uint32_t(colours.size());
-    r = scene.extractSurface(mesh, annotate, uuid, quality);
-    fuzzCheck(r == kSuccess, "extractSurface with the capacities it asked for");
-    fuzzCheck(mesh.positionCount == positions.size() && mesh.indexCount == indices.size(),
+    const Test::HostMesh mesh = Test::readMesh(scene, uuid, annotate, quality);
+    fuzzCheck(meshResultExpected(mesh.result) && mesh.result != kErrorBufferTooSmall,
+              "extractSurface with the capacities it asked for");
+    fuzzCheck(mesh.result != kSuccess || (mesh.written.positionCount == mesh.positions.size() &&
+                                          mesh.written.indexCount == mesh.indices.size()),
               "extractSurface counts changed without a frame");
-    checkMesh(positions, indices);
+    checkMesh(mesh.positions, mesh.indices);
 }
 
 // The buffer form in one buffer per attribute, or with positions and colours interleaved in one;
@@ -291,6 +255,12 @@ void fuzzCheck(bool condition, const char* what) {
         std::fprintf(stderr, "fuzz harness: broken promise: %s\n", what);
         std::abort();
     }
+}
+
+size_t blockCount(Impl& scene) {
+    Impl::State& s = internalState(scene);
+    return (s.mVolumeGrid ? s.mVolumeGrid->size() + s.mLabelVolumeGrid->size() : 0) +
+           (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
 void forgetInstances() {

@@ -24,7 +24,6 @@ namespace Fuzz {
 
 namespace {
 
-constexpr float kCellSizes[] = {0.02f, 0.04f, 0.05f, 0.1f};
 constexpr float kTruncationCells = 5.0f;
 
 // As the reader parses: a number that runs into the end of the stream counts as cut.
@@ -122,12 +121,6 @@ std::string workDirectory() {
         return d;
     }();
     return directory;
-}
-
-size_t blockCount(Impl& scene) {
-    Impl::State& s = internalState(scene);
-    return (s.mVolumeGrid ? s.mVolumeGrid->size() + s.mLabelVolumeGrid->size() : 0) +
-           (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
 // Collision and placement aimed at the first four loaded blocks: at their centres, and down onto

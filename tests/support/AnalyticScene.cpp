@@ -199,6 +199,17 @@ Pose lookAt(const Vec3d& eye, const Vec3d& target, const Vec3d& up) {
             x[2], y[2], z[2], eye[2], 0,    0,    0,    1};
 }
 
+PinholeCamera viewFrom(const Vec3d& eye, const Vec3d& target, int width, int height, double focal) {
+    PinholeCamera camera;
+    camera.width = width;
+    camera.height = height;
+    camera.fx = camera.fy = focal;
+    camera.cx = (width - 1) / 2.0;
+    camera.cy = (height - 1) / 2.0;
+    camera.T_world_camera = lookAt(eye, target, {0, 0, 1});
+    return camera;
+}
+
 Vec3d unproject(const PinholeCamera& camera, double u, double v, double depth) {
     const double xc = (u - camera.cx) / camera.fx * depth;
     const double yc = (v - camera.cy) / camera.fy * depth;

@@ -75,6 +75,9 @@ struct PinholeCamera {
 
 // A camera at `eye` looking at `target`; `up` points roughly up in the image (camera -y).
 Pose lookAt(const Vec3d& eye, const Vec3d& target, const Vec3d& up);
+// A width x height camera (principal point in the middle) at `eye` looking at `target`, z up.
+PinholeCamera viewFrom(const Vec3d& eye, const Vec3d& target, int width = 160, int height = 120,
+                       double focal = 110.0);
 
 // The images of one view, dense rows. Depth 0 where nothing is hit within `maxRange` metres.
 struct RenderedFrame {

@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "solid/volume/LabelVolumeSample.h"
+#include "support/FieldGrid.h"
 #include "support/RenderedBlocks.h"
 
 namespace Velmora {
@@ -40,15 +41,8 @@ void writeExactBlocks(Grid& grid, const AnalyticScene& scene, float truncation,
                       const std::vector<Solid::KeyType>& keys, int votes) {
     using Sample = typename Grid::SampleType;
     for (const Solid::KeyType& key : keys) {
-        grid.ensure(key);
-        auto block = grid.get(key);
-        const Solid::Vec3 origin = grid.blockOrigin(key);
-        const Solid::Vec3& spacing = block->spacing();
-        for (uint32_t i = 0; i < block->dataSize(); ++i) {
-            const int x = i % 9, y = i / 9 % 9, z = i / 81;  // 9-cube blocks
-            const Vec3d p{origin(0) + spacing(0) * x, origin(1) + spacing(1) * y,
-                          origin(2) + spacing(2) * z};
-            Sample& sample = block->at(x, y, z);
+        Solid::Test::writeLattice(grid, key, key, [&](Sample& sample, const Solid::Vec3& at) {
+            const Vec3d p{at(0), at(1), at(2)};
             if constexpr (!std::is_same_v<Sample, Solid::LabelVolumeSample>) {
                 const double d = std::clamp(scene.signedDistance(p) / truncation, -1.0, 1.0);
                 Solid::depthPart(sample) =
@@ -58,7 +52,7 @@ void writeExactBlocks(Grid& grid, const AnalyticScene& scene, float truncation,
                 for (int v = 0; v < votes; ++v)
                     Solid::updateLabels(sample, scene.nearestLabel(p));
             }
-        }
+        });
     }
 }
 

@@ -50,15 +50,7 @@ std::vector<KeyType> surfaceBlockKeys(const RenderedDepth& view, float dimension
 
 Velmora::Test::PinholeCamera roomCamera(int width, int height, const Velmora::Test::Vec3d& eye,
                                         const Velmora::Test::Vec3d& target) {
-    Velmora::Test::PinholeCamera camera;
-    camera.width = width;
-    camera.height = height;
-    camera.fx = kFocalPerWidth * width;
-    camera.fy = camera.fx;
-    camera.cx = 0.5 * width - 0.5;
-    camera.cy = 0.5 * height - 0.5;
-    camera.T_world_camera = Velmora::Test::lookAt(eye, target, {0.0, 0.0, 1.0});
-    return camera;
+    return Velmora::Test::viewFrom(eye, target, width, height, kFocalPerWidth * width);
 }
 
 }  // namespace Test

@@ -1,5 +1,5 @@
 // Scenes created and fed as a host would: init with a config, rendered views of an analytic world
-// fused in either run mode, and the host's two calls for the instances.
+// fused in either run mode.
 #ifndef VELMORA_TESTS_SUPPORT_SCENESETUP_H
 #define VELMORA_TESTS_SUPPORT_SCENESETUP_H
 
@@ -9,21 +9,28 @@
 #include <vector>
 
 #include "support/AnalyticScene.h"
+#include "support/HostReads.h"
 #include "velmora/Impl.h"
 #include "velmora/ImplState.h"
 
 namespace Velmora {
 namespace Test {
 
-inline std::unique_ptr<Impl> makeInitialisedScene(int32_t mode, float cellSize, float truncation,
-                                                  bool labelPlanes = false) {
-    std::unique_ptr<Impl> scene(static_cast<Impl*>(newVelmora()));
+// A configuration without plane detection.
+inline Config sceneConfig(int32_t mode, float cellSize, float truncation,
+                          bool labelPlanes = false) {
     Config config{};
     config.cellSize = cellSize;
     config.truncation = truncation;
     config.mode = mode;
     config.labelPlanes = labelPlanes;
-    EXPECT_EQ(scene->init(config), kSuccess);
+    return config;
+}
+
+inline std::unique_ptr<Impl> makeInitialisedScene(int32_t mode, float cellSize, float truncation,
+                                                  bool labelPlanes = false) {
+    std::unique_ptr<Impl> scene(static_cast<Impl*>(newVelmora()));
+    EXPECT_EQ(scene->init(sceneConfig(mode, cellSize, truncation, labelPlanes)), kSuccess);
     return scene;
 }
 
@@ -44,19 +51,6 @@ inline void fuseView(IVelmora& scene, int32_t mode, const AnalyticScene& world,
     }
 }
 
-// A width x height camera (principal point in the middle) at `eye` looking at `target`, z up.
-inline PinholeCamera viewFrom(const Vec3d& eye, const Vec3d& target, int width = 160,
-                              int height = 120, double focal = 110.0) {
-    PinholeCamera camera;
-    camera.width = width;
-    camera.height = height;
-    camera.fx = camera.fy = focal;
-    camera.cx = (width - 1) / 2.0;
-    camera.cy = (height - 1) / 2.0;
-    camera.T_world_camera = lookAt(eye, target, {0, 0, 1});
-    return camera;
-}
-
 struct TrueBox {
     Vec3d min;
     Vec3d max;
@@ -70,29 +64,6 @@ inline AnalyticScene boxesOnAFloor(const std::vector<TrueBox>& boxes) {
     for (const TrueBox& box : boxes)
         scene.add(makeBox(box.min, box.max, box.label, {200, 50, 50}));
     return scene;
-}
-
-struct InstanceReport {
-    XrResultVLM result = 0;
-    std::vector<ObjectInstance> instances;
-    std::vector<SubsumedLink> links;
-};
-
-// The host's two calls: counts, then the arrays.
-inline InstanceReport readInstances(IVelmora& scene) {
-    InstanceReport report;
-    span<ObjectInstance> instances{};
-    span<SubsumedLink> links{};
-    report.result = scene.getObjectInstances(instances, links);
-    if (report.result != kErrorBufferTooSmall) {
-        return report;
-    }
-    report.instances.resize(instances.size);
-    report.links.resize(links.size);
-    instances.data = report.instances.data();
-    links.data = report.links.data();
-    report.result = scene.getObjectInstances(instances, links);
-    return report;
 }
 
 }  // namespace Test

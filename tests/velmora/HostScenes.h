@@ -59,75 +59,25 @@ inline size_t blockCount(Impl& scene) {
            (s.mLabelDepthVolumeGrid ? s.mLabelDepthVolumeGrid->size() : 0);
 }
 
-// A host's mesh in the array form: counts, then arrays.
-struct HostMesh {
-    XrResultVLM result = 0;
-    std::vector<XrVector3fVLM> positions;
-    std::vector<uint32_t> indices;
-    std::vector<uint16_t> ids;
-};
-
-inline HostMesh readMesh(IVelmora& scene, const UuidBytes& uuid) {
-    HostMesh out;
-    PolygonMesh mesh{};
-    out.result = scene.extractSurface(mesh, true, uuid, TextureQuality{});
-    if (out.result == kErrorBufferTooSmall) {
-        out.positions.resize(mesh.positionCount);
-        out.indices.resize(mesh.indexCount);
-        out.ids.resize(mesh.instanceIdCount);
-        mesh.positions = out.positions.data();
-        mesh.indices = out.indices.data();
-        mesh.instanceIds = out.ids.data();
-        out.result = scene.extractSurface(mesh, true, uuid, TextureQuality{});
+// `f` of the depth grid of the mode: the split mode's or the combined one.
+template <typename F>
+void withDepthGrid(Impl& scene, F&& f) {
+    Impl::State& s = internalState(scene);
+    if (s.mVolumeGrid) {
+        f(*s.mVolumeGrid);
+    } else {
+        f(*s.mLabelDepthVolumeGrid);
     }
-    return out;
 }
 
 inline Config planeConfig(int32_t mode, float cellSize, bool detectPlanes = true) {
-    Config config{};
-    config.cellSize = cellSize;
-    config.truncation = 5 * cellSize;
-    config.mode = mode;
+    Config config = sceneConfig(mode, cellSize, 5 * cellSize, true);
     config.detectPlanes = detectPlanes;
     config.planeMaxStdError = 0.01f;
     config.planeMaxAngle = 0.1f;
     config.planeSolverIterations = 5;
     config.planeContourAlpha = 0.0f;
-    config.labelPlanes = true;
     return config;
-}
-
-struct ReadPlane {
-    Planef record;
-    std::vector<XrVector3fVLM> contour;
-};
-
-struct PlaneReadout {
-    std::vector<ReadPlane> planes;
-    std::vector<SubsumedLink> links;
-};
-
-// The host's three calls: counts, then records and links, then the contours.
-inline PlaneReadout readPlanes(IVelmora& scene) {
-    PlaneReadout out;
-    span<Planef> planes{nullptr, 0};
-    span<SubsumedLink> links{nullptr, 0};
-    if (scene.getPlanes(planes, links) != kErrorBufferTooSmall)
-        return out;
-    std::vector<Planef> records(planes.size, Planef{});
-    out.links.resize(links.size);
-    planes.data = records.data();
-    links.data = out.links.data();
-    EXPECT_EQ(scene.getPlanes(planes, links), kErrorBufferTooSmall);
-    std::vector<std::vector<XrVector3fVLM>> contours(records.size());
-    for (size_t i = 0; i < records.size(); ++i) {
-        contours[i].resize(records[i].vertexCount);
-        records[i].vertices = contours[i].data();
-    }
-    EXPECT_EQ(scene.getPlanes(planes, links), kSuccess);
-    for (size_t i = 0; i < records.size(); ++i)
-        out.planes.push_back({records[i], contours[i]});
-    return out;
 }
 
 // The lines the logger hands out while the object lives.

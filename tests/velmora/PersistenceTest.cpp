@@ -37,9 +37,7 @@ struct TempDir {
 PinholeCamera viewOfRoom(int view) {
     const Vec3d eyes[] = {{2.0, 1.5, 1.2}, {1.0, 1.0, 1.5}, {3.0, 2.0, 1.0}};
     const Vec3d targets[] = {{4.0, 1.5, 0.8}, {0.0, 3.0, 0.5}, {2.0, 0.0, 0.0}};
-    PinholeCamera camera;
-    camera.T_world_camera = lookAt(eyes[view], targets[view], {0, 0, 1});
-    return camera;
+    return viewFrom(eyes[view], targets[view], 64, 48, 50.0);
 }
 
 // A scene of the mode with `views` views of the room fused: depth alone in split mode, depth with
@@ -49,17 +47,6 @@ std::unique_ptr<Impl> fusedRoom(int32_t mode, int views) {
     for (int view = 0; view < views; ++view)
         fuseView(*scene, mode, room(), viewOfRoom(view), false);
     return scene;
-}
-
-// The depth grid of the mode: the split mode's or the combined one.
-template <typename F>
-void withDepthGrid(Impl& scene, F&& f) {
-    Impl::State& s = internalState(scene);
-    if (s.mVolumeGrid) {
-        f(*s.mVolumeGrid);
-    } else {
-        f(*s.mLabelDepthVolumeGrid);
-    }
 }
 
 void expectSameDepth(Impl& a, Impl& b) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <tuple>
 
+#include "math/Pose.h"
 #include "math/SolidTypes.h"
 #include "support/SceneSetup.h"
 #include "velmora/Velmora.h"
@@ -146,11 +147,8 @@ TEST_P(Placement, OnAFloorAndOnAWall) {
         ASSERT_EQ(info.result, 1);
         const XrVector3fVLM& p = info.poseLocalToWorld.position;
         const XrQuaternionfVLM& q = info.poseLocalToWorld.orientation;
-        // Columns 1 and 2 of the rotation of q.
-        const Solid::Vec3 y(2 * (q.x * q.y - q.z * q.w), 1 - 2 * (q.x * q.x + q.z * q.z),
-                            2 * (q.y * q.z + q.x * q.w));
-        const Solid::Vec3 z(2 * (q.x * q.z + q.y * q.w), 2 * (q.y * q.z - q.x * q.w),
-                            1 - 2 * (q.x * q.x + q.y * q.y));
+        const auto R = AR::Math::quaternionToRotation(q.x, q.y, q.z, q.w);
+        const Solid::Vec3 y = R.col(1), z = R.col(2);
         // Normals from a fused, quantised field are within a few degrees of the true ones.
         EXPECT_LT(AR::Math::norm(y - c.normal) + AR::Math::norm(z - c.z), 0.1f);
         EXPECT_EQ(info.label, c.label);

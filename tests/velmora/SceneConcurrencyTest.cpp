@@ -31,31 +31,8 @@ struct Answers {
 // instances, and the first instance's mesh in the buffer form (it may have merged into another
 // since it was listed); collision and placement in front of a wall.
 void readEverything(IVelmora& scene, Answers& answers, float offset) {
-    span<Planef> planes{nullptr, 0};
-    span<SubsumedLink> links{nullptr, 0};
-    XrResultVLM result = scene.getPlanes(planes, links);
-    answers.expect(result);
-    std::vector<Planef> records(planes.size, Planef{});
-    std::vector<SubsumedLink> table(links.size);
-    std::vector<std::vector<XrVector3fVLM>> contours(records.size());
-    for (int call = 0; call < 2 && result == kErrorBufferTooSmall; ++call) {
-        planes = {records.data(), uint32_t(records.size())};
-        links = {table.data(), uint32_t(table.size())};
-        answers.expect(scene.getPlanes(planes, links));
-        for (size_t i = 0; i < records.size() && i < planes.size; ++i) {
-            contours[i].resize(records[i].vertexCount);
-            records[i].vertices = contours[i].data();
-        }
-    }
-    PolygonMesh mesh{};
-    answers.expect(scene.extractSurface(mesh, true, UuidBytes{}, TextureQuality{}));
-    std::vector<XrVector3fVLM> positions(mesh.positionCount);
-    std::vector<uint32_t> indices(mesh.indexCount);
-    std::vector<uint16_t> ids(mesh.instanceIdCount);
-    mesh.positions = positions.data();
-    mesh.indices = indices.data();
-    mesh.instanceIds = ids.data();
-    answers.expect(scene.extractSurface(mesh, true, UuidBytes{}, TextureQuality{}));
+    answers.expect(readPlanes(scene).result);
+    answers.expect(readMesh(scene, UuidBytes{}).result);
 
     std::vector<ObjectInstance> found(16);
     std::vector<SubsumedLink> instanceLinks(256);

@@ -12,14 +12,7 @@ namespace {
 
 using Test::CapturedLog;
 using Test::planeConfig;
-
-Config makeConfig(float cellSize, float truncation, int32_t mode) {
-    Config config{};
-    config.cellSize = cellSize;
-    config.truncation = truncation;
-    config.mode = mode;
-    return config;
-}
+using Test::sceneConfig;
 
 // The text is fixed and needs no init; the pointer stays valid for the life of the object; the
 // call logs once at the default level and not below it.
@@ -35,7 +28,7 @@ TEST(SceneLifecycle, VersionTextIsExactNeedsNoInitAndLogsAtTheDefaultLevel) {
         AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::kDefaultLevel);
         EXPECT_EQ(log.lines, std::vector<std::string>{"AR DEBUG: Impl::getVersion()\n"});
     }
-    ASSERT_EQ(scene->init(makeConfig(0.02f, 0.1f, 1)), kSuccess);
+    ASSERT_EQ(scene->init(sceneConfig(1, 0.02f, 0.1f)), kSuccess);
     EXPECT_EQ(scene->getVersion(), version);
 }
 
@@ -54,17 +47,17 @@ TEST(SceneLifecycle, InitChecksConfigInOrderAndChangesNothingOnFailure) {
     for (int32_t mode : {0, 1, 7}) {
         std::unique_ptr<IVelmora> scene(newVelmora());
         for (const auto& c : cases)
-            EXPECT_EQ(scene->init(makeConfig(c.cellSize, c.truncation, mode)), c.result)
+            EXPECT_EQ(scene->init(sceneConfig(mode, c.cellSize, c.truncation)), c.result)
                 << c.cellSize << " " << c.truncation;
         span<ObjectInstance> instances{};
         span<SubsumedLink> links{};
         EXPECT_EQ(scene->getObjectInstances(instances, links), kErrorNotInitialized);
-        EXPECT_EQ(scene->init(makeConfig(0.02f, fiveCells, mode)), kSuccess);
-        EXPECT_EQ(scene->init(makeConfig(0.0f, 0.0f, mode)), kErrorAlreadyInitialized);
+        EXPECT_EQ(scene->init(sceneConfig(mode, 0.02f, fiveCells)), kSuccess);
+        EXPECT_EQ(scene->init(sceneConfig(mode, 0.0f, 0.0f)), kErrorAlreadyInitialized);
     }
     // A mode without grids: saving writes nothing and still reports success.
     Impl unknownMode;
-    ASSERT_EQ(unknownMode.init(makeConfig(0.02f, 0.1f, 7)), kSuccess);
+    ASSERT_EQ(unknownMode.init(sceneConfig(7, 0.02f, 0.1f)), kSuccess);
     EXPECT_EQ(unknownMode.saveVolumes("/nonexistent-dir/never"), 1);
 }
 
@@ -117,7 +110,7 @@ TEST(SceneLifecycle, OperationsBeforeInitAndWithoutTheirFeature) {
     EXPECT_EQ(scene.saveVolumes("never-written"), 0);
     EXPECT_EQ(scene.loadVolumes("never-read"), 0);
 
-    ASSERT_EQ(scene.init(makeConfig(0.02f, 0.1f, 1)), kSuccess);
+    ASSERT_EQ(scene.init(sceneConfig(1, 0.02f, 0.1f)), kSuccess);
     EXPECT_EQ(scene.getPlanes(planes, links), kErrorPlanesDisabled);
     EXPECT_EQ(place({0, 0, 0}), kErrorDirectionZero);
     Impl withPlanes;

@@ -177,16 +177,12 @@ TEST(SubmitImagesFusion, RoomMatchesTrueDistanceInBothModes) {
         auto scene = makeScene(mode);
         for (int f = 0; f < 4; ++f)
             fuseView(*scene, mode, room(), roomCamera(1.5 * f), false);
+        withDepthGrid(*scene, [](const auto& grid) {
+            EXPECT_GT(checkAgainstTruth(grid, room()), 1000);
+            Solid::KeyType key;  // behind a wall, beyond the band:
+            EXPECT_EQ(grid.value(Solid::Vec3(-0.6f, 1.5f, 1.0f), key), -2.0f);
+        });
         Impl::State& s = internalState(*scene);
-        Solid::KeyType key;
-        const Solid::Vec3 behind(-0.6f, 1.5f, 1.0f);  // behind a wall, beyond the band
-        if (mode == kModeSplit) {
-            EXPECT_GT(checkAgainstTruth(*s.mVolumeGrid, room()), 1000);
-            EXPECT_EQ(s.mVolumeGrid->value(behind, key), -2.0f);
-        } else {
-            EXPECT_GT(checkAgainstTruth(*s.mLabelDepthVolumeGrid, room()), 1000);
-            EXPECT_EQ(s.mLabelDepthVolumeGrid->value(behind, key), -2.0f);
-        }
         // The changed blocks reach all three consumers, and the label queue in split mode.
         const size_t blocks = blockCount(*scene);
         EXPECT_EQ(s.mSurfaces.updatedBlocks.size(), blocks);

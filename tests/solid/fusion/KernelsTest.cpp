@@ -127,20 +127,12 @@ TEST(ReferenceIntegrationDeathTest, PreconditionsAbort) {
     EXPECT_DEATH(integrate(block.volume, frame.frame, T, kRamp, kMaxWeight, 1, 0.0f), "numPixels");
 }
 
-struct LabelScene {
-    explicit LabelScene(float depth, unsigned char label)
-        : depthPixels(kWidth * kHeight, depth), labelPixels(kWidth * kHeight, label) {
-        const AR::CV::Size2i size(kWidth, kHeight);
-        depthFrame.depth.set(depthPixels.data(), size, size, false);
-        labelFrame.labels.set(labelPixels.data(), size, size, false);
-        for (Matrix4* m : {&depthFrame.projection, &labelFrame.projection}) {
-            (*m)(0, 0) = (*m)(1, 1) = kFocal;
-            (*m)(0, 2) = (*m)(1, 2) = kCentre;
-        }
+// A wall frame whose labels are also a frame of their own, with the same camera.
+struct LabelScene : OwnedFrame {
+    LabelScene(float depth, unsigned char label) : OwnedFrame(makeFrame(depth, label)) {
+        labelFrame.projection = frame.projection;
+        labelFrame.labels = frame.labels;
     }
-    std::vector<float> depthPixels;
-    std::vector<unsigned char> labelPixels;
-    DepthFrame depthFrame;
     LabelFrame labelFrame;
 };
 
@@ -150,23 +142,23 @@ TEST(LabelIntegration, DepthMapBandIsStrictAndInMetres) {
     TestBlock<LabelVolumeSample> block;
     IntegrateVolumeStats stats;
     // 2 cm band: z = 0 sits on the surface; z = 1 is 2 cm (times c0 > 1) away and does not vote.
-    integrateLabelsWithDepthMap(block.volume, scene.labelFrame, scene.depthFrame, 0.1f, 1, 0.02f,
+    integrateLabelsWithDepthMap(block.volume, scene.labelFrame, scene.frame, 0.1f, 1, 0.02f,
                                 Vec3(0, 0, 0), &stats);
     EXPECT_EQ(block.volume.at(0, 0, 0).labels[6], 1);
     EXPECT_EQ(block.volume.at(0, 0, 1).labels[6], 0);
     EXPECT_GT(stats.votes, 0u);
     // Band 0: sqrt(3) times the spacing, 3.46 cm: z = 1 votes now, z = 2 (4 cm) not.
     TestBlock<LabelVolumeSample> wide;
-    integrateLabelsWithDepthMap(wide.volume, scene.labelFrame, scene.depthFrame, 0.1f, 1, 0.0f,
+    integrateLabelsWithDepthMap(wide.volume, scene.labelFrame, scene.frame, 0.1f, 1, 0.0f,
                                 Vec3(0, 0, 0), nullptr);
     EXPECT_EQ(wide.volume.at(0, 0, 1).labels[6], 1);
     EXPECT_EQ(wide.volume.at(0, 0, 2).labels[6], 0);
     // The border planes are never visited.
     EXPECT_EQ(wide.volume.at(8, 0, 0).labels[6], 0);
     // A hole in the depth image means no vote, however near the sample is.
-    std::fill(scene.depthPixels.begin(), scene.depthPixels.end(), 0.0f);
+    std::fill(scene.depth.begin(), scene.depth.end(), 0.0f);
     TestBlock<LabelVolumeSample> none;
-    integrateLabelsWithDepthMap(none.volume, scene.labelFrame, scene.depthFrame, 0.1f, 1, 0.02f,
+    integrateLabelsWithDepthMap(none.volume, scene.labelFrame, scene.frame, 0.1f, 1, 0.02f,
                                 Vec3(0, 0, 0), nullptr);
     EXPECT_EQ(none.volume.at(0, 0, 0).labels[6], 0);
 }
@@ -211,7 +203,7 @@ TEST(LabelIntegrationDeathTest, DepthGridBandTheGridLevelLoopAndWhatAborts) {
 
     // Empty labels, or a block that does not exist, abort.
     TestBlock<LabelVolumeSample> block;
-    EXPECT_DEATH(integrateLabelsWithDepthMap(block.volume, LabelFrame(), scene.depthFrame, 0.1f, 1,
+    EXPECT_DEATH(integrateLabelsWithDepthMap(block.volume, LabelFrame(), scene.frame, 0.1f, 1,
                                              0.02f, Vec3(0, 0, 0), nullptr),
                  "labels.numPixels");
     blocks.insert(KeyType(1, 2, 3));

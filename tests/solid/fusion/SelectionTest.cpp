@@ -14,6 +14,7 @@
 #include "solid/fusion/BlockSelection.h"
 #include "solid/fusion/BorderCopy.h"
 #include "support/FusedGrid.h"
+#include "support/RenderedBlocks.h"
 #include "support/TestBlock.h"
 
 namespace Solid {
@@ -280,8 +281,8 @@ protected:
     void SetUp() override {
         Velmora::Test::configureGrid(grid, GetParam().cellSize);
         // Some blocks exist, seen from nearer than the frames below, for the distance filter.
-        PinholeCamera near;
-        near.T_world_camera = Velmora::Test::lookAt({1.0, 1.0, 1.2}, {3.0, 2.0, 0.8}, {0, 0, 1});
+        const PinholeCamera near =
+            Velmora::Test::viewFrom({1.0, 1.0, 1.2}, {3.0, 2.0, 0.8}, 64, 48, 50.0);
         Velmora::Test::fuseView(grid, room(), near, 5.0f * GetParam().cellSize);
     }
 
@@ -333,13 +334,7 @@ TEST_P(HitSearch, RunsGiveTheMapOfOnePixelAtATime) {
         const double a = angle(random);
         camera.T_world_camera = Velmora::Test::lookAt(
             {2.0 - std::cos(a), 1.5 - 0.6 * std::sin(a), 1.4}, {2.0, 1.5, 0.6}, {0, 0, 1});
-        const auto rendered = Velmora::Test::render(room(), camera);
-        DepthFrame frame;
-        Velmora::Test::setUpFrame(frame, camera);
-        for (int y = 0; y < camera.height; ++y)
-            for (int x = 0; x < camera.width; ++x)
-                frame.depth(x, y) = rendered.depthMetres[static_cast<size_t>(y) * camera.width + x];
-        expectSameSearch(frame);
+        expectSameSearch(Solid::Test::RenderedDepth(room(), camera).frame);
     }
     // Random depths (a fifth of them missing) from cameras around the origin, so that points
     // fall at negative coordinates. In every second trial the intrinsics, shifts and depths are

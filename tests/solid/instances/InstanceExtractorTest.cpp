@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "solid/instances/InstanceExtractor.h"
+#include "support/FieldGrid.h"
 
 namespace Solid {
 namespace {
@@ -24,20 +25,12 @@ struct PaintedGrid {
     // world position gives a border sample the votes of the neighbour's sample it shares.
     void paint(const Index3& from, const Index3& to, const Vec3& lo, const Vec3& hi, uint8_t label,
                uint8_t votes = 1) {
-        for (int bz = from[2]; bz <= to[2]; ++bz)
-            for (int by = from[1]; by <= to[1]; ++by)
-                for (int bx = from[0]; bx <= to[0]; ++bx) {
-                    grid.ensure(Index3(bx, by, bz));
-                    auto block = grid.get(Index3(bx, by, bz));
-                    for (int s = 0; s < 729; ++s) {
-                        const Vec3 p = grid.blockOrigin(Index3(bx, by, bz)) +
-                                       Vec3(s % 9, s / 9 % 9, s / 81) * kCell;
-                        bool inside = true;
-                        for (int a = 0; a < 3; ++a)
-                            inside = inside && p[a] >= lo[a] - 1e-4f && p[a] <= hi[a] + 1e-4f;
-                        block->data()[s].labels[label] += inside ? votes : 0;
-                    }
-                }
+        Test::writeLattice(grid, from, to, [&](auto& sample, const Vec3& p) {
+            bool inside = true;
+            for (int a = 0; a < 3; ++a)
+                inside = inside && p[a] >= lo[a] - 1e-4f && p[a] <= hi[a] + 1e-4f;
+            sample.labels[label] += inside ? votes : 0;
+        });
     }
     // A rod of `label` along x through the blocks bx0..bx1 of row (y, z) = (0, 0).
     void rod(int bx0, int bx1, uint8_t label, uint8_t votes = 1) {

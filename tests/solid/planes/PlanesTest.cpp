@@ -37,6 +37,15 @@ bool matches(const PlaneDetector::Node& node, const TruePlane& truth) {
            std::abs(node.plane.getDepth() - truth.offset) < 0.02f;
 }
 
+// The roots of `detector` that stand for `truth`.
+std::vector<PlaneID> rootsOf(const PlaneDetector& detector, const TruePlane& truth) {
+    std::vector<PlaneID> found;
+    for (const PlaneID id : detector.getRootIDs())
+        if (matches(detector.getNode(id), truth))
+            found.push_back(id);
+    return found;
+}
+
 // Blocks x0..x1, y0..y1 of the layer z = 0 filled with the exact distances of `scene`.
 template <typename Grid>
 Solid::IndexSet exactLayer(Grid& grid, const AnalyticScene& scene, int x0, int x1, int y0, int y1) {
@@ -79,11 +88,10 @@ TYPED_TEST(BlockPlaneFit, ReweightingBeatsLeastSquaresAndBlocksWithoutAPlaneLose
         ASSERT_NE(detectors[robust]->getNodeID(key), PlaneDetector::INVALID);
         fits[robust] = &detectors[robust]->getNode(detectors[robust]->getNodeID(key));
     }
-    const Vec3 up(0.f, 0.f, 1.f);
-    const float robustAngle =
-        std::acos(std::min(1.0f, AR::Math::dot(fits[1]->plane.getNormal(), up)));
-    const float plainAngle =
-        std::acos(std::min(1.0f, AR::Math::dot(fits[0]->plane.getNormal(), up)));
+    const auto angleToUp = [](const PlaneDetector::Node* fit) {
+        return std::acos(std::min(1.0f, fit->plane.getNormal()(2)));
+    };
+    const float robustAngle = angleToUp(fits[1]), plainAngle = angleToUp(fits[0]);
     EXPECT_LT(robustAngle, 0.02f);
     EXPECT_NEAR(fits[1]->plane.getDepth(), -0.1f, 0.005f);
     EXPECT_LT(robustAngle, 0.5f * plainAngle);
@@ -161,14 +169,6 @@ protected:
         roots = detector.mergePlanes(allBlocks);
     }
 
-    std::vector<PlaneID> rootsOf(const TruePlane& truth) const {
-        std::vector<PlaneID> found;
-        for (const PlaneID id : detector.getRootIDs())
-            if (matches(detector.getNode(id), truth))
-                found.push_back(id);
-        return found;
-    }
-
     // Every leaf ends at a valid root or is alone; a root holds the sums of its blocks.
     void expectConsistent() const {
         size_t leaves = 0;
@@ -207,13 +207,13 @@ const TruePlane kRoomPlanes[] = {
 
 TEST_F(PlaneForest, EachPlaneOfTheRoomIsOneRootAndRemovalsKeepTheForestConsistent) {
     for (const TruePlane& truth : kRoomPlanes)
-        EXPECT_EQ(rootsOf(truth).size(), 1u) << truth.offset;
+        EXPECT_EQ(rootsOf(detector, truth).size(), 1u) << truth.offset;
     // Every root of this first update is new.
     EXPECT_EQ(roots.size(), detector.getRootIDs().size());
     expectConsistent();
 
     // Removing the table's blocks shrinks its root, solved again, and finally kills it.
-    const PlaneID tableRoot = rootsOf(kRoomPlanes[5]).at(0);
+    const PlaneID tableRoot = rootsOf(detector, kRoomPlanes[5]).at(0);
     std::vector<Solid::KeyType> blocks(detector.getNode(tableRoot).blocks.begin(),
                                        detector.getNode(tableRoot).blocks.end());
     ASSERT_GE(blocks.size(), 3u);
@@ -244,10 +244,7 @@ TEST(PlaneMerging, ALowBoxTopStaysApartFromTheFloor) {
     detector.configure(kTruncation, kMaxStdError, kMaxAngle, kIterations, 0.0f);
     detector.fitPlanes(grid, blocks);
     detector.mergePlanes(blocks);
-    std::vector<PlaneID> floorRoots;
-    for (const PlaneID id : detector.getRootIDs())
-        if (matches(detector.getNode(id), {Vec3(0.f, 0.f, 1.f), -0.1f}))
-            floorRoots.push_back(id);
+    const std::vector<PlaneID> floorRoots = rootsOf(detector, {Vec3(0.f, 0.f, 1.f), -0.1f});
     ASSERT_EQ(floorRoots.size(), 1u);
     size_t boxTopLeaves = 0;
     for (PlaneID id = 1; id < detector.numCreatedNodes(); ++id) {

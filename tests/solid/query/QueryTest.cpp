@@ -12,9 +12,11 @@
 #include <vector>
 
 #include "math/MatrixFunctions.h"
+#include "math/Pose.h"
 #include "solid/query/CollisionDetection.h"
 #include "solid/query/Placement.h"
 #include "solid/query/Raycast.h"
+#include "support/FieldGrid.h"
 #include "support/FusedGrid.h"
 
 namespace Solid {
@@ -43,10 +45,14 @@ AnalyticScene wallScene() {
     return scene;
 }
 
+// A camera of f = 50 pixels at `eye` looking at `target`.
+PinholeCamera view(const Velmora::Test::Vec3d& eye, const Velmora::Test::Vec3d& target,
+                   int width = 64, int height = 48) {
+    return Velmora::Test::viewFrom(eye, target, width, height, 50.0);
+}
+
 PinholeCamera wallCamera() {
-    PinholeCamera camera;
-    camera.T_world_camera = Velmora::Test::lookAt({0.8, 1.0, 1.0}, {2.0, 1.0, 1.0}, {0, 0, 1});
-    return camera;
+    return view({0.8, 1.0, 1.0}, {2.0, 1.0, 1.0});
 }
 
 template <typename Grid>
@@ -261,20 +267,14 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
     for (const float cell : {0.02f, 0.01f}) {
         TypeParam grid;
         Velmora::Test::configureGrid(grid, cell);
-        for (size_t v = 0; v + 1 < views.size(); ++v) {
-            PinholeCamera camera;
-            camera.T_world_camera = Velmora::Test::lookAt(views[v][0], views[v][1], {0, 0, 1});
-            Velmora::Test::fuseView(grid, room, camera, 5.0f * cell);
-        }
+        for (size_t v = 0; v + 1 < views.size(); ++v)
+            Velmora::Test::fuseView(grid, room, view(views[v][0], views[v][1]), 5.0f * cell);
         if (cell == 0.01f) {
             // A block far away makes the renderer's table copy hashed rather than dense.
             ASSERT_TRUE(grid.ensure(KeyType(-5000, 40, 3000)));
         }
-        for (const Eye& view : views) {
-            PinholeCamera camera;
-            camera.width = 81;
-            camera.height = 61;
-            camera.T_world_camera = Velmora::Test::lookAt(view[0], view[1], {0, 0, 1});
+        for (const Eye& eye : views) {
+            const PinholeCamera camera = view(eye[0], eye[1], 81, 61);
             IntegrationStats stats;
             EXPECT_GT(renderBothWays(grid, camera, true, stats), 0);
             // A coarse first step defers no reads until the march has switched to the fine one.
@@ -293,12 +293,8 @@ TYPED_TEST(RaycastGrids, CrossingJustPastABlockFaceGivesThePlainDepths) {
                                          {200, 200, 200}));
         TypeParam grid;
         Velmora::Test::configureGrid(grid, kSpacing);
-        for (const double y : {1.0, 0.6}) {
-            PinholeCamera camera;
-            camera.T_world_camera =
-                Velmora::Test::lookAt({0.8, y, 1.0}, {2.0, 1.0, 1.0}, {0, 0, 1});
-            Velmora::Test::fuseView(grid, scene, camera, kTruncation);
-        }
+        for (const double y : {1.0, 0.6})
+            Velmora::Test::fuseView(grid, scene, view({0.8, y, 1.0}, {2.0, 1.0, 1.0}), kTruncation);
         PinholeCamera camera = wallCamera();
         camera.width = 81;
         camera.height = 61;
@@ -325,6 +321,13 @@ constexpr float kDimension = 8 * kSpacing;  // block edge, metres
 constexpr short kFree = kMaxDepthValue;     // +1.0, in front of the band
 constexpr short kSolid = -kMaxDepthValue;
 
+// Every sample of block `key` set to `sample`, creating the block.
+void fillBlock(DepthGrid& grid, const KeyType& key, const Vec2S& sample) {
+    grid.ensure(key);
+    auto block = grid.get(key);
+    std::fill(block->data(), block->data() + block->dataSize(), sample);
+}
+
 // One ray along the x axis on the sample row y = z = 0, so that each read blends two samples of
 // that row: a block of free space with one unobserved sample off the row, a missing block, then
 // a block whose row holds +0.05 for three samples and -1.0 beyond, and whose other samples are
@@ -333,19 +336,12 @@ constexpr short kSolid = -kMaxDepthValue;
 TEST(RaycastBound, CrossingAfterAGapTakesTheReadsJustBeforeIt) {
     DepthGrid grid;
     Velmora::Test::configureGrid(grid, kSpacing);
-    {  // the block pointers hold their blocks' locks
-        grid.ensure(KeyType(0, 0, 0));
-        auto freeBlock = grid.get(KeyType(0, 0, 0));
-        for (uint32_t i = 0; i < freeBlock->dataSize(); ++i)
-            freeBlock->data()[i] = Vec2S(kFree, short{1});
-        freeBlock->at(8, 8, 8) = Vec2S(kFree, short{0});
-        grid.ensure(KeyType(2, 0, 0));
-        auto crossing = grid.get(KeyType(2, 0, 0));
-        for (uint32_t i = 0; i < crossing->dataSize(); ++i)
-            crossing->data()[i] = Vec2S(0, short{0});
-        for (int x = 0; x < 9; ++x)
-            crossing->at(x, 0, 0) = Vec2S(x < 3 ? short{kFree / 20} : kSolid, short{1});
-    }
+    fillBlock(grid, KeyType(0, 0, 0), Vec2S(kFree, short{1}));
+    grid.get(KeyType(0, 0, 0))->at(8, 8, 8) = Vec2S(kFree, short{0});
+    fillBlock(grid, KeyType(2, 0, 0), Vec2S(0, short{0}));
+    for (int x = 0; x < 9; ++x)
+        grid.get(KeyType(2, 0, 0))->at(x, 0, 0) =
+            Vec2S(x < 3 ? short{kFree / 20} : kSolid, short{1});
     PinholeCamera camera;
     camera.width = camera.height = 1;
     camera.fx = camera.fy = 1.0;
@@ -364,12 +360,7 @@ protected:
         grid.get(key)->at(i(0), i(1), i(2)) = Vec2S(value, weight);
     }
     // A block whose every sample has been seen and lies in free space.
-    void addFree(const KeyType& key) {
-        grid.ensure(key);
-        auto block = grid.get(key);
-        for (uint32_t i = 0; i < block->dataSize(); ++i)
-            block->data()[i] = Vec2S(kFree, short{1});
-    }
+    void addFree(const KeyType& key) { fillBlock(grid, key, Vec2S(kFree, short{1})); }
     static Vec3 at(const KeyType& key, const Index3& i) {
         return Vec3(kDimension * key(0) + kSpacing * i(0), kDimension * key(1) + kSpacing * i(1),
                     kDimension * key(2) + kSpacing * i(2));
@@ -486,26 +477,11 @@ TEST_F(Collision, ClearanceWithinAndAcrossBlocks) {
     expectClearance(Vec3(std::nanf(""), 0.0f, 0.0f), 1.0f, 1.0f, -1.0f);
 }
 
-// Fills block (0, 0, 0) with observed samples of value f(x, y, z) (lattice indices).
-template <typename Grid, typename F>
-void fillField(Grid& grid, F f) {
+// Block (0, 0, 0) holding the observed field sdf(p) / kTruncation.
+template <typename Grid, typename Sdf>
+void fillField(Grid& grid, Sdf sdf) {
     Velmora::Test::configureGrid(grid, kSpacing);
-    grid.ensure(KeyType(0, 0, 0));
-    auto block = grid.get(KeyType(0, 0, 0));
-    for (int i = 0; i < 729; ++i) {
-        const float v = std::max(-1.0f, std::min(1.0f, f(i % 9, i / 9 % 9, i / 81)));
-        depthPart(block->at(i % 9, i / 9 % 9, i / 81)) =
-            Vec2S(static_cast<short>(std::lround(v * kMaxDepthValue)), short{1});
-    }
-}
-
-// Axis `a` of the local frame in world coordinates.
-Vec3 localAxis(const Vec4& q, int a) {
-    const float x = q(0), y = q(1), z = q(2), w = q(3);
-    const float R[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
-                           {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
-                           {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
-    return Vec3(R[0][a], R[1][a], R[2][a]);
+    Test::writeField(grid, Index3(0, 0, 0), Index3(0, 0, 0), kTruncation, 1, sdf);
 }
 
 void expectNear(const Vec3& actual, const Vec3& expected) {
@@ -520,7 +496,7 @@ TYPED_TEST_SUITE(PlacementGrids, DepthGrids);
 TYPED_TEST(PlacementGrids, FrameFromReferenceDirectionOnAFloor) {
     // A floor at lattice y = 4 (0.08 m), free space above it.
     TypeParam grid;
-    fillField(grid, [](int, int y, int) { return 0.2f * (y - 4); });
+    fillField(grid, [](const Vec3& p) { return p(1) - 0.08f; });
     const Vec3 start(0.08f, 0.15f, 0.08f);
     const Vec3 down(0.0f, -1.0f, 0.0f);
 
@@ -546,9 +522,10 @@ TYPED_TEST(PlacementGrids, FrameFromReferenceDirectionOnAFloor) {
         const Vec4& q = info.poseLocalToWorld.orientation;
         EXPECT_TRUE(isUnitQuaternion(q));
         const Vec3 up(0.0f, 1.0f, 0.0f), z = AR::Math::normalize(AR::Math::cross(reference, up));
-        expectNear(localAxis(q, 1), up);
-        expectNear(localAxis(q, 2), z);
-        expectNear(localAxis(q, 0), AR::Math::cross(up, z));
+        const auto R = AR::Math::quaternionToRotation(q(0), q(1), q(2), q(3));
+        expectNear(R.col(1), up);
+        expectNear(R.col(2), z);
+        expectNear(R.col(0), AR::Math::cross(up, z));
     }
 
     // Nothing on the segment, the march ends before the floor, or a line starting below the
@@ -568,7 +545,7 @@ TEST(PlacementDeathTest, ParallelReferenceOnATiltedNormalIsNotARotation) {
     // A slope whose normal has an x component: with no usable reference the unnormalised
     // fallback frame is not a rotation.
     DepthGrid grid;
-    fillField(grid, [](int x, int y, int) { return 0.2f * (y - 4) + 0.1f * (x - 4); });
+    fillField(grid, [](const Vec3& p) { return p(1) - 0.08f + 0.5f * (p(0) - 0.08f); });
     const Vec3 start(0.08f, 0.15f, 0.08f);
     const Vec3 down(0.0f, -1.0f, 0.0f);
     EXPECT_EQ(getPlacementInfo(grid, start, down, 1.0f, kTruncation, Vec3(0.0f, 0.0f, 1.0f)).result,

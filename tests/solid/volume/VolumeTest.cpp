@@ -78,7 +78,7 @@ TYPED_TEST(DepthBearing, GradientOfAProductFieldIsAnalytic) {
     EXPECT_NEAR(gradient(2), 0.5f * 0.25f * c / sp, 1e-4f);
 }
 
-TEST(VolumeDeathTest, LabelCountsSaturateAndOutOfRangeOrDegenerateShapesAbort) {
+TEST(VolumeDeathTest, LabelCountsSaturateAndBadShapesOrAnUnconfiguredGridAbort) {
     LabelVolumeSample s = creationSample<LabelVolumeSample>();
     for (int i = 0; i < 300; ++i)
         updateLabels(s, 7);
@@ -91,6 +91,7 @@ TEST(VolumeDeathTest, LabelCountsSaturateAndOutOfRangeOrDegenerateShapesAbort) {
     VolumeConfig config;
     EXPECT_DEATH(makeVolumeConfig(config, Size(1, 9, 9), Vec3(0.02f, 0.02f, 0.02f)), "bounds");
     EXPECT_DEATH(makeVolumeConfig(config, Size(9, 9, 9), Vec3(0.02f, 0.0f, 0.02f)), "dimension");
+    EXPECT_DEATH(DepthGrid().ensure(KeyType(0, 0, 0)), "mBlockSize != 0");  // never configured
 }
 
 template <typename Grid>
@@ -173,10 +174,6 @@ TEST(VolumeGrid, KeysUseATrueFloorAndUnknownReadsAsTheSentinel) {
     // Positions no block can hold find nothing instead of converting out of range.
     EXPECT_EQ(grid.value(Vec3(NAN, 0.0f, 0.0f), key), -2.0f);
     EXPECT_EQ(grid.value(Vec3(1e30f, 0.0f, 0.0f), key), -2.0f);
-}
-
-TEST(VolumeGridDeathTest, UnconfiguredStorageAborts) {
-    EXPECT_DEATH(DepthGrid().ensure(KeyType(0, 0, 0)), "mBlockSize != 0");
 }
 
 // One writer creates blocks and writes their samples under the block locks while readers sample
