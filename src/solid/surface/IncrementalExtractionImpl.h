@@ -76,6 +76,16 @@ private:
     Slot mSlots[kSlots];
 };
 
+struct AnnotationScratch {
+    std::vector<uint32_t> used;
+    std::vector<KeyType> blockKeys;
+    std::vector<uint32_t> blockOf;
+    std::vector<uint32_t> groupSize;
+    std::vector<uint32_t> groupStart;
+    std::vector<uint32_t> grouped;
+    std::vector<const void*> samples;
+};
+
 // annotateMesh with any callable as the predicate, so that the system's own predicates inline.
 template <typename Grid, typename Predicate>
 bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& predicate,
@@ -97,7 +107,10 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
     // A vertex shared by several triangles gets one lookup: the sample nearest to it is the same
     // for each of them. Marching cubes creates each vertex at its first use, so the first uses
     // are mostly 0, 1, 2, ... in order, which is recognised without a table of seen vertices.
-    std::vector<uint32_t> used;
+    // Work arrays kept per thread: a request annotates thousands of small meshes.
+    thread_local AnnotationScratch scratch;
+    std::vector<uint32_t>& used = scratch.used;
+    used.clear();
     uint32_t inOrder = 0;
     bool ordered = true;
     for (unsigned int vertexIndex : indices) {
@@ -129,9 +142,12 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
     // the last few groups only, so a large mesh costs a little more locking, never a quadratic
     // search.
     constexpr size_t kRecentBlocks = 8;
-    std::vector<KeyType> blockKeys;
-    std::vector<uint32_t> blockOf(count);
-    std::vector<uint32_t> groupSize;
+    std::vector<KeyType>& blockKeys = scratch.blockKeys;
+    std::vector<uint32_t>& blockOf = scratch.blockOf;
+    std::vector<uint32_t>& groupSize = scratch.groupSize;
+    blockKeys.clear();
+    blockOf.resize(count);
+    groupSize.clear();
     uint32_t group = 0;
     for (uint32_t i = 0; i < count; ++i) {
         const Vec3& p = positions[vertexAt(i)];
@@ -152,18 +168,20 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
         blockOf[i] = group;
         ++groupSize[group];
     }
-    std::vector<uint32_t> groupStart(blockKeys.size() + 1, 0);
+    std::vector<uint32_t>& groupStart = scratch.groupStart;
+    groupStart.assign(blockKeys.size() + 1, 0);
     for (size_t b = 0; b < blockKeys.size(); ++b) {
         groupStart[b + 1] = groupStart[b] + groupSize[b];
     }
-    std::vector<uint32_t> grouped(count);
+    std::vector<uint32_t>& grouped = scratch.grouped;
+    grouped.resize(count);
     for (uint32_t i = 0; i < count; ++i) {
         grouped[groupStart[blockOf[i]]++] = vertexAt(i);
     }
     // The samples of a group are addressed first and fetched together: a mesh's vertices read
     // samples scattered over blocks that are rarely in cache, and one miss at a time would make
     // the annotation as slow as the memory.
-    std::vector<const typename Grid::SampleType*> samples;
+    std::vector<const void*>& samples = scratch.samples;
     uint32_t begin = 0;
     for (size_t b = 0; b < blockKeys.size(); ++b) {
         const KeyType& key = blockKeys[b];
@@ -190,7 +208,8 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
             __builtin_prefetch(samples.back());
         }
         for (uint32_t i = begin; i < end; ++i) {
-            (*annotations)[grouped[i]] = predicate(*samples[i - begin]);
+            (*annotations)[grouped[i]] =
+                predicate(*static_cast<const typename Grid::SampleType*>(samples[i - begin]));
         }
         begin = end;
     }
