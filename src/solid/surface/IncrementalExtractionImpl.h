@@ -76,6 +76,9 @@ private:
     Slot mSlots[kSlots];
 };
 
+// The work arrays of annotateMeshWith, kept per thread: a request annotates thousands of small
+// meshes.
+template <typename Sample>
 struct AnnotationScratch {
     std::vector<uint32_t> used;
     std::vector<KeyType> blockKeys;
@@ -83,7 +86,7 @@ struct AnnotationScratch {
     std::vector<uint32_t> groupSize;
     std::vector<uint32_t> groupStart;
     std::vector<uint32_t> grouped;
-    std::vector<const void*> samples;
+    std::vector<const Sample*> samples;
 };
 
 // annotateMesh with any callable as the predicate, so that the system's own predicates inline.
@@ -104,11 +107,10 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
     const Vec3& dimension = grid.dimension();
     const Vec3& inverseSpacing = grid.config().inverseSpacing;
     const Index3& bounds = grid.config().bounds;
+    thread_local AnnotationScratch<typename Grid::SampleType> scratch;
     // A vertex shared by several triangles gets one lookup: the sample nearest to it is the same
     // for each of them. Marching cubes creates each vertex at its first use, so the first uses
     // are mostly 0, 1, 2, ... in order, which is recognised without a table of seen vertices.
-    // Work arrays kept per thread: a request annotates thousands of small meshes.
-    thread_local AnnotationScratch scratch;
     std::vector<uint32_t>& used = scratch.used;
     used.clear();
     uint32_t inOrder = 0;
@@ -181,7 +183,7 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
     // The samples of a group are addressed first and fetched together: a mesh's vertices read
     // samples scattered over blocks that are rarely in cache, and one miss at a time would make
     // the annotation as slow as the memory.
-    std::vector<const void*>& samples = scratch.samples;
+    std::vector<const typename Grid::SampleType*>& samples = scratch.samples;
     uint32_t begin = 0;
     for (size_t b = 0; b < blockKeys.size(); ++b) {
         const KeyType& key = blockKeys[b];
@@ -208,8 +210,7 @@ bool annotateMeshWith(PolygonMesh& mesh, const Grid& grid, const Predicate& pred
             __builtin_prefetch(samples.back());
         }
         for (uint32_t i = begin; i < end; ++i) {
-            (*annotations)[grouped[i]] =
-                predicate(*static_cast<const typename Grid::SampleType*>(samples[i - begin]));
+            (*annotations)[grouped[i]] = predicate(*samples[i - begin]);
         }
         begin = end;
     }
