@@ -14,21 +14,12 @@
 #include "common/Assert.h"
 #include "common/Logger.h"
 #include "common/Trace.h"
+#include "support/CapturedLog.h"
 
 namespace {
 
 using AR::Common::Logger;
-
-// Collects the finished lines handed to targets.
-class CaptureTarget : public AR::Common::LogTarget {
-public:
-    void write(int level, const char* text, size_t length) override {
-        levels.push_back(level);
-        lines.emplace_back(text, length);
-    }
-    std::vector<int> levels;
-    std::vector<std::string> lines;
-};
+using Velmora::Test::CapturedLog;
 
 constexpr uint32_t kAllFlags = Logger::FLAG_DATE_TIME | Logger::FLAG_SYSTEM_LOG |
                                Logger::FLAG_FUNCTION | Logger::FLAG_FILE_LINE |
@@ -41,10 +32,8 @@ protected:
     void SetUp() override {
         logger().setLevel(Logger::kDefaultLevel);
         setFlags(Logger::FLAG_LEVEL);
-        logger().addTarget(&capture);
     }
     void TearDown() override {
-        logger().removeTarget(&capture);
         logger().setFile("", false, false);
         logger().setLevel(Logger::kDefaultLevel);
         setFlags(Logger::kDefaultFlags);
@@ -59,7 +48,7 @@ protected:
         static const std::regex kTime(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
         return std::regex_replace(line, kTime, "<T>");
     }
-    CaptureTarget capture;
+    CapturedLog capture;
 };
 
 constexpr const char* kSignature = "virtual const char *Velmora::Impl::getVersion() const";
@@ -135,8 +124,7 @@ TEST(LoggerDeathTest, AssertionReportsAndEndsTheProcess) {
 TEST(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
     Logger& logger = Logger::getInstance();
     logger.setFlag(Logger::FLAG_SYSTEM_LOG, false);
-    CaptureTarget capture;  // called under the logger's mutex
-    logger.addTarget(&capture);
+    CapturedLog capture;  // called under the logger's mutex
     constexpr int kThreads = 3, kLines = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
@@ -152,7 +140,6 @@ TEST(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
     });
     for (std::thread& thread : threads)
         thread.join();
-    logger.removeTarget(&capture);
     logger.setLevel(Logger::kDefaultLevel);
     logger.setFlag(Logger::FLAG_SYSTEM_LOG, true);
     ASSERT_EQ(capture.lines.size(), size_t{kThreads} * kLines);
@@ -183,11 +170,9 @@ TEST(Trace, RecordsHaveTheirFormsNothingIsWrittenWhenOffAndAMissingMarkerWarns) 
               "B|" + pid + "|IntegrationC|" + pid + "|blocks|-7C|" + pid + "|bytes|123456789012E");
     std::remove(path.c_str());
 
-    CaptureTarget log;
-    AR::Common::Logger::getInstance().addTarget(&log);
+    CapturedLog log;
     EXPECT_FALSE(AR::Common::Trace::enableAt("/nonexistent-velmora/trace_marker"));
     EXPECT_FALSE(AR::Common::Trace::isEnabled());
-    AR::Common::Logger::getInstance().removeTarget(&log);
     EXPECT_EQ(log.lines, std::vector<std::string>{"AR WARNING: error opening trace file: No such "
                                                   "file or directory (2)\n"});
 }

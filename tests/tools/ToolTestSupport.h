@@ -4,7 +4,6 @@
 #define VELMORA_TESTS_TOOLS_TOOLTESTSUPPORT_H
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <sys/wait.h>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ScratchDir.h"
 #include "velmora/BuiltinScene.h"
 #include "velmora/Png.h"
 #include "velmora/Pose.h"
@@ -26,22 +26,7 @@ namespace VelmoraToolTest {
 namespace fs = std::filesystem;
 using namespace VelmoraTool;
 
-class ScratchDir {
-public:
-    ScratchDir() {
-        fs::remove_all(mPath);
-        fs::create_directories(mPath);
-    }
-    ~ScratchDir() { fs::remove_all(mPath); }
-    const fs::path& path() const { return mPath; }
-    std::string operator/(const std::string& name) const { return (mPath / name).string(); }
-
-private:
-    fs::path mPath = fs::path(::testing::TempDir()) /
-                     ("velmora_tool_" +
-                      std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
-                      "_" + std::to_string(getpid()));
-};
+using Velmora::Test::ScratchDir;
 
 constexpr uint32_t kSmallWidth = 32;
 constexpr uint32_t kSmallHeight = 24;

@@ -5,12 +5,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
-#include <string>
 #include <vector>
 
-#include "common/Logger.h"
+#include "support/CapturedLog.h"
 #include "support/PlaneScenes.h"
 #include "support/SceneSetup.h"
 #include "velmora/Impl.h"
@@ -79,20 +77,6 @@ inline Config planeConfig(int32_t mode, float cellSize, bool detectPlanes = true
     config.planeContourAlpha = 0.0f;
     return config;
 }
-
-// The lines the logger hands out while the object lives.
-class CapturedLog : public AR::Common::LogTarget {
-public:
-    CapturedLog() { AR::Common::Logger::getInstance().addTarget(this); }
-    ~CapturedLog() override { AR::Common::Logger::getInstance().removeTarget(this); }
-    void write(int, const char* line, size_t length) override { lines.emplace_back(line, length); }
-    bool has(const std::string& part) const {
-        return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line.find(part) != std::string::npos;
-        });
-    }
-    std::vector<std::string> lines;
-};
 
 }  // namespace Test
 }  // namespace Velmora

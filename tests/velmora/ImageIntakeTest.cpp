@@ -82,23 +82,16 @@ TEST(ImageIntake, LabelsAreViewedOrSaturatedColourIsCopied) {
 
 TEST(ImageIntake, ImagesAreFoundByKindAndTheLaterWins) {
     const uint16_t pixel = 0;
-    const Image d0{kImageDepthU16, &pixel, 1, 1, 2, 0};
-    const Image d1{kImageDepthU16Flagged, &pixel, 1, 1, 2, 0};
-    const Image l3{kImageLabelU16, &pixel, 1, 1, 2, 0};
-    const Image c4{kImageColorRGB8, &pixel, 1, 1, 3, 0};
-    const Image unknown{9, &pixel, 1, 1, 2, 0};
-    const Image images[] = {d0, l3, unknown, d1, c4};
-    int depthIdx = -1, labelIdx = -1, colorIdx = -1;
-    EXPECT_TRUE(
-        indexOfDepthLabelColorImages(span<const Image>{images, 5}, depthIdx, labelIdx, colorIdx));
-    EXPECT_EQ(depthIdx, 3);
-    EXPECT_EQ(labelIdx, 1);
-    EXPECT_EQ(colorIdx, 4);
-    depthIdx = labelIdx = colorIdx = -1;
-    EXPECT_FALSE(
-        indexOfDepthLabelColorImages(span<const Image>{images, 1}, depthIdx, labelIdx, colorIdx));
-    EXPECT_EQ(depthIdx, 0);
-
+    const auto image = [&pixel](uint32_t format) { return Image{format, &pixel, 1, 1, 2, 0}; };
+    const Image d0 = image(kImageDepthU16);
+    const Image images[] = {d0, image(kImageLabelU16), image(9), image(kImageDepthU16Flagged),
+                            image(kImageColorRGB8)};
+    int depth = -1, label = -1, colour = -1;
+    EXPECT_TRUE(indexOfDepthLabelColorImages(span<const Image>{images, 5}, depth, label, colour));
+    EXPECT_EQ(depth * 100 + label * 10 + colour, 314);
+    depth = label = colour = -1;
+    EXPECT_FALSE(indexOfDepthLabelColorImages(span<const Image>{images, 1}, depth, label, colour));
+    EXPECT_EQ(depth, 0);
     EXPECT_TRUE(checkImage(d0));
     Image bad[4] = {d0, d0, d0, d0};
     bad[0].pixelData = nullptr;

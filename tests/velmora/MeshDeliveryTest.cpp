@@ -140,27 +140,20 @@ TEST_P(MeshDeliveryTest, ColoursAndRemeshingFollowTheChangedBlocks) {
                       kSuccess);
         }
     };
-    std::vector<XrVector3fVLM> positions;
-    std::vector<XrColor4fVLM> colors;
+    size_t vertices = 0;
     const auto read = [&](Impl& target, uint8_t removeUnseen) {
         TextureQuality quality{};
         quality.vertexColors = quality.textureCoordinates = true;
         quality.removeUnseenVertices = removeUnseen;
-        PolygonMesh mesh{};
-        EXPECT_EQ(target.extractSurface(mesh, false, kWholeScene, quality), kErrorBufferTooSmall);
-        EXPECT_EQ(mesh.texCoordCount, 0u);
-        EXPECT_EQ(mesh.colorCount, mesh.positionCount);
-        positions.resize(mesh.positionCount);
-        colors.resize(mesh.colorCount);
-        std::vector<uint32_t> indices(mesh.indexCount);
-        mesh.positions = positions.data();
-        mesh.colors = colors.data();
-        mesh.indices = indices.data();
-        EXPECT_EQ(target.extractSurface(mesh, false, kWholeScene, quality), kSuccess);
+        const HostMesh mesh = readMesh(target, kWholeScene, false, quality);
+        EXPECT_EQ(mesh.result, kSuccess);
+        EXPECT_EQ(mesh.written.texCoordCount, 0u);
+        EXPECT_EQ(mesh.colours.size(), mesh.positions.size());
+        vertices = mesh.positions.size();
         size_t boxTop = 0, floor = 0, floorWrong = 0, unseen = 0;
-        for (size_t v = 0; v < std::min(positions.size(), colors.size()); ++v) {
-            const XrVector3fVLM& p = positions[v];
-            const XrColor4fVLM& c = colors[v];
+        for (size_t v = 0; v < std::min(vertices, mesh.colours.size()); ++v) {
+            const XrVector3fVLM& p = mesh.positions[v];
+            const XrColor4fVLM& c = mesh.colours[v];
             if (c.a <= 0.0f) {
                 ++unseen;
             } else if (onBoxTop(p)) {
@@ -185,7 +178,7 @@ TEST_P(MeshDeliveryTest, ColoursAndRemeshingFollowTheChangedBlocks) {
     addColour(*scene);
     // A request without colours first: the coloured one after it must not be handed its merge.
     ASSERT_EQ(readMesh(*scene, kWholeScene).result, kSuccess);
-    const size_t unseen = read(*scene, 0), vertices = positions.size();
+    const size_t unseen = read(*scene, 0), firstVertices = vertices;
     ASSERT_GT(unseen, 0u);
     const auto before = meshStreams(*scene, false), coloursBefore = meshStreams(*scene, true);
     fuseView(*scene, GetParam(), kWorld, viewFrom({1.6, 1.6, 0.5}, {1.9, 1.9, 0.0}, 24, 24));
@@ -212,7 +205,7 @@ TEST_P(MeshDeliveryTest, ColoursAndRemeshingFollowTheChangedBlocks) {
     const std::unique_ptr<Impl> pruned = fusedBoxes(GetParam(), {kBoxes[0]});
     addColour(*pruned);
     EXPECT_EQ(read(*pruned, 1), 0u);
-    EXPECT_EQ(positions.size(), vertices - unseen);
+    EXPECT_EQ(vertices, firstVertices - unseen);
 }
 
 // The result codes of both forms: before init, instance meshes without label planes, an unknown

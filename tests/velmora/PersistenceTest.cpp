@@ -1,7 +1,6 @@
 // Saving and loading volumes: byte for byte in both run modes, each mode its own files, loaded
 // blocks marked changed, cut files loaded as far as they go.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include "HostScenes.h"
 #include "solid/volume/IO.h"
 #include "support/GridBytes.h"
+#include "support/ScratchDir.h"
 
 namespace Velmora {
 namespace {
@@ -23,16 +23,6 @@ using Solid::Test::expectSameBlocks;
 
 constexpr float kCellSize = 0.05f;  // metres; eight digits give it back exactly
 constexpr int kViews = 3;
-
-// A fresh folder for the files of one test, removed with everything in it.
-struct TempDir {
-    TempDir() { fs::create_directories(path); }
-    ~TempDir() { fs::remove_all(path); }
-    std::string file(const std::string& name) const { return (path / name).string(); }
-    const fs::path path = fs::temp_directory_path() /
-                          ("velmora-persist-" + std::to_string(::getpid()) + "-" +
-                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-};
 
 PinholeCamera viewOfRoom(int view) {
     const Vec3d eyes[] = {{2.0, 1.5, 1.2}, {1.0, 1.0, 1.5}, {3.0, 2.0, 1.0}};
@@ -80,9 +70,9 @@ void expectAllBlocksChanged(Impl& scene) {
 // split mode fuses no label images here) comes back unmarked, and a loaded scene fuses on as the
 // original does.
 TEST(Persistence, RoundTripOfBothModesKeepsEverySampleByte) {
-    TempDir dir;
+    ScratchDir dir;
     const fs::path previous = fs::current_path();
-    fs::current_path(dir.path);
+    fs::current_path(dir.path());
     for (const int32_t mode : {kModeCombined, kModeSplit}) {
         SCOPED_TRACE(mode);
         auto scene = fusedRoom(mode, kViews);
@@ -119,22 +109,21 @@ TEST(Persistence, RoundTripOfBothModesKeepsEverySampleByte) {
 // A cut file is no failure: it loads up to the cut (the stream tests cover where a cut may
 // fall), and fusion and saving still take the grids' locks afterwards.
 TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
-    TempDir dir;
+    ScratchDir dir;
     for (const int32_t mode : {kModeCombined, kModeSplit}) {
         SCOPED_TRACE(mode);
         const std::string suffix = mode == kModeCombined ? ".depthlabelgrid" : ".depthgrid";
         auto source = fusedRoom(mode, kViews);
-        ASSERT_EQ(source->saveVolumes(dir.file("whole")), 1);
-        std::ifstream file(dir.file("whole") + suffix, std::ios::binary);
+        ASSERT_EQ(source->saveVolumes(dir / "whole"), 1);
+        std::ifstream file(dir / "whole" + suffix, std::ios::binary);
         const std::string whole{std::istreambuf_iterator<char>(file), {}};
-        std::ofstream(dir.file("cut") + suffix, std::ios::binary)
-            << whole.substr(0, whole.size() / 2);
+        std::ofstream(dir / "cut" + suffix, std::ios::binary) << whole.substr(0, whole.size() / 2);
         auto scene = makeInitialisedScene(mode, kCellSize, 5 * kCellSize);
-        EXPECT_EQ(scene->loadVolumes(dir.file("cut")), 1);
+        EXPECT_EQ(scene->loadVolumes(dir / "cut"), 1);
         EXPECT_GT(blockCount(*scene), 0u);
         EXPECT_LT(blockCount(*scene), blockCount(*source));
         fuseView(*scene, mode, room(), viewOfRoom(1), false);
-        EXPECT_EQ(scene->saveVolumes(dir.file("again")), 1);
+        EXPECT_EQ(scene->saveVolumes(dir / "again"), 1);
     }
 }
 
@@ -142,8 +131,8 @@ TEST(Persistence, CutFilesLoadWhatTheyCanAndTheSceneGoesOn) {
 // attempted; missing files are skipped and leave the grids as they are, but the blocks still
 // count as changed.
 TEST(Persistence, UnopenableAndMissingFiles) {
-    TempDir dir;
-    const std::string base = dir.file("never"), nowhere = dir.file("missing/base");
+    ScratchDir dir;
+    const std::string base = dir / "never", nowhere = dir / "missing/base";
     auto split = fusedRoom(kModeSplit, 1);
     {
         CapturedLog log;
@@ -159,7 +148,7 @@ TEST(Persistence, UnopenableAndMissingFiles) {
 
 // Saving beside a producer: every file written is a whole grid, each block taken under its mutex.
 TEST(PersistenceConcurrency, SaveBesideFusionWritesWholeFiles) {
-    TempDir dir;
+    ScratchDir dir;
     auto scene = makeInitialisedScene(kModeSplit, kCellSize, 5 * kCellSize);
     std::atomic<bool> done{false};
     std::thread producer([&scene, &done] {
@@ -169,7 +158,7 @@ TEST(PersistenceConcurrency, SaveBesideFusionWritesWholeFiles) {
     });
     std::vector<std::string> bases;
     while (!done || bases.empty()) {
-        bases.push_back(dir.file("snapshot" + std::to_string(bases.size())));
+        bases.push_back(dir / ("snapshot" + std::to_string(bases.size())));
         EXPECT_EQ(scene->saveVolumes(bases.back()), 1);
     }
     producer.join();

@@ -193,19 +193,5 @@ TEST_P(Placement, OnAFloorAndOnAWall) {
 
 INSTANTIATE_TEST_SUITE_P(RunModes, Placement, ::testing::Values(kCombined, kSplit));
 
-TEST(Queries, PlacementInAModeWithoutGrids) {
-    std::unique_ptr<IVelmora> scene =
-        Velmora::Test::makeInitialisedScene(2, kCellSize, kTruncation);
-    PlacementInfo info{};
-    info.result = 1;
-    info.label = 5;
-    ASSERT_EQ(scene->getPlacementInfo({1, 1, 1}, {1, 0, 0}, {0, 1, 0}, info, 3.0f), kSuccess);
-    EXPECT_EQ(info.result, 0);
-    EXPECT_EQ(info.label, 0);
-    EXPECT_EQ(info.poseLocalToWorld.orientation.w, 1.0f);
-    EXPECT_EQ(info.poseLocalToWorld.position.x + info.poseLocalToWorld.position.z, 0.0f);
-    EXPECT_EQ(scene->intersectPoint({1, 1, 1}, 1.0f).collision, 2);
-}
-
 }  // namespace
 }  // namespace Velmora

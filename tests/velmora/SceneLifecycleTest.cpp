@@ -55,10 +55,17 @@ TEST(SceneLifecycle, InitChecksConfigInOrderAndChangesNothingOnFailure) {
         EXPECT_EQ(scene->init(sceneConfig(mode, 0.02f, fiveCells)), kSuccess);
         EXPECT_EQ(scene->init(sceneConfig(mode, 0.0f, 0.0f)), kErrorAlreadyInitialized);
     }
-    // A mode without grids: saving writes nothing and still reports success.
+    // A mode without grids: saving writes nothing and still reports success, placement finds
+    // nothing and collisions answer unknown space.
     Impl unknownMode;
     ASSERT_EQ(unknownMode.init(sceneConfig(7, 0.02f, 0.1f)), kSuccess);
     EXPECT_EQ(unknownMode.saveVolumes("/nonexistent-dir/never"), 1);
+    PlacementInfo info{};
+    info.result = info.label = 1;
+    ASSERT_EQ(unknownMode.getPlacementInfo({1, 1, 1}, {1, 0, 0}, {0, 1, 0}, info, 3.0f), kSuccess);
+    EXPECT_EQ(info.result + info.label, 0);
+    EXPECT_EQ(info.poseLocalToWorld.orientation.w, 1.0f);
+    EXPECT_EQ(unknownMode.intersectPoint({1, 1, 1}, 1.0f).collision, 2);
 }
 
 // Odd but representable values are a camera; the frame path works in float, so values beyond

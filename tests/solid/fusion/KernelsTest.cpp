@@ -461,9 +461,31 @@ void expectBlocks(const Grid& grid, const Matrix4& pose, const IndexSet& keys,
     }
 }
 
-// 9-cube blocks run the kernel of each value; on 8-cube blocks the 9-cube kernels (3 to 6) give
-// way to the reference, while 1 and 2 run anywhere.
-TEST(GridAcceleration, DepthGridRunsTheKernelOfEachValue) {
+// Fuses `frame` with every value into fresh grids of `side`; `expected(value, block, T)` fuses
+// into a fresh block what each block of the grid must hold.
+template <typename Grid, typename Frame, typename Expected>
+void expectEveryValue(const Frame& frame, int side, const Expected& expected) {
+    IndexSet referenceKeys;
+    for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
+        SCOPED_TRACE(testing::Message() << "side " << side << ", value " << value);
+        Grid grid;
+        grid.set(Size(side, side, side), Vec3(kSpacing, kSpacing, kSpacing));
+        const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
+        if (value == kAccelerationReference) {
+            referenceKeys = keys;
+            ASSERT_GT(keys.size(), 20u);
+        }
+        EXPECT_EQ(keys.size(), referenceKeys.size());
+        expectBlocks(grid, frame.pose, keys,
+                     [&](auto& block, const Matrix4& T) { expected(value, block, T); });
+    }
+}
+
+// 9-cube depth blocks run the kernel of each value; on 8-cube blocks the 9-cube kernels (3 to 6)
+// give way to the reference, while 1 and 2 run anywhere. Label-depth blocks run the reference
+// with labels for 0 and its depth part for the others, but for 5, which fuses nothing, yet
+// creates and returns its blocks.
+TEST(GridAcceleration, EveryGridRunsTheKernelOfEachValue) {
     const Room room;
     const DepthFrame& frame = room.view.frame;
     const DepthKernel kernels[] = {asKernel<integrate<Vec2S, ReferencedVolumeData>>,
@@ -474,51 +496,20 @@ TEST(GridAcceleration, DepthGridRunsTheKernelOfEachValue) {
                                    fast8Weighted,
                                    asKernel<integrateRef>};
     for (const int side : {9, 8}) {
-        IndexSet referenceKeys;
-        for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
-            SCOPED_TRACE(testing::Message() << "side " << side << ", value " << value);
-            DepthGrid grid;
-            grid.set(Size(side, side, side), Vec3(kSpacing, kSpacing, kSpacing));
-            const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
-            if (value == kAccelerationReference) {
-                referenceKeys = keys;
-                ASSERT_GT(keys.size(), 20u);
-            }
-            EXPECT_EQ(keys.size(), referenceKeys.size());
+        expectEveryValue<DepthGrid>(frame, side, [&](int value, auto& block, const Matrix4& T) {
             const bool anyShape = value <= kAccelerationFastFixed;
-            const DepthKernel kernel =
-                kernels[side == 9 || anyShape ? value : kAccelerationReference];
-            expectBlocks(grid, frame.pose, keys,
-                         [&](IntegrationHelper::FastVolume& v, const Matrix4& T) {
-                             kernel(v, frame, T, kRamp, kMaxWeight, 1);
-                         });
-        }
-    }
-}
-
-TEST(GridAcceleration, CombinedGridTable) {
-    const Room room;
-    const LabelDepthFrame& frame = room.labelled;
-    const DepthFrame& depthOnly = frame;
-    using Block = Volume<LabelDepthVolumeSample, ReferencedVolumeData>;
-    IndexSet referenceKeys;
-    for (int value = kAccelerationReference; value <= kAccelerationMultiThreaded; ++value) {
-        LabelDepthGrid grid;
-        grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
-        const IndexSet keys = fuse(grid, frame, static_cast<Acceleration>(value));
-        if (value == kAccelerationReference) {
-            referenceKeys = keys;
-        }
-        // Value 5 fuses nothing, yet its blocks exist and are all returned.
-        EXPECT_EQ(keys.size(), referenceKeys.size()) << value;
-        expectBlocks(grid, frame.pose, keys, [&](Block& v, const Matrix4& T) {
-            if (value == kAccelerationReference) {
-                integrate(v, frame, T, kRamp, kMaxWeight, 1, 0.0f);
-            } else if (value != kAccelerationFast8Weighted) {
-                integrate(v, depthOnly, T, kRamp, kMaxWeight, 1);
-            }
+            kernels[side == 9 || anyShape ? value : kAccelerationReference](block, frame, T, kRamp,
+                                                                            kMaxWeight, 1);
         });
     }
+    const LabelDepthFrame& labelled = room.labelled;
+    expectEveryValue<LabelDepthGrid>(labelled, 9, [&](int value, auto& block, const Matrix4& T) {
+        if (value == kAccelerationReference) {
+            integrate(block, labelled, T, kRamp, kMaxWeight, 1, 0.0f);
+        } else if (value != kAccelerationFast8Weighted) {
+            integrate(block, static_cast<const DepthFrame&>(labelled), T, kRamp, kMaxWeight, 1);
+        }
+    });
 }
 
 TEST(GridAccelerationDeathTest, FastTablesAreSetUpOnlyForTheirValuesAndMustSucceed) {

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <vector>
 
@@ -91,19 +92,12 @@ TEST(CubeTables, RowsNameExactlyTheEdgesThatChangeSign) {
     }
 }
 
-// Analytic fields, metres.
-float sphereSdf(const Vec3& p, const Vec3& centre, float radius) {
-    return AR::Math::norm(p - centre) - radius;
+// The exact fields of analytic solids, metres.
+std::function<float(const Vec3&)> field(std::shared_ptr<const Velmora::Test::Primitive> solid) {
+    return [solid](const Vec3& p) { return float(solid->signedDistance({p[0], p[1], p[2]})); };
 }
-float boxSdf(const Vec3& p, const Vec3& lo, const Vec3& hi) {
-    float outside = 0.0f;
-    float inside = -1e9f;
-    for (int a = 0; a < 3; ++a) {
-        const float d = std::max(lo[a] - p[a], p[a] - hi[a]);
-        outside += std::max(d, 0.0f) * std::max(d, 0.0f);
-        inside = std::max(inside, std::min(d, 0.0f));
-    }
-    return std::sqrt(outside) + inside;
+std::function<float(const Vec3&)> sphere(const Velmora::Test::Vec3d& centre, double radius) {
+    return field(Velmora::Test::makeSphere(centre, radius, 0, {}));
 }
 
 template <typename VolumeT>
@@ -161,7 +155,6 @@ PolygonMesh mergeAll(const MeshGridType& meshes) {
 }
 
 TYPED_TEST(MarchingCubesTest, VerticesLieOnAnalyticSurfaces) {
-    const Vec3 blockCorner(0.16f, 0.16f, 0.16f);
     struct Case {
         const char* name;
         std::function<float(const Vec3&)> sdf;
@@ -173,12 +166,10 @@ TYPED_TEST(MarchingCubesTest, VerticesLieOnAnalyticSurfaces) {
     const std::vector<Case> cases = {
         {"plane", [](const Vec3& p) { return 0.3f * p[0] + 0.5f * p[1] + 0.81f * p[2] - 0.2f; },
          1e-5f},
-        {"sphere", [](const Vec3& p) { return sphereSdf(p, Vec3(0.15f, 0.17f, 0.16f), 0.1f); },
-         kSpacing * kSpacing / (2 * 0.1f)},
-        {"box corner",
-         [](const Vec3& p) { return boxSdf(p, Vec3(-1, -1, -1), Vec3(0.11f, 0.13f, 0.17f)); },
+        {"sphere", sphere({0.15, 0.17, 0.16}, 0.1), kSpacing * kSpacing / (2 * 0.1f)},
+        {"box corner", field(Velmora::Test::makeBox({-1, -1, -1}, {0.11, 0.13, 0.17}, 0, {})),
          0.25f * kSpacing},
-        {"across a block border", [&](const Vec3& p) { return sphereSdf(p, blockCorner, 0.12f); },
+        {"across a block border", sphere({0.16, 0.16, 0.16}, 0.12),
          kSpacing * kSpacing / (2 * 0.12f)},
     };
     for (const Case& c : cases) {
@@ -196,9 +187,8 @@ TYPED_TEST(MarchingCubesTest, VerticesLieOnAnalyticSurfaces) {
 
 TYPED_TEST(MarchingCubesTest, ABlockSharesItsVerticesAndClosesAClosedField) {
     // A ball well inside block (0, 0, 0).
-    const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(0, 0, 0), [](const Vec3& p) {
-        return sphereSdf(p, Vec3(0.081f, 0.079f, 0.08f), 0.05f);
-    });
+    const IndexSet blocks =
+        this->fill(Index3(0, 0, 0), Index3(0, 0, 0), sphere({0.081, 0.079, 0.08}, 0.05));
     const MeshGridType meshes = this->extract(blocks);
     ASSERT_EQ(meshes.size(), 1u);
     const PolygonMesh& mesh = meshes.begin()->second;
@@ -247,9 +237,8 @@ void expectSameTriangles(const PolygonMesh& a, const PolygonMesh& b) {
 
 TYPED_TEST(MarchingCubesTest, MarchingCubes2WeldsWhatBlocksDuplicate) {
     // A ball around the common corner of eight blocks.
-    const IndexSet blocks = this->fill(Index3(-1, -1, -1), Index3(0, 0, 0), [](const Vec3& p) {
-        return sphereSdf(p, Vec3(0.003f, -0.004f, 0.002f), 0.1f);
-    });
+    const IndexSet blocks =
+        this->fill(Index3(-1, -1, -1), Index3(0, 0, 0), sphere({0.003, -0.004, 0.002}, 0.1));
     const PolygonMesh perBlock = mergeAll(this->extract(blocks));
 
     MarchingCubes2<TypeParam> mc2;
@@ -317,8 +306,8 @@ struct FakeInstances {
     }
 };
 
-float ball(const Vec3& p, float radius) {
-    return sphereSdf(p, Vec3(0.16f, 0.15f, 0.17f), radius);
+std::function<float(const Vec3&)> ball(double radius) {
+    return sphere({0.16, 0.15, 0.17}, radius);
 }
 
 // The triangles of a mesh grid, sorted: a description that does not depend on the order of
@@ -355,14 +344,12 @@ protected:
 };
 
 TEST_F(IncrementalExtractionTest, OnlyChangedBlocksAreRemeshedAndTheResultIsWhole) {
-    Solid::Test::writeField(depth, Index3(0, 0, 0), Index3(1, 1, 1), kTruncation, 1,
-                            [](const Vec3& p) { return ball(p, 0.1f); });
+    Solid::Test::writeField(depth, Index3(0, 0, 0), Index3(1, 1, 1), kTruncation, 1, ball(0.1));
     MeshGridType meshes = extractAll(allBlocks());
     ASSERT_EQ(meshes.size(), 8u);
     // The ball grows inside block (1, 1, 1) only. Its lower planes, shared with the seven lower
     // neighbours, change as well; the border copy carries them over and adds those neighbours.
-    Solid::Test::writeField(depth, Index3(1, 1, 1), Index3(1, 1, 1), kTruncation, 1,
-                            [](const Vec3& p) { return ball(p, 0.12f); });
+    Solid::Test::writeField(depth, Index3(1, 1, 1), Index3(1, 1, 1), kTruncation, 1, ball(0.12));
     IndexSet changed;
     changed.insert(KeyType(1, 1, 1));
     ExtractSurfaceStats stats;
@@ -378,7 +365,7 @@ TEST_F(IncrementalExtractionTest, OnlyChangedBlocksAreRemeshedAndTheResultIsWhol
 class InstanceSurfaceTest : public IncrementalExtractionTest {
 protected:
     InstanceSurfaceTest() {
-        const auto sdf = [](const Vec3& p) { return ball(p, 0.1f); };
+        const auto sdf = ball(0.1);
         const auto local = [](const Vec3& p) -> uint16_t {
             return p[0] < 0.16f ? 1 : p[1] < 0.1f ? 3 : 2;
         };
