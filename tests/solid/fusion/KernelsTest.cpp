@@ -91,21 +91,14 @@ TEST(ReferenceIntegration, SkipsHolesBehindBandAndBorderPlanes) {
         EXPECT_EQ(block.samples[i].labels[3], border ? 0 : 1) << i;
     }
 
-    // A depth of 0 is no measurement: neither depth nor labels change.
-    TestBlock<LabelDepthVolumeSample> holes;
-    OwnedFrame empty = makeFrame(0.0f, 3);
-    integrate(holes.volume, empty.frame, T, kRamp, kMaxWeight, 1, 0.0f);
-    for (const LabelDepthVolumeSample& s : holes.samples) {
-        ASSERT_EQ(s.depth(1), 0);
-        ASSERT_EQ(s.labels[3], 0);
+    // A depth of 0 is no measurement, and a surface more than a ramp in front of the block hides
+    // it: neither depth nor labels change.
+    for (const float depth : {0.0f, 0.85f}) {
+        TestBlock<LabelDepthVolumeSample> untouched;
+        integrate(untouched.volume, makeFrame(depth, 3).frame, T, kRamp, kMaxWeight, 1, 0.0f);
+        for (const LabelDepthVolumeSample& s : untouched.samples)
+            ASSERT_TRUE(s.depth(1) == 0 && s.labels[3] == 0) << depth;
     }
-
-    // A surface more than a ramp in front of the block: nothing behind it is touched.
-    TestBlock<Vec2S> hidden;
-    OwnedFrame wall = makeFrame(0.85f);
-    integrate(hidden.volume, wall.frame, T, kRamp, kMaxWeight, 1);
-    for (const Vec2S& s : hidden.samples)
-        ASSERT_EQ(s(1), 0);
 
     // border 0 writes the last planes too.
     TestBlock<Vec2S> full;
@@ -139,28 +132,25 @@ struct LabelScene : OwnedFrame {
 TEST(LabelIntegration, DepthMapBandIsStrictAndInMetres) {
     LabelScene scene(1.0f, 6);
     scene.labelFrame.pose = translation(0.0f, 0.0f, 1.0f);  // lattice (0,0,z) on the axis
-    TestBlock<LabelVolumeSample> block;
+    // The votes for label 6 of lattice points (0, 0, 0), (0, 0, 1), (0, 0, 2) and (8, 0, 0).
+    const auto votes = [&scene](float band, IntegrateVolumeStats* stats = nullptr) {
+        TestBlock<LabelVolumeSample> block;
+        integrateLabelsWithDepthMap(block.volume, scene.labelFrame, scene.frame, 0.1f, 1, band,
+                                    Vec3(0, 0, 0), stats);
+        const auto& v = block.volume;
+        return std::vector<int>{v.at(0, 0, 0).labels[6], v.at(0, 0, 1).labels[6],
+                                v.at(0, 0, 2).labels[6], v.at(8, 0, 0).labels[6]};
+    };
     IntegrateVolumeStats stats;
     // 2 cm band: z = 0 sits on the surface; z = 1 is 2 cm (times c0 > 1) away and does not vote.
-    integrateLabelsWithDepthMap(block.volume, scene.labelFrame, scene.frame, 0.1f, 1, 0.02f,
-                                Vec3(0, 0, 0), &stats);
-    EXPECT_EQ(block.volume.at(0, 0, 0).labels[6], 1);
-    EXPECT_EQ(block.volume.at(0, 0, 1).labels[6], 0);
+    EXPECT_EQ(votes(0.02f, &stats), (std::vector<int>{1, 0, 0, 0}));
     EXPECT_GT(stats.votes, 0u);
-    // Band 0: sqrt(3) times the spacing, 3.46 cm: z = 1 votes now, z = 2 (4 cm) not.
-    TestBlock<LabelVolumeSample> wide;
-    integrateLabelsWithDepthMap(wide.volume, scene.labelFrame, scene.frame, 0.1f, 1, 0.0f,
-                                Vec3(0, 0, 0), nullptr);
-    EXPECT_EQ(wide.volume.at(0, 0, 1).labels[6], 1);
-    EXPECT_EQ(wide.volume.at(0, 0, 2).labels[6], 0);
-    // The border planes are never visited.
-    EXPECT_EQ(wide.volume.at(8, 0, 0).labels[6], 0);
+    // Band 0: sqrt(3) times the spacing, 3.46 cm: z = 1 votes now, z = 2 (4 cm) not. The border
+    // planes are never visited.
+    EXPECT_EQ(votes(0.0f), (std::vector<int>{1, 1, 0, 0}));
     // A hole in the depth image means no vote, however near the sample is.
     std::fill(scene.depth.begin(), scene.depth.end(), 0.0f);
-    TestBlock<LabelVolumeSample> none;
-    integrateLabelsWithDepthMap(none.volume, scene.labelFrame, scene.frame, 0.1f, 1, 0.02f,
-                                Vec3(0, 0, 0), nullptr);
-    EXPECT_EQ(none.volume.at(0, 0, 0).labels[6], 0);
+    EXPECT_EQ(votes(0.02f), (std::vector<int>{0, 0, 0, 0}));
 }
 
 TEST(LabelIntegrationDeathTest, DepthGridBandTheGridLevelLoopAndWhatAborts) {
