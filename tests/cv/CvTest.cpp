@@ -230,12 +230,11 @@ void expectDelaunay(const std::vector<Vec2>& points, const std::vector<Triangle>
                             (static_cast<double>(b(1)) - a(1)) * (c(0) - a(0));
         ASSERT_LT(area, 0.0) << "the sweep emits clockwise triangles in y-up coordinates";
         for (size_t p = 0; p < points.size(); ++p) {
-            const double dx = static_cast<double>(a(0)) - points[p](0);
-            const double dy = static_cast<double>(a(1)) - points[p](1);
-            const double ex = static_cast<double>(b(0)) - points[p](0);
-            const double ey = static_cast<double>(b(1)) - points[p](1);
-            const double fx = static_cast<double>(c(0)) - points[p](0);
-            const double fy = static_cast<double>(c(1)) - points[p](1);
+            const auto d = [&](const Vec2& v, int axis) {
+                return double(v(axis)) - points[p](axis);
+            };
+            const double dx = d(a, 0), dy = d(a, 1), ex = d(b, 0), ey = d(b, 1), fx = d(c, 0),
+                         fy = d(c, 1);
             const double det = (dx * dx + dy * dy) * (ex * fy - ey * fx) -
                                (ex * ex + ey * ey) * (dx * fy - dy * fx) +
                                (fx * fx + fy * fy) * (dx * ey - dy * ex);

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <functional>
+#include <map>
 
 #include "ToolTestSupport.h"
 
@@ -90,8 +91,9 @@ TEST(RecordedSequence, BadFrameInputIsRefusedNamingFileAndProblem) {
     writeSceneSequence(dir, 2);
     const std::string depth = dir + "/depth/000000.png", label = dir + "/label/000000.png",
                       color = dir + "/color/000000.png", pose = dir + "/pose/000000.txt";
-    const std::string goodDepth = readText(depth), goodLabel = readText(label),
-                      goodColor = readText(color), goodPose = readText(pose);
+    std::map<std::string, std::string> good;
+    for (const std::string& file : {depth, label, color, pose})
+        good[file] = readText(file);
     std::unique_ptr<FrameSource> source = open(dir);
     const std::vector<uint8_t> grey8(kSmallWidth * kSmallHeight, 3);
     std::vector<uint16_t> ids(kSmallWidth * kSmallHeight, 3);
@@ -114,7 +116,7 @@ TEST(RecordedSequence, BadFrameInputIsRefusedNamingFileAndProblem) {
         {png(depth, makeGrey8(kSmallWidth, kSmallHeight, grey8)), depth,
          "expected a 16-bit grey depth image, found 8-bit grey"},
         {text(depth, "P5 not a png"), depth, "not a PNG file"},
-        {text(depth, goodDepth.substr(0, 60)), depth, "unreadable PNG"},
+        {text(depth, good[depth].substr(0, 60)), depth, "unreadable PNG"},
         {png(label, makeGrey8(kSmallWidth / 2, kSmallHeight, grey8)), label,
          "size 16x24 differs from the depth image's 32x24"},
         {png(label, makeRgb8(kSmallWidth / 3, kSmallHeight, grey8)), label,
@@ -132,10 +134,8 @@ TEST(RecordedSequence, BadFrameInputIsRefusedNamingFileAndProblem) {
         const std::string problem = loadProblem(*source, 0, FrameStatus::kBadInput);
         EXPECT_EQ(problem.rfind(c.file + ": ", 0), 0u) << problem;
         EXPECT_TRUE(contains(problem, c.problem)) << problem;
-        writeText(depth, goodDepth);
-        writeText(label, goodLabel);
-        writeText(color, goodColor);
-        writeText(pose, goodPose);
+        for (const auto& [file, content] : good)
+            writeText(file, content);
         loadProblem(*source, 0, FrameStatus::kOk);
     }
     // A depth image whose size differs from the sequence's first one.

@@ -122,52 +122,18 @@ TEST(ToolEndToEnd, RenderFuseSaveAndMesh) {
     EXPECT_EQ(selected[1]["frame"], 3);
 }
 
-// A lost-tracking frame is skipped and counted, but is no error; a bad frame is skipped, named,
-// counted, and makes the exit code say so; a label map can bring ids below 32.
-TEST(ToolEndToEnd, SkippedFramesAreReportedAndCounted) {
-    ScratchDir scratch;
-    const std::string seq = scratch / "seq";
-    writeSceneSequence(seq, 4);
-    const std::string lostPose = seq + "/pose/000001.txt";
-    writeText(lostPose, kLostPose);
-    ToolRun run = runTool(scratch, "fuse " + seq);
-    EXPECT_EQ(run.exitCode, kExitOk) << run.err;
-    EXPECT_EQ(summaryRow(run.out, "frames fused"), "3");
-    EXPECT_EQ(summaryRow(run.out, "frames skipped"),
-              "1 (tracking lost 1, bad input 0, refused by library 0)");
-    EXPECT_TRUE(contains(run.err, "velmora: frame 1 skipped: " + lostPose + ": tracking lost"));
-    const std::string badDepth = seq + "/depth/000002.png", badLabel = seq + "/label/000003.png";
-    std::vector<uint8_t> labels(kSmallWidth * kSmallHeight, 2);
-    writePngOrFail(badDepth, makeGrey8(kSmallWidth, kSmallHeight, labels));
-    labels.back() = 77;
-    writePngOrFail(badLabel, makeGrey8(kSmallWidth, kSmallHeight, labels));
-    run = runTool(scratch, "fuse " + seq + " --stats " + seq + ".json");
-    EXPECT_EQ(run.exitCode, kExitFramesSkipped) << run.err;
-    EXPECT_EQ(summaryRow(run.out, "frames fused"), "1");
-    EXPECT_EQ(summaryRow(run.out, "frames skipped"),
-              "3 (tracking lost 1, bad input 2, refused by library 0)");
-    EXPECT_TRUE(contains(run.err, "velmora: frame 2 skipped: " + badDepth +
-                                      ": expected a 16-bit grey depth image, found 8-bit grey"));
-    EXPECT_TRUE(contains(run.err, "velmora: frame 3 skipped: " + badLabel + ": label id 77"));
-    const json stats = readJson(seq + ".json");
-    ASSERT_EQ(stats["skipped"].size(), 3u);
-    EXPECT_EQ(stats["skipped"][1]["frame"], 2);
-    EXPECT_EQ(stats["framesSkipped"]["badInput"], 2);
-    writeText(scratch / "map.csv", "2,2\n77,12\n");
-    run = runTool(scratch, "fuse " + seq + " --label-map " + (scratch / "map.csv"));
-    EXPECT_EQ(run.exitCode, kExitFramesSkipped);
-    EXPECT_EQ(summaryRow(run.out, "frames fused"), "2");
-}
-
 // Every way the tool cannot do what it is asked, or not wholly: the exit code, a message naming
-// the file or argument, and the frames fused ("" when it stops before fusing, without a summary).
-// Combined mode needs labels with every frame; the TUM layout brings no intrinsics and its first
-// frame no ground truth.
+// the file or argument, the frames fused ("" when it stops before fusing, without a summary) and
+// skipped. A lost-tracking frame is skipped and counted, but is no error; a bad frame is skipped,
+// named, counted, and makes the exit code say so; a label map can bring ids below 32. Combined
+// mode needs labels with every frame; the TUM layout brings no intrinsics and its first frame no
+// ground truth.
 TEST(ToolEndToEnd, WrongFilesAndArgumentsAreNamedWithTheirExitCode) {
     ScratchDir scratch;
     const std::string seq = scratch / "seq", bare = scratch / "bare", part = scratch / "part",
                       tum = scratch / "tum", noK = scratch / "nok", file = scratch / "file",
-                      out = scratch / "m.ply", map = scratch / "map.csv", lost = scratch / "lost",
+                      out = scratch / "m.ply", map = scratch / "map.csv", skips = scratch / "skips",
+                      lostPose = skips + "/pose/000001.txt", badDepth = skips + "/depth/000002.png",
                       split = scratch / "split/scene", combined = scratch / "combined/scene",
                       absent = scratch / "absent", k = noK + "/intrinsic/intrinsic_depth.txt";
     writeSceneSequence(seq, 2);
@@ -177,8 +143,13 @@ TEST(ToolEndToEnd, WrongFilesAndArgumentsAreNamedWithTheirExitCode) {
     writeSceneSequence(noK, 1);
     fs::remove(k);
     writeTumSequence(tum, 3);
-    writeSceneSequence(lost, 1);
-    writeText(lost + "/pose/000000.txt", kLostPose);
+    writeSceneSequence(skips, 4);
+    writeText(lostPose, kLostPose);
+    std::vector<uint8_t> labels(kSmallWidth * kSmallHeight, 2);
+    writePngOrFail(badDepth, makeGrey8(kSmallWidth, kSmallHeight, labels));
+    labels.back() = 77;
+    writePngOrFail(skips + "/label/000003.png", makeGrey8(kSmallWidth, kSmallHeight, labels));
+    writeText(scratch / "skips.csv", "2,2\n77,12\n");
     writeText(file, "x");
     writeText(map, "77,40\n");
     ASSERT_EQ(runTool(scratch, "fuse " + seq + " --save " + split).exitCode, kExitOk);
@@ -188,7 +159,7 @@ TEST(ToolEndToEnd, WrongFilesAndArgumentsAreNamedWithTheirExitCode) {
     const struct {
         std::string args;
         int exitCode;
-        std::string message, fused;
+        std::string message, fused, skipped = "";
     } cases[] = {
         {"", usage, "", ""},
         {"explode", usage, "", ""},
@@ -203,7 +174,14 @@ TEST(ToolEndToEnd, WrongFilesAndArgumentsAreNamedWithTheirExitCode) {
         {"mesh " + split, usage, "nothing to write", ""},
         {"mesh " + split + " --truncation 0.05 --mesh " + out, usage, "--truncation must be", ""},
         {"fuse " + seq + " --frames 7:", failure, "no frames in the selected range", ""},
-        {"fuse " + lost, failure, "no frame was fused", "0"},
+        {"fuse " + skips + " --frames 1:1", failure, "no frame was fused", "0"},
+        {"fuse " + skips + " --frames 0:1", kExitOk,
+         "velmora: frame 1 skipped: " + lostPose + ": tracking lost", "1",
+         "1 (tracking lost 1, bad input 0, refused by library 0)"},
+        {"fuse " + skips + " --stats " + skips + ".json", kExitFramesSkipped,
+         "frame 2 skipped: " + badDepth + ": expected a 16-bit grey depth image, found 8-bit grey",
+         "1", "3 (tracking lost 1, bad input 2, refused by library 0)"},
+        {"fuse " + skips + " --label-map " + skips + ".csv", kExitFramesSkipped, "", "2"},
         {"fuse " + seq + " --label-map " + map, failure, map + ":1: class 40 is 32 or more", ""},
         {"fuse " + seq + " --mesh " + file + "/m.ply", failure, "cannot create the folder", ""},
         {"fuse " + seq + " --preview " + scratch.path().string(), failure, "is a folder", ""},
@@ -232,6 +210,9 @@ TEST(ToolEndToEnd, WrongFilesAndArgumentsAreNamedWithTheirExitCode) {
         EXPECT_TRUE(contains(run.err, c.message)) << run.err;
         if (!c.fused.empty()) {
             EXPECT_EQ(summaryRow(run.out, "frames fused"), c.fused);
+            if (!c.skipped.empty()) {
+                EXPECT_EQ(summaryRow(run.out, "frames skipped"), c.skipped);
+            }
             EXPECT_EQ(contains(c.args, tum), contains(summaryRow(run.out, "source"), "TUM RGB-D"));
         } else if (c.exitCode == failure) {
             EXPECT_FALSE(contains(run.out, "summary") || contains(run.err, "frames,"))
@@ -239,6 +220,10 @@ TEST(ToolEndToEnd, WrongFilesAndArgumentsAreNamedWithTheirExitCode) {
         }
     }
     EXPECT_FALSE(fs::exists(out));
+    const json stats = readJson(skips + ".json");
+    ASSERT_EQ(stats["skipped"].size(), 3u);
+    EXPECT_EQ(stats["skipped"][1]["frame"], 2);
+    EXPECT_EQ(stats["framesSkipped"]["badInput"], 2);
 }
 
 // The demo writes its volumes, mesh, planes, instances and pictures into its folder and ends with

@@ -36,11 +36,6 @@ std::vector<ObjectInstance> meeting(const InstanceReport& report, uint16_t label
     return found;
 }
 
-uint32_t idOf(const UuidBytes& uuid) {
-    return uint32_t(uuid[8]) | uint32_t(uuid[9]) << 8 | uint32_t(uuid[10]) << 16 |
-           uint32_t(uuid[11]) << 24;
-}
-
 class InstancesTest : public ::testing::TestWithParam<int32_t> {};
 INSTANTIATE_TEST_SUITE_P(BothModes, InstancesTest, ::testing::Values(kModeCombined, kModeSplit));
 
@@ -67,7 +62,7 @@ TEST_P(InstancesTest, EachBoxIsOneInstanceWithItsLabelAndBounds) {
     for (uint32_t id = 0; id < created; ++id)
         EXPECT_EQ(report.links[id].first, makeObjectUuid(0, kUuidKindInstance, id));
     for (const ObjectInstance& instance : report.instances)
-        EXPECT_EQ(report.links[idOf(instance.uuid)].second, instance.uuid);
+        EXPECT_EQ(report.links[objectIdOf(instance.uuid)].second, instance.uuid);
 }
 
 // Touching boxes of one label are one instance from the first view on; every past identity
@@ -119,14 +114,14 @@ TEST_P(InstancesTest, ARelabelledPieceGivesItsIdentitiesBack) {
         if (i == 1) {
             const auto old = meeting(readInstances(*scene), 4, box.min, box.max);
             ASSERT_EQ(old.size(), 1u);
-            oldId = idOf(old[0].uuid);
+            oldId = objectIdOf(old[0].uuid);
         }
     }
     const InstanceReport after = readInstances(*scene);
     ASSERT_EQ(after.result, kSuccess);
     EXPECT_TRUE(meeting(after, 4, box.min, box.max).empty());
     EXPECT_EQ(meeting(after, 9, box.min, box.max).size(), 1u);
-    EXPECT_EQ(idOf(after.links[oldId].second), 0u);
+    EXPECT_EQ(objectIdOf(after.links[oldId].second), 0u);
     const Solid::InstanceExtractor& extractor = internalState(*scene).mInstanceExtractor;
     size_t held = 0;
     for (const auto& block : extractor.blockInstances())

@@ -25,8 +25,6 @@ constexpr uint8_t kFloorLabel = 7;
 constexpr uint8_t kWallLabel = 9;
 // A fused surface lies within one cell of the true one; lattice answers snap to cells.
 constexpr float kCellTolerance = kCellSize;
-// Normals from a fused, quantised field are within a few degrees of the true ones.
-constexpr float kAxisTolerance = 0.05f;
 
 // Solid floor below y = 0 and a solid wall beyond x = 2.
 AnalyticScene floorAndWall() {

@@ -34,7 +34,6 @@ constexpr float kTruncation = 0.1f;
 constexpr float kQuantisation = 0.5f * kTruncation / kMaxDepthValue;
 
 using B = AttributeBlock;
-using M = PolygonMesh;
 
 // A mesh of `n` vertices at (i, 0, 0) and the given triangles, optionally with ids.
 PolygonMesh makeMesh(int n, std::initializer_list<unsigned int> indices,
