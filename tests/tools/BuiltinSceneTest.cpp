@@ -1,8 +1,7 @@
-// The tool's built-in scene: rendered depth, labels and colours, and the noise.
+// The tool's built-in scene: rendered depth and labels, the noise, and the true distances.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <set>
 
 #include "velmora/BuiltinScene.h"
 
@@ -53,33 +52,8 @@ TEST(BuiltinScene, DepthOfAWallAndTheBallAndTheNoise) {
     const size_t middle = 240 * kDefaultWidth + 320;
     EXPECT_EQ(ball.labels8[middle], objectInfo(SceneObject::kBall).label);
     EXPECT_NEAR(ball.depthMm[middle], (1.0 - ballRadius()) * 1000.0, 1);
-}
-
-// Over one loop of the path every object is seen, each pixel with the label and one of the two
-// shades of the same object (the demo's accuracy guards the path and the rest of the truth).
-TEST(BuiltinScene, PathSeesEveryObjectWithItsLabelAndColours) {
-    std::set<uint8_t> seen;
-    for (size_t i = 0; i < 12; ++i) {
-        const Frame frame = render(cameraPose(i, 12));
-        for (size_t p = 0; p < frame.depthMm.size(); p += 7) {
-            int o = 0;
-            while (o < int(SceneObject::kCount) &&
-                   objectInfo(SceneObject(o)).label != frame.labels8[p])
-                ++o;
-            ASSERT_LT(o, int(SceneObject::kCount)) << int(frame.labels8[p]);
-            const std::array<uint8_t, 3> light = objectInfo(SceneObject(o)).color;
-            bool isLight = true, isDark = true;
-            for (int c = 0; c < 3; ++c) {
-                isLight = isLight && frame.rgb[p * 3 + c] == light[c];
-                isDark = isDark && frame.rgb[p * 3 + c] == std::lround(light[c] * kCheckerShade);
-            }
-            ASSERT_TRUE(isLight || isDark) << "pixel " << p << " of frame " << i;
-            ASSERT_GT(frame.depthMm[p], 0);
-            seen.insert(frame.labels8[p]);
-        }
-    }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(SceneObject::kCount));
-    // The truth's distances are the geometry's.
+    // The truth's distances are the geometry's (the demo's accuracy guards the path and the rest
+    // of the truth).
     EXPECT_NEAR(surfaceDistance({0.65, 0.6, 0.3}), 0.15, 1e-9) << "in the small box, below its top";
     EXPECT_NEAR(surfaceDistance({-0.02, 1.5, 1.5}), 0.02, 1e-9) << "behind the west wall";
 }

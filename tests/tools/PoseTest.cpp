@@ -60,37 +60,27 @@ TEST(PoseConversion, QuaternionPassesTheUnitTestAndReproducesTheRotation) {
     }
 }
 
-// Scaled, sheared, reflected and projective poses are refused with the reason; a rotation within
-// the tolerance passes; any non-finite entry marks lost tracking.
+// Sheared and projective poses are refused with the reason (scaled and reflected ones are cases of
+// the sequence tests); a rotation within the tolerance passes; a non-finite entry marks lost
+// tracking (NaN: the tool's tests of lost frames).
 TEST(PoseValidation, RefusesWhatIsNoRigidTransformAndMarksNonFiniteOnes) {
     std::mt19937 rng(11);
     const Matrix4d rigid = randomPose(rng);
-    std::string problem;
-    ASSERT_TRUE(checkRigid(rigid, problem)) << problem;
-    Matrix4d scaled = rigid, sheared = identityMatrix(), reflected = rigid, projective = rigid,
-             nearlyRigid = rigid;
-    for (int row = 0; row < 3; ++row) {
-        for (int column = 0; column < 3; ++column)
-            scaled[row * 4 + column] *= 1.01;
-        reflected[row * 4 + 2] = -reflected[row * 4 + 2];
-    }
+    Matrix4d sheared = identityMatrix(), projective = rigid, nearlyRigid = rigid;
     sheared[1] = 0.05;
     projective[14] = 0.5;
     nearlyRigid[0] += kRigidTolerance / 10;
+    std::string problem;
+    EXPECT_TRUE(checkRigid(rigid, problem) && checkRigid(nearlyRigid, problem)) << problem;
     for (const auto& [pose, reason] :
-         {std::make_pair(scaled, "not orthonormal"), std::make_pair(sheared, "not orthonormal"),
-          std::make_pair(reflected, "determinant -1"), std::make_pair(projective, "last row")}) {
+         {std::make_pair(sheared, "not orthonormal"), std::make_pair(projective, "last row")}) {
         EXPECT_FALSE(checkRigid(pose, problem)) << reason;
         EXPECT_NE(problem.find(reason), std::string::npos) << problem;
     }
-    EXPECT_TRUE(checkRigid(nearlyRigid, problem)) << problem;
-    EXPECT_TRUE(isFinitePose(identityMatrix()));
-    for (double bad : {std::nan(""), std::numeric_limits<double>::infinity(),
-                       -std::numeric_limits<double>::infinity()}) {
-        for (size_t i : {size_t{0}, size_t{7}, size_t{15}}) {
-            Matrix4d lost = identityMatrix();
-            lost[i] = bad;
-            EXPECT_FALSE(isFinitePose(lost)) << "entry " << i;
-        }
+    EXPECT_TRUE(isFinitePose(rigid));
+    for (const size_t i : {size_t{7}, size_t{15}}) {
+        Matrix4d lost = rigid;
+        lost[i] = (i == 7 ? 1 : -1) * std::numeric_limits<double>::infinity();
+        EXPECT_FALSE(isFinitePose(lost)) << "entry " << i;
     }
 }

@@ -46,11 +46,9 @@ json readJson(const std::string& path) {
 TEST(ToolEndToEnd, RenderFuseSaveAndMesh) {
     ScratchDir scratch;
     const std::string seq = scratch / "seq";
-    for (const char* command : {"render-scene", "fuse", "demo", "mesh", "accuracy"}) {
-        const ToolRun help = runTool(scratch, command + std::string(" --help"));
-        EXPECT_EQ(help.exitCode, kExitOk) << command;
-        EXPECT_TRUE(contains(help.out, "Usage:") && contains(help.out, "Exit codes:")) << help.out;
-    }
+    const ToolRun help = runTool(scratch, "fuse --help");
+    EXPECT_EQ(help.exitCode, kExitOk);
+    EXPECT_TRUE(contains(help.out, "Usage:") && contains(help.out, "Exit codes:")) << help.out;
     ToolRun run = runTool(
         scratch, "render-scene " + seq + " --frames 4 --noise 1.5 --seed 3 --size " + kSize);
     ASSERT_EQ(run.exitCode, kExitOk) << run.err;
