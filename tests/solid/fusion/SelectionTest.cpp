@@ -180,35 +180,6 @@ TEST(BorderCopy, EveryLowerNeighbourReceivesExactlyItsPlanes) {
     }
 }
 
-// The pass over a frame's blocks, which looks each key up once, copies what copying the blocks
-// one at a time in the order of the set copies: on a 3x3x3 cube of blocks of distinct samples,
-// where most keys are both a source and a neighbour of several sources.
-TEST(BorderCopy, ThePassCopiesAsBlockByBlock) {
-    DepthGrid pass;
-    DepthGrid single;
-    IndexSet blocks;
-    for (DepthGrid* grid : {&pass, &single}) {
-        grid->set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
-        for (int b = 0; b < 27; ++b) {
-            const KeyType key(b % 3, b / 3 % 3, b / 9);
-            grid->ensure(key);
-            blocks.insert(key);
-            for (int i = 0; i < 729; ++i)
-                grid->get(key)->data()[i] = Vec2S(short(b * 729 + i), short(1 + b));
-        }
-    }
-    IndexSet updated;
-    for (const KeyType& key : blocks)
-        copySubvolumeBorder(key, *single.get(key), single, updated);
-    IntegrationStats stats;
-    copyBorders(pass, stats, blocks);
-    EXPECT_EQ(blocks.size(), 27u);
-    for (const KeyType& key : blocks)
-        ASSERT_EQ(0,
-                  std::memcmp(pass.get(key)->data(), single.get(key)->data(), 729 * sizeof(Vec2S)))
-            << key(0) << " " << key(1) << " " << key(2);
-}
-
 using Velmora::Test::PinholeCamera;
 
 // The search as it reads in words: each valid pixel unprojected on its own, its block and the
