@@ -2,10 +2,7 @@
 // cameras the first colour frame fixes.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "HostScenes.h"
-#include "solid/query/Raycast.h"
 
 namespace Velmora {
 namespace {
@@ -139,41 +136,6 @@ TEST(FramePaths, ColourFramesBecomeKeyframesWithTheirDepth) {
         ASSERT_EQ(f.mTexture.keyframes.size(), 2u);
         EXPECT_EQ(f.mTexture.keyframes[1].rgb.width(), 40);
         EXPECT_GT(blockCount(*fresh), blocks);
-    }
-}
-
-// In split mode the label and the colour image of one view render the volume once: every colour
-// keyframe's depth is bit for bit a fresh rendering of the volume from its camera (the frame
-// path's near and far plane and step), also after a depth frame from elsewhere changed the
-// volume, and after a label or colour image from another camera.
-TEST(FramePaths, LabelAndColourOfOneViewShareTheirRendering) {
-    const PinholeCamera cameras[2] = {wallCamera(),
-                                      viewFrom({1.0, 0.5, 1.3}, {3.8, 2.6, 0.9}, 80, 60, 65.0)};
-    const RenderedFrame frames[2] = {render(room(), cameras[0]), render(room(), cameras[1])};
-    auto scene = makeScene(kModeSplit);
-    Impl::State& s = internalState(*scene);
-    fuseView(*scene, kModeSplit, room(), cameras[0], false);
-    // Label, colour or depth image of the first (0) or the other view (1).
-    const std::pair<char, int> steps[] = {{'l', 0}, {'c', 0}, {'d', 1}, {'c', 0},
-                                          {'l', 1}, {'c', 0}, {'c', 1}, {'c', 0}};
-    for (const auto& [kind, view] : steps) {
-        const RenderedFrame& f = frames[view];
-        const Image image = kind == 'l'   ? f.labelImage()
-                            : kind == 'c' ? f.colorImage()
-                                          : f.depthImage();
-        ASSERT_EQ(submitOne(*scene, cameras[view], image), kSuccess);
-        if (kind != 'c')
-            continue;
-        const Solid::RGBDFrame& kept = s.mTexture.keyframes.back();
-        Solid::DepthFrame fresh;
-        fresh.depth.allocPixels(kept.depth.size());
-        fresh.projection = kept.projection;
-        fresh.pose = kept.pose;
-        Solid::IntegrationStats stats;
-        Solid::raycast(*s.mVolumeGrid, 0.05f, 5.0f, 1.0f, fresh, stats);
-        for (int i = 0; i < 80 * 60; ++i)
-            ASSERT_EQ(0, std::memcmp(&kept.depth(i % 80, i / 80), &fresh.depth(i % 80, i / 80), 4))
-                << s.mTexture.keyframes.size() << ": " << i;
     }
 }
 
