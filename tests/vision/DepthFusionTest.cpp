@@ -1,5 +1,6 @@
-// The depth-fusion kernel: reciprocal table, stride defaults and fallback of the entry, a
-// voxel-by-voxel recomputation on random inputs, and the vector variants against the portable one.
+// The depth-fusion kernel: reciprocal table, stride defaults of the entry, a voxel-by-voxel
+// recomputation on random inputs, and the vector variants against the portable one (the entry's
+// fallback to the portable kernel runs every kernel test of the build without AVX2).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -63,21 +64,6 @@ TEST(TvrDepthFusionEntry, ZeroStridesTakeTheirDefaults) {
     EXPECT_EQ(volumes[kTvrDefaultVolumeStride / 2 + 1], 1);
     EXPECT_EQ(volumes[kTvrPlaneBytes * 7 / 2], 32766);
     EXPECT_EQ(volumes[kTvrPlaneBytes * 7 / 2 + 1], 2) << "fused by both blocks";
-}
-
-TEST(TvrDepthFusionEntry, ModesAndFallbackToPortable) {
-    const TvrMode initial = tvrGetMode();
-#if defined(__x86_64__)
-    EXPECT_FALSE(tvrSetMode(kTvrModeNeon));
-    EXPECT_EQ(tvrGetMode(), initial);
-#endif
-    // The reserved slot has no implementation: the entry must fall back to the portable kernel.
-    ASSERT_TRUE(tvrSetMode(kTvrModeReserved));
-    const VisionTest::Comparison fallback =
-        VisionTest::compareWithPortable(tvrDepthFusion8x8x8xNs16, 11, 40);
-    ASSERT_TRUE(tvrSetMode(initial));
-    EXPECT_EQ(fallback.failed, 0u) << fallback.firstFailure;
-    EXPECT_GT(fallback.changedSamples, 0u);
 }
 
 // The update rule written voxel by voxel, without the streaming of the kernel: each position is

@@ -1,6 +1,6 @@
 // Plane detection: the robust fit of one block and its normal equations, the forest on a fused
 // room (one root per floor, wall and table top; removals keep it consistent), merges kept apart
-// by the fit error and by the angle, and the geometry, labels and outlines of new roots.
+// by the fit error and by the angle, and the geometry and outlines of new roots.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -150,50 +150,23 @@ TEST(Plane3DEquationsDeathTest, SumsSolveErrorsAndBrokenInputs) {
     EXPECT_DEATH(AR::CV::Geometry::Plane3D<float>(AR::Math::Vector<float, 4>::zeros()), "isValid");
 }
 
-class PlaneForest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        grid = new Solid::DepthGrid();
-        Velmora::Test::configureGrid(*grid, kCellSize);
-        const AnalyticScene scene = Velmora::Test::furnishedRoom();
-        for (const auto& camera : Velmora::Test::roomTour(160, 120, 24))
-            Velmora::Test::fuseView(*grid, scene, camera, kTruncation);
-    }
-    static void TearDownTestSuite() { delete grid; }
-
-    void SetUp() override {
-        detector.configure(kTruncation, kMaxStdError, kMaxAngle, kIterations, 0.0f);
-        grid->for_each(
-            [&](const Solid::KeyType& key, const Solid::DepthVolume&) { allBlocks.insert(key); });
-        detector.fitPlanes(*grid, allBlocks);
-        roots = detector.mergePlanes(allBlocks);
-    }
-
-    // Every leaf ends at a valid root or is alone; a root holds the sums of its blocks.
-    void expectConsistent() const {
-        size_t leaves = 0;
-        for (PlaneID id = 1; id < detector.numCreatedNodes(); ++id) {
-            const PlaneDetector::Node& node = detector.getNode(id);
-            if (node.isLeaf()) {
-                ++leaves;
-                const PlaneDetector::Node& root = detector.getNode(detector.getRootID(id));
-                EXPECT_TRUE(root.isRoot() || root.id == id) << "leaf " << id;
-                EXPECT_EQ(detector.getRootID(*node.blocks.begin()), root.id);
-            }
-            if (node.isRoot()) {
-                EXPECT_EQ(node.equations.getNumBlocks(), node.blocks.size()) << "root " << id;
-            }
+// Every leaf ends at a valid root or is alone; a root holds the sums of its blocks.
+void expectConsistent(const PlaneDetector& detector) {
+    size_t leaves = 0;
+    for (PlaneID id = 1; id < detector.numCreatedNodes(); ++id) {
+        const PlaneDetector::Node& node = detector.getNode(id);
+        if (node.isLeaf()) {
+            ++leaves;
+            const PlaneDetector::Node& root = detector.getNode(detector.getRootID(id));
+            EXPECT_TRUE(root.isRoot() || root.id == id) << "leaf " << id;
+            EXPECT_EQ(detector.getRootID(*node.blocks.begin()), root.id);
         }
-        EXPECT_EQ(leaves, detector.numLeafNodes());
+        if (node.isRoot()) {
+            EXPECT_EQ(node.equations.getNumBlocks(), node.blocks.size()) << "root " << id;
+        }
     }
-
-    static Solid::DepthGrid* grid;
-    PlaneDetector detector;
-    Solid::IndexSet allBlocks;
-    Solid::PlaneIDSet roots;
-};
-
-Solid::DepthGrid* PlaneForest::grid = nullptr;
+    EXPECT_EQ(leaves, detector.numLeafNodes());
+}
 
 // Floor, the four walls and the table top of the furnished room.
 const TruePlane kRoomPlanes[] = {
@@ -205,12 +178,23 @@ const TruePlane kRoomPlanes[] = {
     {Vec3(0.f, 0.f, 1.f), -static_cast<float>(Velmora::Test::kTableTop)},
 };
 
-TEST_F(PlaneForest, EachPlaneOfTheRoomIsOneRootAndRemovalsKeepTheForestConsistent) {
+TEST(PlaneForest, EachPlaneOfTheRoomIsOneRootAndRemovalsKeepTheForestConsistent) {
+    Solid::DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kCellSize);
+    for (const auto& camera : Velmora::Test::roomTour(160, 120, 24))
+        Velmora::Test::fuseView(grid, Velmora::Test::furnishedRoom(), camera, kTruncation);
+    PlaneDetector detector;
+    detector.configure(kTruncation, kMaxStdError, kMaxAngle, kIterations, 0.0f);
+    Solid::IndexSet allBlocks;
+    grid.for_each(
+        [&](const Solid::KeyType& key, const Solid::DepthVolume&) { allBlocks.insert(key); });
+    detector.fitPlanes(grid, allBlocks);
+    const Solid::PlaneIDSet roots = detector.mergePlanes(allBlocks);
     for (const TruePlane& truth : kRoomPlanes)
         EXPECT_EQ(rootsOf(detector, truth).size(), 1u) << truth.offset;
     // Every root of this first update is new.
     EXPECT_EQ(roots.size(), detector.getRootIDs().size());
-    expectConsistent();
+    expectConsistent(detector);
 
     // Removing the table's blocks shrinks its root, solved again, and finally kills it.
     const PlaneID tableRoot = rootsOf(detector, kRoomPlanes[5]).at(0);
@@ -229,7 +213,7 @@ TEST_F(PlaneForest, EachPlaneOfTheRoomIsOneRootAndRemovalsKeepTheForestConsisten
     EXPECT_EQ(detector.getNode(tableRoot).id, PlaneDetector::INVALID);
     EXPECT_EQ(detector.getRootID(firstLeaf), tableRoot) << "the dead leaf's link stays";
     EXPECT_EQ(detector.getRootIDs().count(tableRoot), 0u);
-    expectConsistent();
+    expectConsistent(detector);
 }
 
 TEST(PlaneMerging, ALowBoxTopStaysApartFromTheFloor) {
@@ -287,35 +271,6 @@ TEST(PlaneMerging, AShallowCreaseIsNotMergedAcross) {
     EXPECT_GT(sides[1], 0);
 }
 
-// An L-shaped floor at z = 0.1: 2.4 m square less the corner column from (1.2, 1.2) on.
-class LShapedFloor : public ::testing::Test {
-protected:
-    LShapedFloor() : scene(floorAt(0.1)) {
-        scene.add(Velmora::Test::makeBox({1.2, 1.2, 0.0}, {5.0, 5.0, 3.0}, 2, {0, 0, 0}));
-        blocks = exactLayer(grid, scene, 0, 5, 0, 5);
-        Velmora::Test::configureGrid(labels, kCellSize);
-    }
-
-    // A detector with contour parameter `alpha`, brought up to date as the scene's query does;
-    // returns the floor root.
-    const PlaneDetector::Node& detect(PlaneDetector& detector, float alpha, bool withLabels) {
-        detector.configure(kTruncation, 0.01f, kMaxAngle, kIterations, alpha);
-        detector.fitPlanes(grid, blocks);
-        const Solid::PlaneIDSet roots = detector.mergePlanes(blocks);
-        detector.updateGeometry(grid, roots);
-        if (withLabels)
-            detector.updateLabels(grid, labels, roots);
-        detector.updateContours(grid, roots);
-        EXPECT_EQ(roots.size(), 1u);
-        return detector.getNode(roots.empty() ? PlaneDetector::INVALID : *roots.begin());
-    }
-
-    AnalyticScene scene;
-    Solid::DepthGrid grid;
-    Solid::LabelGrid labels;
-    Solid::IndexSet blocks;
-};
-
 // Twice the signed area of a closed polygon in x and y.
 double shoelace(const std::vector<Vec3>& ring) {
     double area = 0.0;
@@ -335,10 +290,26 @@ bool inside(const std::vector<Vec3>& ring, float x, float y) {
     return in;
 }
 
-TEST_F(LShapedFloor, AlphaShapeIsConcaveWhereTheHullIsNot) {
+// An L-shaped floor at z = 0.1: 2.4 m square less the corner column from (1.2, 1.2) on.
+TEST(LShapedFloor, AlphaShapeIsConcaveWhereTheHullIsNot) {
+    AnalyticScene scene = floorAt(0.1);
+    scene.add(Velmora::Test::makeBox({1.2, 1.2, 0.0}, {5.0, 5.0, 3.0}, 2, {0, 0, 0}));
+    Solid::DepthGrid grid;
+    const Solid::IndexSet blocks = exactLayer(grid, scene, 0, 5, 0, 5);
+    // The floor root of a detector with contour parameter `alpha`, brought up to date as the
+    // scene's query does.
+    const auto detect = [&](PlaneDetector& detector, float alpha) -> const PlaneDetector::Node& {
+        detector.configure(kTruncation, 0.01f, kMaxAngle, kIterations, alpha);
+        detector.fitPlanes(grid, blocks);
+        const Solid::PlaneIDSet roots = detector.mergePlanes(blocks);
+        detector.updateGeometry(grid, roots);
+        detector.updateContours(grid, roots);
+        EXPECT_EQ(roots.size(), 1u);
+        return detector.getNode(roots.empty() ? PlaneDetector::INVALID : *roots.begin());
+    };
     PlaneDetector hullDetector, alphaDetector;
-    const PlaneDetector::Node& hull = detect(hullDetector, 0.0f, false);
-    const PlaneDetector::Node& alpha = detect(alphaDetector, 0.15f, false);
+    const PlaneDetector::Node& hull = detect(hullDetector, 0.0f);
+    const PlaneDetector::Node& alpha = detect(alphaDetector, 0.15f);
     for (const auto* node : {&hull, &alpha}) {
         ASSERT_GE(node->contour.size(), 4u);
         EXPECT_EQ(node->contour.front(), node->contour.back()) << "closed";
@@ -357,15 +328,6 @@ TEST_F(LShapedFloor, AlphaShapeIsConcaveWhereTheHullIsNot) {
     const double alphaArea = std::abs(shoelace(alpha.contour)) / 2.0;
     EXPECT_NEAR(alphaArea, 4.7, 0.3);
     EXPECT_GT(std::abs(shoelace(hull.contour)) / 2.0, alphaArea + 0.2);
-}
-
-TEST_F(LShapedFloor, LabelsComeFromTheLabelGridWhereItHasBlocks) {
-    PlaneDetector noLabelBlocks;
-    EXPECT_EQ(detect(noLabelBlocks, 0.0f, true).label, 0) << "no label block yet, no abort";
-    std::vector<Solid::KeyType> keys(blocks.begin(), blocks.end());
-    Velmora::Test::writeExactBlocks(labels, scene, kTruncation, keys, 2);
-    PlaneDetector labelled;
-    EXPECT_EQ(detect(labelled, 0.0f, true).label, 1);
 }
 
 TEST(PlaneDetectorDeathTest, OutOfRangeIdentitiesAbort) {
