@@ -157,17 +157,12 @@ TEST(Trace, RecordsHaveTheirFormsNothingIsWrittenWhenOffAndAMissingMarkerWarns) 
     const std::string pid = std::to_string(getpid());
     AR::Common::Trace::begin("before");  // off: no record
     ASSERT_TRUE(AR::Common::Trace::enableAt(path.c_str()));
-    {
-        AR::Common::ScopedTrace span("Integration");
-        AR::Common::Trace::counter("blocks", int32_t{-7});
-        AR::Common::Trace::counter("bytes", int64_t{123456789012});
-    }
+    { AR::Common::ScopedTrace span("Integration"); }  // the counters have no user in the system
     AR::Common::Trace::disable();
     AR::Common::Trace::end();  // off again
     std::stringstream content;
     content << std::ifstream(path).rdbuf();
-    EXPECT_EQ(content.str(),
-              "B|" + pid + "|IntegrationC|" + pid + "|blocks|-7C|" + pid + "|bytes|123456789012E");
+    EXPECT_EQ(content.str(), "B|" + pid + "|IntegrationE");
     std::remove(path.c_str());
 
     CapturedLog log;

@@ -58,25 +58,19 @@ TEST(PlatformError, CodeIsReadOnceAndInvalidCodesBecomeFour) {
               std::string::npos);
 }
 
-// Records its destruction; optionally goes back to a "pool" instead of being destroyed.
+// Records its destruction.
 class Tracked : public RefCounterUnprotected {
 public:
-    explicit Tracked(int* destroyed, bool pooled = false)
-        : mDestroyed(destroyed), mPooled(pooled) {}
+    explicit Tracked(int* destroyed) : mDestroyed(destroyed) {}
     ~Tracked() override { ++*mDestroyed; }
-    bool recycle() override {
-        RefCounterUnprotected::recycle();
-        mRecycled += mPooled;
-        return mPooled;
-    }
-    int mRecycled = 0;
 
 private:
     int* mDestroyed;
-    bool mPooled;
 };
 
-TEST(RefCounter, ReleaseDestroysAtZeroUnlessRecycledAndDelegatesCountForTheirParts) {
+// (Delegates and pooled objects have no user in the system: their preconditions are the death
+// test's, their counting the concurrency test's.)
+TEST(RefCounter, ReleaseDestroysAtZeroAndPointersCountTheirCopies) {
     int destroyed = 0;
     auto* object = new Tracked(&destroyed);
     EXPECT_EQ(object->addRef(), 1);
@@ -84,28 +78,14 @@ TEST(RefCounter, ReleaseDestroysAtZeroUnlessRecycledAndDelegatesCountForTheirPar
     EXPECT_EQ(object->release(), 1);
     AR::Common::releaseRef(object);  // 1 -> 0: recycle says no, so the object goes
     EXPECT_EQ(destroyed, 1);
-
-    Tracked pooled(&destroyed, true);
     {
-        AR::Common::RefPtr<Tracked> first(&pooled);
+        AR::Common::RefPtr<Tracked> first(new Tracked(&destroyed));
         AR::Common::RefPtr<Tracked> second = first;
         AR::Common::RefPtr<Tracked> moved(std::move(second));
-        EXPECT_EQ(pooled.getRefCount(), 2);
+        EXPECT_EQ(first->getRefCount(), 2);
         EXPECT_FALSE(second);
     }
-    EXPECT_EQ(pooled.getRefCount(), 0);
-    EXPECT_EQ(pooled.mRecycled, 1);
-    EXPECT_EQ(destroyed, 1);
-
-    auto* owner = new Tracked(&destroyed);
-    Tracked part(&destroyed);
-    part.setDelegate(owner);
-    EXPECT_EQ(part.addRef(), 1);
-    EXPECT_EQ(owner->getRefCount(), 1);
-    EXPECT_EQ(part.getInstance(), owner);
-    AR::Common::releaseRef(&part);  // the delegate's life is what the count governs
     EXPECT_EQ(destroyed, 2);
-    EXPECT_EQ(part.getOwnCountField(), RefCounterUnprotected::kDelegateMarker);
 }
 
 TEST(RefCounterDeathTest, PreconditionsOfDelegateAndRecycleAbort) {

@@ -1,18 +1,16 @@
-// The vision layer: the linear camera the frame path builds, images and their bounds checks, and
-// outlines of point sets (convex hulls, Delaunay triangulation, concave alpha shapes).
+// The vision layer: the linear camera the frame path builds, the bounds checks of images (their
+// copies and buffers: every scene test, under the sanitizers too), and outlines of point sets
+// (convex hulls, Delaunay triangulation, concave alpha shapes).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <set>
 #include <string>
-#include <type_traits>
 #include <vector>
 
-#include "common/OS.h"
 #include "cv/Camera.h"
 #include "cv/CameraModel.h"
 #include "cv/Image.h"
@@ -20,9 +18,7 @@
 
 namespace {
 
-using AR::Common::OS;
 using AR::CV::Image;
-using AR::CV::Pixel24;
 using AR::CV::Size2i;
 using AR::CV::PolygonUtil::Triangle;
 using AR::CV::PolygonUtil::Vec2;
@@ -106,61 +102,6 @@ TEST(CameraDeathTest, PreconditionsAbort) {
     // A camera that was never initialised has no spline to evaluate.
     Camera::Vec2 pixel;
     EXPECT_DEATH(Camera().tryProjectToPix(Camera::Vec3(0.0f, 0.0f, 1.0f), pixel), "isInit");
-}
-
-// A value per pixel index that differs between neighbouring pixels and rows for every type.
-template <typename T>
-T pixelValue(int i) {
-    if constexpr (std::is_same_v<T, Pixel24>) {
-        return Pixel24{static_cast<uint8_t>(i), static_cast<uint8_t>(i + 1),
-                       static_cast<uint8_t>(i * 3)};
-    } else {
-        return static_cast<T>(i * 7 % 251);
-    }
-}
-template <typename T>
-bool holdsFill(const Image<T>& image) {
-    bool same = true;
-    for (int i = 0; i < image.numPixels(); ++i) {
-        const T expected = pixelValue<T>(i % image.width() + 100 * (i / image.width()));
-        same = same &&
-               !std::memcmp(&image(i % image.width(), i / image.width()), &expected, sizeof(T));
-    }
-    return same;
-}
-
-template <typename T>
-class ImageTyped : public testing::Test {};
-using PixelTypes = testing::Types<float, unsigned short, unsigned char, Pixel24>;
-TYPED_TEST_SUITE(ImageTyped, PixelTypes);
-
-TYPED_TEST(ImageTyped, OwnedBufferIsAlignedDescribedAndFreed) {
-    const int64_t aligned = OS::getNumAlignedBuffers();
-    {
-        Image<TypeParam> image(Size2i(7, 3));
-        EXPECT_EQ(OS::getNumAlignedBuffers(), aligned + 1);
-        EXPECT_TRUE(image.isOwned());
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(image.pixels()) % 16, 0u);
-        EXPECT_EQ(image.numPixels(), 21);
-        EXPECT_EQ(image.rowBytes(), 7 * sizeof(TypeParam));
-        EXPECT_EQ(image.description().formatTag, AR::CV::formatTagOf<TypeParam>());
-        for (int i = 0; i < 21; ++i)
-            image(i % 7, i / 7) = pixelValue<TypeParam>(i % 7 + 100 * (i / 7));
-        EXPECT_TRUE(holdsFill(image));
-
-        Image<TypeParam> copy(image, AR::Common::ALIGNMENT_64);
-        EXPECT_NE(copy.pixels(), image.pixels());
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(copy.pixels()) % 64, 0u);
-        EXPECT_TRUE(holdsFill(copy));
-        copy(0, 0) = pixelValue<TypeParam>(999);
-        EXPECT_TRUE(holdsFill(image));
-
-        Image<TypeParam> moved(std::move(copy));
-        EXPECT_EQ(copy.pixels(), nullptr);
-        EXPECT_FALSE(copy.isOwned());
-        EXPECT_EQ(OS::getNumAlignedBuffers(), aligned + 2);
-    }
-    EXPECT_EQ(OS::getNumAlignedBuffers(), aligned);
 }
 
 TEST(ImageDeathTest, EveryAccessIsBoundsChecked) {

@@ -309,8 +309,6 @@ TEST(CommandArguments, OutputPathsPercentilesAndCompoundArguments) {
     EXPECT_TRUE(prepareOutputs(options, error)) << error;
     EXPECT_TRUE(fs::is_directory(scratch.path() / "new/dir"));
     EXPECT_FALSE(fs::exists(scratch.path() / "new/dir/scene.ply")) << "probe left behind";
-    EXPECT_EQ(previewPlanesPath("out/preview.png"), "out/preview-planes.png");
-    EXPECT_EQ(previewPlanesPath("pic"), "pic-planes");
 
     const std::vector<double> tens{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     EXPECT_EQ(percentile({}, 0.5), 0.0);

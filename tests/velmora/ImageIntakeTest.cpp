@@ -73,11 +73,6 @@ TEST(ImageIntake, LabelsAreViewedOrSaturatedColourIsCopied) {
     EXPECT_EQ(frame.rgb(0, 1).c1, 31);
     EXPECT_EQ(frame.depth(1, 1), 1.0f);
     EXPECT_EQ(frame.timestamp, 5);
-
-    Solid::LabelFrame labelFrame = makeLabelFrame(8, label16);
-    EXPECT_EQ(labelFrame.timestamp, 8);
-    EXPECT_EQ(labelFrame.labels(1, 0), 7);
-    EXPECT_EQ(labelFrame.pose(0, 0), 1.0f);
 }
 
 TEST(ImageIntake, ImagesAreFoundByKindAndTheLaterWins) {

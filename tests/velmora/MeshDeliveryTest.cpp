@@ -2,6 +2,7 @@
 // colours, re-meshing, the result codes and the buffer checks.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -45,13 +46,10 @@ std::map<std::array<int, 3>, const void*> meshStreams(Impl& scene, bool colours)
 // Whether a block may be re-meshed after `changed` blocks changed: they and their lower
 // neighbours, which take their borders.
 bool mayChange(const std::array<int, 3>& key, const Solid::IndexSet& changed) {
-    for (const Solid::KeyType& c : changed) {
-        if (key[0] <= c[0] && key[1] <= c[1] && key[2] <= c[2] && c[0] - key[0] <= 1 &&
-            c[1] - key[1] <= 1 && c[2] - key[2] <= 1) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(changed.begin(), changed.end(), [&key](const Solid::KeyType& c) {
+        return key[0] <= c[0] && key[1] <= c[1] && key[2] <= c[2] && c[0] - key[0] <= 1 &&
+               c[1] - key[1] <= 1 && c[2] - key[2] <= 1;
+    });
 }
 
 class MeshDeliveryTest : public ::testing::TestWithParam<int32_t> {

@@ -14,24 +14,6 @@ using Test::CapturedLog;
 using Test::planeConfig;
 using Test::sceneConfig;
 
-// The text is fixed and needs no init; the pointer stays valid for the life of the object; the
-// call logs once at the default level and not below it.
-TEST(SceneLifecycle, VersionTextIsExactNeedsNoInitAndLogsAtTheDefaultLevel) {
-    std::unique_ptr<IVelmora> scene(newVelmora());
-    const char* version = nullptr;
-    {
-        CapturedLog log;
-        version = scene->getVersion();
-        EXPECT_STREQ(version, "2.0.3a KELP-velmora-build-3177 Dec 21 2021 12:50:05");
-        AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::LEVEL_WARNING);
-        scene->getVersion();
-        AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::kDefaultLevel);
-        EXPECT_EQ(log.lines, std::vector<std::string>{"AR DEBUG: Impl::getVersion()\n"});
-    }
-    ASSERT_EQ(scene->init(sceneConfig(1, 0.02f, 0.1f)), kSuccess);
-    EXPECT_EQ(scene->getVersion(), version);
-}
-
 // cellSize is checked before truncation; five cells is the least truncation; a failed init
 // leaves the object as constructed; the run mode is not checked.
 TEST(SceneLifecycle, InitChecksConfigInOrderAndChangesNothingOnFailure) {
@@ -86,10 +68,22 @@ TEST(SceneLifecycle, EveryIntrinsicsFieldMustBeFiniteAndAboveZero) {
     }
 }
 
-// Before init every call says so, the collision queries answer unknown space, and saving and
-// loading fail; after init, planes need their detection and placement a direction.
-TEST(SceneLifecycle, OperationsBeforeInitAndWithoutTheirFeature) {
+// The version text is fixed and needs no init; the pointer stays valid for the life of the
+// object; the call logs once at the default level and not below it. Before init every other call
+// says so, the collision queries answer unknown space, and saving and loading fail; after init,
+// planes need their detection and placement a direction.
+TEST(SceneLifecycle, VersionAndOperationsBeforeInitAndWithoutTheirFeature) {
     Impl scene;
+    const char* version = nullptr;
+    {
+        CapturedLog log;
+        version = scene.getVersion();
+        EXPECT_STREQ(version, "2.0.3a KELP-velmora-build-3177 Dec 21 2021 12:50:05");
+        AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::LEVEL_WARNING);
+        scene.getVersion();
+        AR::Common::Logger::getInstance().setLevel(AR::Common::Logger::kDefaultLevel);
+        EXPECT_EQ(log.lines, std::vector<std::string>{"AR DEBUG: Impl::getVersion()\n"});
+    }
     const XrPosefVLM pose{{0, 0, 0, 1}, {0, 0, 0}};
     PolygonMesh mesh{};
     span<ObjectInstance> instances{};
@@ -118,6 +112,7 @@ TEST(SceneLifecycle, OperationsBeforeInitAndWithoutTheirFeature) {
     EXPECT_EQ(scene.loadVolumes("never-read"), 0);
 
     ASSERT_EQ(scene.init(sceneConfig(1, 0.02f, 0.1f)), kSuccess);
+    EXPECT_EQ(scene.getVersion(), version);
     EXPECT_EQ(scene.getPlanes(planes, links), kErrorPlanesDisabled);
     EXPECT_EQ(place({0, 0, 0}), kErrorDirectionZero);
     Impl withPlanes;

@@ -79,7 +79,7 @@ TEST(BlockSelection, APixelHitsItsBlockAndTheFaceNeighboursWithinTheRamp) {
 
 TEST(BlockSelection, BestDistanceFilterIgnoresPixelsFartherThanItsFactor) {
     DepthGrid grid;
-    grid.set(Size(9, 9, 9), Vec3(kSpacing, kSpacing, kSpacing));
+    Velmora::Test::configureGrid(grid, kSpacing);
     grid.ensure(KeyType(0, 0, 0));
     grid.get(KeyType(0, 0, 0))->setBestSampleDistance(0.5f);
     const OwnedFrame f = pixelAt(Vec3(0.08f, 0.08f, 0.08f));
