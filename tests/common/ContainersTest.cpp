@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -96,6 +97,19 @@ TEST(UUID, HalvesAreLeastSignificantByteFirstAndRoundTrip) {
     // Ordered by bytes, first byte first.
     EXPECT_FALSE(id < UUID());
     EXPECT_TRUE(UUID(std::make_pair(0x0100ull, 0x0ull)) < UUID(std::make_pair(0x02ull, 0x0ull)));
+}
+
+TEST(UUID, GeneratorMakesVersionFourIdsReproducibleBySeed) {
+    AR::Common::UUIDGenerator first, second;
+    first.setSeed(17);
+    second.setSeed(17);
+    std::set<std::string> seen;
+    for (int i = 0; i < 500; ++i) {
+        const UUID id = first();
+        EXPECT_TRUE(id == second() && id.bytes()[6] >> 4 == 4 && id.bytes()[8] >> 6 == 2) << i;
+        seen.insert(id.str());
+    }
+    EXPECT_EQ(seen.size(), 500u);
 }
 
 TEST(UUIDDeathTest, TextIsParsedUnlessItIsSixteenRawCharactersAndMalformedTextAborts) {

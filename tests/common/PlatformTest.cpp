@@ -44,7 +44,7 @@ TEST(PlatformMemory, AlignedBlocksCountersAndRefusedAlignments) {
     EXPECT_EQ(OS::getNumAlignedBuffers(), aligned);
 }
 
-TEST(PlatformError, CodeIsReadOnceAndInvalidCodesBecomeFour) {
+TEST(PlatformError, CodeIsReadOnceInvalidCodesBecomeFourAndWaitsTimeOut) {
     arGetError();
     EXPECT_EQ(arSetError(AR_ERROR_WRONG_STATE), 0);
     EXPECT_EQ(arGetError(), AR_ERROR_WRONG_STATE);
@@ -56,21 +56,36 @@ TEST(PlatformError, CodeIsReadOnceAndInvalidCodesBecomeFour) {
     EXPECT_EQ(arGetError(), AR_ERROR_INVALID_HANDLE);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("Invalid error code 12"),
               std::string::npos);
+
+    ArMutex* mutex = arThreadMutexCreate();
+    ArCond* cond = arThreadCondCreate();
+    ASSERT_EQ(arThreadMutexLock(mutex), 0);
+    EXPECT_EQ(arThreadCondTimedWait(cond, mutex, 5), -1);
+    EXPECT_EQ(arGetError(), AR_ERROR_TIMEOUT);
+    EXPECT_EQ(arThreadMutexUnlock(mutex), 0);
+    arThreadCondDestroy(cond);
+    arThreadMutexDestroy(mutex);
 }
 
-// Records its destruction.
+// Records its destruction; optionally goes back to a "pool" instead of being destroyed.
 class Tracked : public RefCounterUnprotected {
 public:
-    explicit Tracked(int* destroyed) : mDestroyed(destroyed) {}
+    explicit Tracked(int* destroyed, bool pooled = false)
+        : mDestroyed(destroyed), mPooled(pooled) {}
     ~Tracked() override { ++*mDestroyed; }
+    bool recycle() override {
+        RefCounterUnprotected::recycle();
+        mRecycled += mPooled;
+        return mPooled;
+    }
+    int mRecycled = 0;
 
 private:
     int* mDestroyed;
+    bool mPooled;
 };
 
-// (Delegates and pooled objects have no user in the system: their preconditions are the death
-// test's, their counting the concurrency test's.)
-TEST(RefCounter, ReleaseDestroysAtZeroAndPointersCountTheirCopies) {
+TEST(RefCounter, ReleaseDestroysAtZeroUnlessRecycledAndDelegatesCountForTheirParts) {
     int destroyed = 0;
     auto* object = new Tracked(&destroyed);
     EXPECT_EQ(object->addRef(), 1);
@@ -78,14 +93,28 @@ TEST(RefCounter, ReleaseDestroysAtZeroAndPointersCountTheirCopies) {
     EXPECT_EQ(object->release(), 1);
     AR::Common::releaseRef(object);  // 1 -> 0: recycle says no, so the object goes
     EXPECT_EQ(destroyed, 1);
+
+    Tracked pooled(&destroyed, true);
     {
-        AR::Common::RefPtr<Tracked> first(new Tracked(&destroyed));
+        AR::Common::RefPtr<Tracked> first(&pooled);
         AR::Common::RefPtr<Tracked> second = first;
         AR::Common::RefPtr<Tracked> moved(std::move(second));
-        EXPECT_EQ(first->getRefCount(), 2);
+        EXPECT_EQ(pooled.getRefCount(), 2);
         EXPECT_FALSE(second);
     }
+    EXPECT_EQ(pooled.getRefCount(), 0);
+    EXPECT_EQ(pooled.mRecycled, 1);
+    EXPECT_EQ(destroyed, 1);
+
+    auto* owner = new Tracked(&destroyed);
+    Tracked part(&destroyed);
+    part.setDelegate(owner);
+    EXPECT_EQ(part.addRef(), 1);
+    EXPECT_EQ(owner->getRefCount(), 1);
+    EXPECT_EQ(part.getInstance(), owner);
+    AR::Common::releaseRef(&part);  // the delegate's life is what the count governs
     EXPECT_EQ(destroyed, 2);
+    EXPECT_EQ(part.getOwnCountField(), RefCounterUnprotected::kDelegateMarker);
 }
 
 TEST(RefCounterDeathTest, PreconditionsOfDelegateAndRecycleAbort) {
