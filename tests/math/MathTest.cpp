@@ -21,11 +21,17 @@ TEST(MathConversion, TruncatingFixedPoint) {
     EXPECT_EQ(Conversion::float2fixed32Fast(8, -1.5f), -384);
     EXPECT_EQ(Conversion::float2fixed32Fast(2, -2.9f), -11);  // towards zero, not down
     EXPECT_EQ(Conversion::float2fixed32Fast(16, 1000.0f), 1000 << 16);
+    EXPECT_EQ(Conversion::float2fixed16Fast(8, 1.0f), 256);
+    EXPECT_EQ(Conversion::float2fixed16Fast(14, -1.0f), -16384);
+    EXPECT_EQ(Conversion::float2fixed64Fast(32, 1.0f), 1LL << 32);
+    EXPECT_EQ(Conversion::float2fixed64Fast(40, -3.0f), -(3LL << 40));
 
     EXPECT_EQ(Conversion::fixed2float32Fast(8, -384), -1.5f);
     EXPECT_EQ(Conversion::fixed2float32Fast(0, 1), 1.0f);
     // Bits below the 24 that a float keeps are cut off, not rounded: 2^24 + 3 -> 2^24 + 2.
     EXPECT_EQ(Conversion::fixed2float32Fast(0, (1 << 24) + 3), 16777218.0f);
+    EXPECT_EQ(Conversion::fixed2float64Fast(32, 3LL << 31), 1.5f);
+    EXPECT_EQ(Conversion::fixed2float64Fast(0, -(1LL << 40)), -1099511627776.0f);
     for (int value : {1, 7, -100, 12345, -65536})
         EXPECT_EQ(Conversion::float2fixed32Fast(10, Conversion::fixed2float32Fast(10, value)),
                   value);
