@@ -200,6 +200,22 @@ public:
         }
     }
 
+    // Appends `count` elements, the i-th built from `make(i)`: at most one growth (as `resize`),
+    // and each element written once, where resize-then-assign would write it twice.
+    template <typename F>
+    void append_generated(uint32_t count, F&& make) {
+        AR_ASSERT(count <= std::numeric_limits<uint32_t>::max() - numItems);
+        const uint32_t total = numItems + count;
+        if (total > capacity) {
+            adjustBlock(capacity * 2 > total ? capacity * 2 : total);
+        }
+        TYPE* out = block + numItems;
+        for (uint32_t i = 0; i < count; ++i) {
+            new (out + i) TYPE(make(i));
+        }
+        numItems = total;
+    }
+
     // Raises the capacity to exactly `count` if it is below; never shrinks.
     void reserve(uint32_t count) { adjustBlock(count); }
 

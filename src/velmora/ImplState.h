@@ -3,6 +3,7 @@
 #ifndef VELMORA_VELMORA_IMPLSTATE_H
 #define VELMORA_VELMORA_IMPLSTATE_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -35,13 +36,31 @@ struct SurfaceExtraction {
     std::unordered_map<uint16_t, Solid::MeshGridType> surfaceMeshes;
     // The merge of each grid since it last changed; whoever changes a grid drops its entry.
     std::unordered_map<uint16_t, Solid::PolygonMesh> mergedMeshes;
-    std::mutex meshMutex;  // guards surfaceMeshes and mergedMeshes
+    std::mutex meshMutex;  // guards surfaceMeshes, mergedMeshes and sceneIdsEpoch
+    // Counts the changes that can alter the instance id of a vertex that was not moved: the
+    // block-instance ids written into the samples and the merge of instances (both only by
+    // getObjectInstances), and volumes loaded. Fusing labels changes neither (a new block's
+    // samples hold no instance, as a missing block gives none). Counted after the change is
+    // complete, so a request that reads it before it annotates knows whether ids written by an
+    // earlier request still hold.
+    std::atomic<uint64_t> labelEpoch{0};
+    // labelEpoch as read by the request that last gave every mesh of the whole-scene grid its
+    // ids; kIdsIncomplete while some mesh lacks them.
+    static constexpr uint64_t kIdsIncomplete = ~uint64_t(0);
+    uint64_t sceneIdsEpoch = kIdsIncomplete;
 
     // Under meshMutex: the grid of `id` merged into one mesh (an unknown id gets an empty grid);
-    // a copy of the grid (sharing its streams); the grid replaced by `grid`.
+    // a copy of the grid (sharing its streams); the grid replaced by `grid`, whose meshes carry
+    // the ids of `idsEpoch` (for id 0).
     Solid::PolygonMesh getMergedMesh(uint16_t id);
     Solid::MeshGridType getMeshGrid(uint16_t id);
-    void setMeshGrid(uint16_t id, Solid::MeshGridType grid);
+    void setMeshGrid(uint16_t id, Solid::MeshGridType grid, uint64_t idsEpoch);
+    // Under meshMutex: whether the whole-scene grid exists and its ids are those of `epoch`, so
+    // that a request needs to mesh and annotate only the changed blocks.
+    bool sceneIdsCurrent(uint64_t epoch);
+    // Under meshMutex: moves the meshes of `patch` into the whole-scene grid, in `order`.
+    void patchSceneGrid(Solid::MeshGridType& patch, const std::vector<Solid::KeyType>& order,
+                        uint64_t idsEpoch);
     // Under meshMutex: puts each coloured block mesh of `id` in place of the cached one, but only
     // where the cache still holds the geometry that was coloured (the same position stream); a
     // block re-meshed or a grid dropped meanwhile by another request keeps the newer state.

@@ -39,6 +39,8 @@ XrResultVLM Impl::getObjectInstances(span<ObjectInstance>& instances,
     } else if (s.mMode == kModeCombined) {
         extractor.updateBlockInstances(*s.mLabelDepthVolumeGrid, blocks, false);
     }
+    // The samples' block-instance ids and the merge of instances may have changed.
+    ++s.mSurfaces.labelEpoch;
 
     if ((instances.data == nullptr && instances.size != 0) ||
         (subsumed.data == nullptr && subsumed.size != 0)) {

@@ -53,13 +53,37 @@ Solid::MeshGridType SurfaceExtraction::getMeshGrid(uint16_t id) {
     return found == surfaceMeshes.end() ? Solid::MeshGridType() : found->second;
 }
 
-void SurfaceExtraction::setMeshGrid(uint16_t id, Solid::MeshGridType grid) {
+void SurfaceExtraction::setMeshGrid(uint16_t id, Solid::MeshGridType grid, uint64_t idsEpoch) {
     std::lock_guard<std::mutex> lock(meshMutex);
     Solid::MeshGridType& stored = surfaceMeshes[id];
     const float maxLoadFactor = stored.max_load_factor();
     stored = std::move(grid);
     mergedMeshes.erase(id);
     stored.max_load_factor(maxLoadFactor);
+    if (id == 0) {
+        sceneIdsEpoch = idsEpoch;
+    }
+}
+
+bool SurfaceExtraction::sceneIdsCurrent(uint64_t epoch) {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    return sceneIdsEpoch == epoch && surfaceMeshes.count(0) != 0;
+}
+
+void SurfaceExtraction::patchSceneGrid(Solid::MeshGridType& patch,
+                                       const std::vector<Solid::KeyType>& order,
+                                       uint64_t idsEpoch) {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    Solid::MeshGridType& stored = surfaceMeshes[0];
+    // Looked up in the order the meshing looked them up, a new block's entry lands where meshing
+    // a copy of the grid would have put it, and merges come out in the same order.
+    for (const Solid::KeyType& key : order) {
+        stored[key] = std::move(patch.at(key));
+    }
+    if (!order.empty()) {
+        mergedMeshes.erase(0);
+    }
+    sceneIdsEpoch = idsEpoch;
 }
 
 void SurfaceExtraction::putColoredBlocks(uint16_t id, const std::vector<ColoredBlock>& blocks) {
@@ -140,15 +164,35 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
             instances.getInstances().find(instanceId) == instances.getInstances().end()) {
             return kErrorUnknownInstance;
         }
-        Solid::MeshGridType localGrid = surfaces.getMeshGrid(instanceId);
+        // Read before any id is: a label change counted later forces the next request to
+        // annotate everything again.
+        const uint64_t epoch = surfaces.labelEpoch.load();
+        const bool wantIds = s.mMode == kModeSplit || annotate;
+        const uint64_t idsEpoch = wantIds ? epoch : SurfaceExtraction::kIdsIncomplete;
+        // The whole-scene grid needs only its changed blocks meshed and annotated while the ids
+        // of the others still hold: they are meshed into a grid of their own and moved into the
+        // cache, instead of copying and annotating the whole cache.
+        const bool patch = instanceId == 0 && (!wantIds || surfaces.sceneIdsCurrent(epoch));
+        Solid::MeshGridType localGrid;
+        std::vector<Solid::KeyType> order;
+        std::vector<Solid::KeyType>* meshingOrder = nullptr;
+        if (patch) {
+            meshingOrder = &order;
+        } else {
+            localGrid = surfaces.getMeshGrid(instanceId);
+        }
         if (s.mMode == kModeSplit) {
             Solid::extractSurfaceForInstanceID(*s.mVolumeGrid, *s.mLabelVolumeGrid, instances,
-                                               localBlocks, instanceId, localGrid);
+                                               localBlocks, instanceId, localGrid, meshingOrder);
         } else if (s.mMode == kModeCombined) {
             Solid::extractSurfaceForInstanceID(*s.mLabelDepthVolumeGrid, instances, localBlocks,
-                                               instanceId, annotate, localGrid);
+                                               instanceId, annotate, localGrid, meshingOrder);
         }
-        surfaces.setMeshGrid(instanceId, std::move(localGrid));
+        if (patch) {
+            surfaces.patchSceneGrid(localGrid, order, idsEpoch);
+        } else {
+            surfaces.setMeshGrid(instanceId, std::move(localGrid), idsEpoch);
+        }
     }
     return colorMeshes(instanceId, quality);
 }

@@ -100,6 +100,7 @@ int Impl::loadVolumes(const std::string& baseName) {
     } else if (s.mMode == kModeCombined) {
         collectKeys(s.mLabelDepthVolumeGrid, loaded);
     }
+    ++s.mSurfaces.labelEpoch;
     s.publish(loaded);
     return result ? 1 : 0;
 }

@@ -154,8 +154,10 @@ template IndexSet getBlockForSurfaceExtraction(const DepthGrid&, const InstanceE
 template IndexSet getBlockForSurfaceExtraction(const LabelDepthGrid&, const InstanceExtractor&,
                                                const IndexSet&, SurfaceInstanceId, bool);
 template void extractSurfaceForInstanceID(LabelDepthGrid&, const InstanceExtractor&,
-                                          const IndexSet&, SurfaceInstanceId, bool, MeshGridType&);
+                                          const IndexSet&, SurfaceInstanceId, bool, MeshGridType&,
+                                          std::vector<KeyType>*);
 template void extractSurfaceForInstanceID(DepthGrid&, const LabelGrid&, const InstanceExtractor&,
-                                          const IndexSet&, SurfaceInstanceId, MeshGridType&);
+                                          const IndexSet&, SurfaceInstanceId, MeshGridType&,
+                                          std::vector<KeyType>*);
 
 }  // namespace Solid

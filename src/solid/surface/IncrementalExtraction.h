@@ -27,6 +27,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "solid/query/CollisionDetection.h"
 #include "solid/surface/MarchingCubes.h"
@@ -92,18 +93,23 @@ PolygonMesh filterMesh(const PolygonMesh& mesh, SurfaceInstanceId id);
 
 // Combined run mode: re-meshes the blocks that getBlockForSurfaceExtraction chooses, cutting an
 // instance at the cell level; with `annotate`, then writes instance ids onto every mesh of
-// `meshes`.
+// `meshes`. `meshingOrder`, when given, receives the re-meshed blocks in the order their entries
+// were first looked up in `meshes`, so that a caller meshing into an empty grid can move the
+// results into a fuller one and get the grid that meshing there would have made.
 template <typename Instances>
 void extractSurfaceForInstanceID(LabelDepthGrid& grid, const Instances& instances,
                                  const IndexSet& updatedBlocks, SurfaceInstanceId instanceId,
-                                 bool annotate, MeshGridType& meshes);
+                                 bool annotate, MeshGridType& meshes,
+                                 std::vector<KeyType>* meshingOrder = nullptr);
 
 // Split run mode: re-meshes the chosen blocks of the depth grid, writes instance ids from the
 // label grid onto every mesh of `meshes`, and for an instance keeps only its triangles.
+// `meshingOrder` as above.
 template <typename Instances>
 void extractSurfaceForInstanceID(DepthGrid& depthGrid, const LabelGrid& labelGrid,
                                  const Instances& instances, const IndexSet& updatedBlocks,
-                                 SurfaceInstanceId instanceId, MeshGridType& meshes);
+                                 SurfaceInstanceId instanceId, MeshGridType& meshes,
+                                 std::vector<KeyType>* meshingOrder = nullptr);
 
 }  // namespace Solid
 

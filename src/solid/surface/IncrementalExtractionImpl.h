@@ -232,14 +232,18 @@ template <typename Grid, typename Labels, typename Instances>
 void meshAndAnnotate(
     Grid& grid, IndexSet& blocks, MeshGridType& meshes,
     const typename MarchingCubes<float, typename Grid::Block>::TestVertexFunc& cubeIndex,
-    const Labels& labels, const Instances& instances) {
+    const Labels& labels, const Instances& instances, std::vector<KeyType>* meshingOrder) {
     auto ids = std::make_unique<GlobalIdCache<Instances>>(instances);
     const auto predicate = [&ids](const typename Labels::SampleType& sample) {
         return (*ids)(sample.instance);
     };
     const std::function<void(const IndexSet&)> annotateRun = [&](const IndexSet& run) {
+        // The same walk of `run` as marching cubes made, so the same order.
         for (const KeyType& key : run) {
             annotateOwnIds(meshes.at(key), labels, predicate);
+            if (meshingOrder != nullptr) {
+                meshingOrder->push_back(key);
+            }
         }
     };
     ExtractSurfaceStats stats;
@@ -254,7 +258,8 @@ void meshAndAnnotate(
 template <typename Instances>
 void extractSurfaceForInstanceID(LabelDepthGrid& grid, const Instances& instances,
                                  const IndexSet& updatedBlocks, SurfaceInstanceId instanceId,
-                                 bool annotate, MeshGridType& meshes) {
+                                 bool annotate, MeshGridType& meshes,
+                                 std::vector<KeyType>* meshingOrder) {
     using MC = MarchingCubes<float, LabelDepthVolume>;
     IndexSet blocks =
         getBlockForSurfaceExtraction(grid, instances, updatedBlocks, instanceId, true);
@@ -275,23 +280,27 @@ void extractSurfaceForInstanceID(LabelDepthGrid& grid, const Instances& instance
         return index;
     };
     if (annotate) {
-        meshAndAnnotate(grid, blocks, meshes, cubeIndex, grid, instances);
+        meshAndAnnotate(grid, blocks, meshes, cubeIndex, grid, instances, meshingOrder);
     } else {
         ExtractSurfaceStats stats;
         extractSurfaceIncremental(grid, blocks, meshes, stats, cubeIndex, true, false, 0);
+        if (meshingOrder != nullptr) {
+            meshingOrder->insert(meshingOrder->end(), blocks.begin(), blocks.end());
+        }
     }
 }
 
 template <typename Instances>
 void extractSurfaceForInstanceID(DepthGrid& depthGrid, const LabelGrid& labelGrid,
                                  const Instances& instances, const IndexSet& updatedBlocks,
-                                 SurfaceInstanceId instanceId, MeshGridType& meshes) {
+                                 SurfaceInstanceId instanceId, MeshGridType& meshes,
+                                 std::vector<KeyType>* meshingOrder) {
     using MC = MarchingCubes<float, DepthVolume>;
     IndexSet blocks =
         getBlockForSurfaceExtraction(depthGrid, instances, updatedBlocks, instanceId, true);
     // Split mode always labels: the ids come from the label grid beside the depth grid.
     meshAndAnnotate(depthGrid, blocks, meshes, MC::TestVertexFunc(MC::plainCubeIndex), labelGrid,
-                    instances);
+                    instances, meshingOrder);
     if (instanceId != 0) {
         for (auto& entry : meshes) {
             entry.second = filterMesh(entry.second, instanceId);

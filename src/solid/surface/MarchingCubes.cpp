@@ -46,6 +46,11 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Grid& grid, cons
                                                           int weightThreshold, MeshGridType& meshes,
                                                           ExtractSurfaceStats& stats,
                                                           const TestVertexFunc& func) {
+    // A block's triangles are made in work arrays kept per thread and then copied into streams
+    // of their exact size: growing each stream from empty would allocate and copy it half a
+    // dozen times.
+    thread_local Vec3Vec workPoints;
+    thread_local IdxVec workIndices;
     for (const KeyType& key : blocks) {
         PolygonMesh& mesh = meshes[key];
         mesh.resetStreams();
@@ -54,7 +59,15 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Grid& grid, cons
         {
             auto block = grid.get(key);
             if (block) {
-                computeMarchingCubes(*block, weightThreshold, points, indices, key, func);
+                workPoints.clear();
+                workIndices.clear();
+                computeMarchingCubes(*block, weightThreshold, workPoints, workIndices, key, func);
+                const Vec3* madePoints = workPoints.data();
+                const unsigned int* madeIndices = workIndices.data();
+                points.append_generated(workPoints.size(),
+                                        [madePoints](uint32_t i) { return madePoints[i]; });
+                indices.append_generated(workIndices.size(),
+                                         [madeIndices](uint32_t i) { return madeIndices[i]; });
             }
         }
         stats.numVertices += points.size();

@@ -1,5 +1,7 @@
 #include "solid/surface/PolygonMesh.h"
 
+#include <utility>
+
 #include "common/Logger.h"
 #include "common/Timing.h"
 
@@ -11,6 +13,14 @@ PolygonMesh::PolygonMesh(const PolygonMesh& other) : AR::Common::RefCounter(othe
 
 PolygonMesh& PolygonMesh::operator=(const PolygonMesh& other) {
     mSlots = other.mSlots;
+    return *this;
+}
+
+PolygonMesh::PolygonMesh(PolygonMesh&& other) noexcept
+    : AR::Common::RefCounter(other), mSlots(std::move(other.mSlots)) {}
+
+PolygonMesh& PolygonMesh::operator=(PolygonMesh&& other) noexcept {
+    mSlots = std::move(other.mSlots);
     return *this;
 }
 
@@ -65,19 +75,12 @@ void PolygonMesh::detach(ATTRIBUTE_NAME name, AttributeBlock::TYPE type) {
 
 namespace {
 
-// Appends `source` to `target` with `transform` applied to each element: one resize, then plain
-// writes.
+// Appends `source` to `target` with `transform` applied to each element.
 template <typename E, typename F>
 void appendAll(const AttributeVector<E>& source, AttributeVector<E>& target, F&& transform) {
-    if (source.empty()) {
-        return;
-    }
-    const uint32_t base = target.size();
-    target.resize(base + source.size());
-    E* out = target.data() + base;
-    for (const E& value : source) {
-        *out++ = transform(value);
-    }
+    const E* in = source.data();
+    target.append_generated(source.size(),
+                            [in, &transform](uint32_t i) { return transform(in[i]); });
 }
 
 template <typename E>

@@ -53,6 +53,9 @@ public:
     // Shallow: shares every stream of `other` (see the top of this file).
     PolygonMesh(const PolygonMesh& other);
     PolygonMesh& operator=(const PolygonMesh& other);
+    // Takes the streams of `other`, which is left without any.
+    PolygonMesh(PolygonMesh&& other) noexcept;
+    PolygonMesh& operator=(PolygonMesh&& other) noexcept;
     ~PolygonMesh() override = default;
 
     // The block at (name, type), or null.
