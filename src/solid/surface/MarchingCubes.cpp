@@ -46,11 +46,6 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Grid& grid, cons
                                                           int weightThreshold, MeshGridType& meshes,
                                                           ExtractSurfaceStats& stats,
                                                           const TestVertexFunc& func) {
-    // A block's triangles are made in work arrays kept per thread and then copied into streams
-    // of their exact size: growing each stream from empty would allocate and copy it half a
-    // dozen times.
-    thread_local Vec3Vec workPoints;
-    thread_local IdxVec workIndices;
     for (const KeyType& key : blocks) {
         PolygonMesh& mesh = meshes[key];
         mesh.resetStreams();
@@ -59,15 +54,7 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Grid& grid, cons
         {
             auto block = grid.get(key);
             if (block) {
-                workPoints.clear();
-                workIndices.clear();
-                computeMarchingCubes(*block, weightThreshold, workPoints, workIndices, key, func);
-                const Vec3* madePoints = workPoints.data();
-                const unsigned int* madeIndices = workIndices.data();
-                points.append_generated(workPoints.size(),
-                                        [madePoints](uint32_t i) { return madePoints[i]; });
-                indices.append_generated(workIndices.size(),
-                                         [madeIndices](uint32_t i) { return madeIndices[i]; });
+                computeMarchingCubes(*block, weightThreshold, points, indices, key, func);
             }
         }
         stats.numVertices += points.size();
@@ -95,14 +82,12 @@ void MarchingCubes<FLOAT_, VOLUME_>::computeMarchingCubes(const Volume& volume, 
             spacing[a] * static_cast<float>(static_cast<int64_t>(bounds[a]) * blockIndex[a]);
     }
     const unsigned int base = points.size();
-    points.reserve(base + mBlockPoints.size());
-    for (const Vec3& p : mBlockPoints) {
-        points.push_back(p + origin);
-    }
-    indices.reserve(indices.size() + mBlockIndices.size());
-    for (unsigned int index : mBlockIndices) {
-        indices.push_back(index + base);
-    }
+    const Vec3* blockPoints = mBlockPoints.data();
+    const unsigned int* blockIndices = mBlockIndices.data();
+    points.append_generated(mBlockPoints.size(),
+                            [blockPoints, &origin](uint32_t i) { return blockPoints[i] + origin; });
+    indices.append_generated(mBlockIndices.size(),
+                             [blockIndices, base](uint32_t i) { return blockIndices[i] + base; });
 }
 
 template <typename FLOAT_, typename VOLUME_>
