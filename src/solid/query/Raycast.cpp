@@ -112,6 +112,31 @@ private:
     float mTDelta[3];  // |tDelta|
 };
 
+// Blocks grouped in regions of kSide blocks a side, and which regions hold any block of a table
+// copy. Rays cross far more missing blocks than existing ones, most of them in regions without
+// any block: there a march steps over the whole region as over one missing block (every position
+// in it lies in a missing block and would read -2.0) instead of looking up each block it enters.
+class OccupiedRegions {
+public:
+    static constexpr int kShift = 2;
+    static constexpr int kSide = 1 << kShift;
+
+    template <typename Snapshot>
+    explicit OccupiedRegions(const Snapshot& snapshot) {
+        snapshot.forEachKey([this](const KeyType& key) { mOccupied.insert(regionOf(key)); });
+    }
+
+    static KeyType regionOf(const KeyType& key) {
+        // An arithmetic shift: the floor of the quotient, for negative keys too.
+        return KeyType(key(0) >> kShift, key(1) >> kShift, key(2) >> kShift);
+    }
+
+    bool holdsBlocks(const KeyType& region) const { return mOccupied.contains(region); }
+
+private:
+    IndexSet mOccupied;
+};
+
 // The block walk with lookups in `snapshot`, or in the table under its read lock when there is
 // none; at most `maxBlocks` blocks. False also when the walk reached `maxBlocks` with blocks
 // left, and then `exhausted` is set.
@@ -237,8 +262,10 @@ private:
 template <typename Grid>
 class SnapshotSampler {
 public:
-    SnapshotSampler(const Grid& grid, const typename Grid::TableSnapshot& snapshot)
+    SnapshotSampler(const Grid& grid, const typename Grid::TableSnapshot& snapshot,
+                    const OccupiedRegions& regions)
         : mSnapshot(snapshot),
+          mRegions(regions),
           mFrame(grid),
           mKey(INT_MIN, INT_MIN, INT_MIN),
           mEntry(snapshot.find(mKey)),
@@ -321,9 +348,56 @@ private:
         mKey = key;
         mCells = nullptr;
         mKind = mEntry == nullptr ? SkippedBlock::kMissing : classify(mSlot);
+        if (mKind == SkippedBlock::kMissing && enterEmptyRegion()) {
+            return;
+        }
         if (mKind != SkippedBlock::kOther) {
             updateIntervals();
         }
+    }
+
+    // Regions whose key components reach this far are left to the blocks: their intervals
+    // could not be found, nor their corner keys computed without overflow.
+    static constexpr int kRegionLimit = 1 << 20;
+
+    // With the missing block of `mKey` in a region without blocks: makes the region's float
+    // intervals the current ones (the march steps over the region as over one missing block)
+    // and returns true.
+    bool enterEmptyRegion() {
+        constexpr int kSide = OccupiedRegions::kSide;
+        const KeyType region = OccupiedRegions::regionOf(mKey);
+        for (int a = 0; a < 3; ++a) {
+            if (region(a) <= -kRegionLimit || region(a) >= kRegionLimit) {
+                return false;
+            }
+        }
+        if (mRegions.holdsBlocks(region)) {
+            return false;
+        }
+        Interval found[3];
+        for (int a = 0; a < 3; ++a) {
+            const int r = region(a);
+            Interval& cached = mRegionCache[a][static_cast<uint32_t>(r) & (kIntervalCacheSize - 1)];
+            if (cached.key != r) {
+                float lowEnd = 0.0f;
+                float highEnd = 0.0f;
+                cached.key = r;
+                if (!mFrame.keyInterval(a, r * kSide, cached.low, lowEnd) ||
+                    !mFrame.keyInterval(a, r * kSide + kSide - 1, highEnd, cached.high)) {
+                    cached.low = std::numeric_limits<float>::infinity();
+                    cached.high = -std::numeric_limits<float>::infinity();
+                }
+            }
+            if (!(cached.low <= cached.high)) {
+                return false;
+            }
+            found[a] = cached;
+        }
+        for (int a = 0; a < 3; ++a) {
+            mCurrent[a] = found[a];
+        }
+        mCurrentIsRegion = true;
+        return true;
     }
 
     // The kind of the lattice cell whose corners hold every corner of a read at (cx, cy, cz),
@@ -433,9 +507,11 @@ private:
     // Brings the intervals of the axes up to `mKey`, from a small cache per axis (the rays of a
     // rendering cross the same few dozen block planes).
     void updateIntervals() {
+        const bool fromRegion = mCurrentIsRegion;
+        mCurrentIsRegion = false;
         for (int a = 0; a < 3; ++a) {
             const int k = mKey(a);
-            if (mCurrent[a].key == k) {
+            if (mCurrent[a].key == k && !fromRegion) {
                 continue;
             }
             Interval& cached = mCache[a][static_cast<uint32_t>(k) & (kIntervalCacheSize - 1)];
@@ -454,6 +530,7 @@ private:
     static constexpr uint32_t kNoCells = UINT32_MAX;
 
     const typename Grid::TableSnapshot& mSnapshot;
+    const OccupiedRegions& mRegions;
     BlockFrame mFrame;
     KeyType mKey;
     uint32_t mSlot = Snapshot::kNoSlot;
@@ -464,8 +541,10 @@ private:
     std::vector<uint8_t> mCellKindStore;
     std::vector<uint8_t> mScratch;
     SkippedBlock mKind = SkippedBlock::kMissing;  // of the block of `mKey`
-    Interval mCurrent[3];  // of the components of `mKey`, while its block can be skipped
+    Interval mCurrent[3];           // of the components of `mKey`, while its block can be skipped
+    bool mCurrentIsRegion = false;  // mCurrent holds the intervals of the region of `mKey`
     Interval mCache[3][kIntervalCacheSize];
+    Interval mRegionCache[3][kIntervalCacheSize];  // keyed by region components
 };
 
 // Stretches of samples stepped over in blocks of unobserved and positive samples, since the last
@@ -725,7 +804,8 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                                    : static_cast<unsigned>(std::max(marchSamples, 1.0f));
 
     // One reader for all rays: what it remembers of the last block read holds for every ray.
-    SnapshotSampler<Grid> reader(grid, snapshot);
+    OccupiedRegions regions(snapshot);
+    SnapshotSampler<Grid> reader(grid, snapshot, regions);
     AR::CV::Image<float>& depth = depthFrame.depth;
     const int width = depth.width();
     const int height = depth.height();

@@ -230,6 +230,25 @@ public:
         // Slots run from 0 to slotCount() - 1.
         uint32_t slotCount() const { return mEntries.size(); }
 
+        // Calls `f` with the key of every entry of the copy.
+        template <typename F>
+        void forEachKey(F&& f) const {
+            for (uint32_t slot = 0; slot < mEntries.size(); ++slot) {
+                if (mEntries.data()[slot] == nullptr) {
+                    continue;
+                }
+                if (!mDense) {
+                    f(mKeys.data()[slot]);
+                    continue;
+                }
+                const uint32_t x = slot % mStride[0];
+                const uint32_t y = (slot / mStride[0]) % (mStride[1] / mStride[0]);
+                const uint32_t z = slot / mStride[1];
+                f(KeyType(mMinKey(0) + static_cast<int>(x), mMinKey(1) + static_cast<int>(y),
+                          mMinKey(2) + static_cast<int>(z)));
+            }
+        }
+
         // A byte per slot, 0 at first, in which the holder of the copy notes what it learnt of a
         // block; the copy itself never reads it.
         uint8_t& note(uint32_t slot) const { return mNotes.data()[slot]; }
