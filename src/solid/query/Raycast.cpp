@@ -124,6 +124,33 @@ public:
     template <typename Snapshot>
     explicit OccupiedRegions(const Snapshot& snapshot) {
         snapshot.forEachKey([this](const KeyType& key) { mOccupied.insert(regionOf(key)); });
+        if (mOccupied.empty()) {
+            return;
+        }
+        // Over the box of the regions, where it is small (as for a room), a byte per region:
+        // most questions come from blocks beside the surface, whose regions hold blocks, and a
+        // hashed lookup for each would cost more than the stepping it saves.
+        KeyType low = *mOccupied.begin();
+        KeyType high = low;
+        for (const KeyType& region : mOccupied) {
+            for (int a = 0; a < 3; ++a) {
+                low(a) = std::min(low(a), region(a));
+                high(a) = std::max(high(a), region(a));
+            }
+        }
+        uint64_t cells = 1;
+        for (int a = 0; a < 3; ++a) {
+            mExtent[a] = static_cast<uint32_t>(high(a)) - static_cast<uint32_t>(low(a)) + 1u;
+            cells *= mExtent[a];
+        }
+        if (cells > kMaxDenseCells) {
+            return;
+        }
+        mLow = low;
+        mDense.assign(cells, 0);
+        for (const KeyType& region : mOccupied) {
+            mDense[denseIndex(region)] = 1;
+        }
     }
 
     static KeyType regionOf(const KeyType& key) {
@@ -131,10 +158,33 @@ public:
         return KeyType(key(0) >> kShift, key(1) >> kShift, key(2) >> kShift);
     }
 
-    bool holdsBlocks(const KeyType& region) const { return mOccupied.contains(region); }
+    bool holdsBlocks(const KeyType& region) const {
+        if (mDense.empty()) {
+            return mOccupied.contains(region);
+        }
+        for (int a = 0; a < 3; ++a) {
+            // Unsigned: a region below the box wraps to a large offset.
+            if (static_cast<uint32_t>(region(a)) - static_cast<uint32_t>(mLow(a)) >= mExtent[a]) {
+                return false;
+            }
+        }
+        return mDense[denseIndex(region)] != 0;
+    }
 
 private:
+    static constexpr uint64_t kMaxDenseCells = uint64_t(1) << 22;
+
+    size_t denseIndex(const KeyType& region) const {
+        const uint32_t x = static_cast<uint32_t>(region(0)) - static_cast<uint32_t>(mLow(0));
+        const uint32_t y = static_cast<uint32_t>(region(1)) - static_cast<uint32_t>(mLow(1));
+        const uint32_t z = static_cast<uint32_t>(region(2)) - static_cast<uint32_t>(mLow(2));
+        return x + static_cast<size_t>(mExtent[0]) * (y + static_cast<size_t>(mExtent[1]) * z);
+    }
+
     IndexSet mOccupied;
+    std::vector<uint8_t> mDense;  // empty when the box is too large: then mOccupied answers
+    KeyType mLow{0, 0, 0};
+    uint32_t mExtent[3] = {0, 0, 0};
 };
 
 // The block walk with lookups in `snapshot`, or in the table under its read lock when there is
