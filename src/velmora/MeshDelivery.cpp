@@ -263,61 +263,141 @@ Solid::PolygonMesh deliveredMesh(SurfaceExtraction& surfaces, uint16_t id) {
     return mesh;
 }
 
-// Copies `count` elements of `source` to `destination` (which may be null when count is 0).
-template <typename HostElement, typename E>
-void copyOut(const Solid::AttributeVector<E>& source, HostElement* destination) {
-    static_assert(sizeof(HostElement) == sizeof(E), "host and library elements differ in size");
-    if (!source.empty()) {
-        std::memcpy(destination, source.data(), source.size() * sizeof(E));
+// The merge of a grid of block meshes as the host's arrays receive it, read straight from the
+// block meshes (or from a merge made earlier): the merge itself would write the whole mesh once
+// more before the copy. Counts and order are those of mergeMesh: a block's positions and indices
+// only when it has both, its ids and colours whenever it has some, no texture coordinates.
+class MergedParts {
+public:
+    explicit MergedParts(const Solid::MeshGridType& grid) {
+        mParts.reserve(grid.size());
+        for (const auto& entry : grid) {
+            add(entry.second);
+        }
     }
-}
+    explicit MergedParts(const Solid::PolygonMesh& merged) {
+        add(merged);
+        mTexCoords = merged.findTexCoords() != nullptr ? merged.findTexCoords()->size() : 0;
+    }
+
+    uint32_t positions() const { return mPositions; }
+    uint32_t indices() const { return mIndices; }
+    uint32_t ids() const { return mIds; }
+    uint32_t colors() const { return mColors; }
+    uint32_t texCoords() const { return mTexCoords; }
+
+    void copyGeometry(XrVector3fVLM* positions, uint32_t* indices) const {
+        uint32_t base = 0;
+        for (const Part& part : mParts) {
+            if (part.positions == nullptr) {
+                continue;
+            }
+            const uint32_t count = part.positions->size();
+            if (count > 0) {
+                std::memcpy(positions + base, part.positions->data(), count * sizeof(Solid::Vec3));
+            }
+            const unsigned int* in = part.indices->data();
+            for (uint32_t i = 0; i < part.indices->size(); ++i) {
+                *indices++ = in[i] + base;
+            }
+            base += count;
+        }
+    }
+    void copyIds(uint16_t* out) const {
+        for (const Part& part : mParts) {
+            if (part.ids != nullptr && !part.ids->empty()) {
+                std::memcpy(out, part.ids->data(), part.ids->size() * sizeof(uint16_t));
+                out += part.ids->size();
+            }
+        }
+    }
+    void copyColors(XrColor4fVLM* out) const {
+        for (const Part& part : mParts) {
+            if (part.colors != nullptr && !part.colors->empty()) {
+                std::memcpy(out, part.colors->data(), part.colors->size() * sizeof(Solid::Vec4));
+                out += part.colors->size();
+            }
+        }
+    }
+
+private:
+    struct Part {
+        const Solid::PolygonMesh::Positions* positions;  // null unless indices are there too
+        const Solid::PolygonMesh::Indices* indices;
+        const Solid::PolygonMesh::InstanceIds* ids;
+        const Solid::PolygonMesh::Colors* colors;
+    };
+
+    void add(const Solid::PolygonMesh& mesh) {
+        Part part{mesh.findPositions(), mesh.findIndices(), mesh.findInstanceIds(),
+                  mesh.findColors()};
+        if (part.positions == nullptr || part.indices == nullptr) {
+            part.positions = nullptr;
+            part.indices = nullptr;
+        } else {
+            mPositions += part.positions->size();
+            mIndices += part.indices->size();
+        }
+        mIds += part.ids != nullptr ? part.ids->size() : 0;
+        mColors += part.colors != nullptr ? part.colors->size() : 0;
+        mParts.push_back(part);
+    }
+
+    std::vector<Part> mParts;
+    uint32_t mPositions = 0;
+    uint32_t mIndices = 0;
+    uint32_t mIds = 0;
+    uint32_t mColors = 0;
+    uint32_t mTexCoords = 0;
+};
 
 }  // namespace
 
 XrResultVLM Impl::extractSurface(PolygonMesh& mesh, bool annotate, const UuidBytes& uuid,
                                  TextureQuality quality) {
+    static_assert(
+        sizeof(XrVector3fVLM) == sizeof(Solid::Vec3) && sizeof(XrColor4fVLM) == sizeof(Solid::Vec4),
+        "host and library elements differ in size");
     const uint16_t id = objectIdOf(uuid);
     const XrResultVLM result = extractSurface(annotate, id, quality);
     if (result != kSuccess) {
         return result;
     }
-    const Solid::PolygonMesh merged = deliveredMesh(mState->mSurfaces, id);
-    const auto& positions = *merged.findPositions();
-    const auto& indices = *merged.findIndices();
-    const auto& ids = *merged.findInstanceIds();
-    const auto& colors = *merged.findColors();
-    const auto& texCoords = *merged.findTexCoords();
-    const bool tooSmall = mesh.positionCount < positions.size() ||
-                          mesh.indexCount < indices.size() ||
-                          (annotate && mesh.instanceIdCount < ids.size()) ||
-                          (quality.vertexColors && mesh.colorCount < colors.size()) ||
-                          (quality.textureCoordinates && mesh.texCoordCount < texCoords.size());
-    mesh.positionCount = positions.size();
-    mesh.indexCount = indices.size();
+    SurfaceExtraction& surfaces = mState->mSurfaces;
+    // Counted and copied under one hold of the lock, so that the copy is of what was counted.
+    std::lock_guard<std::mutex> lock(surfaces.meshMutex);
+    const auto cached = surfaces.mergedMeshes.find(id);
+    const MergedParts parts = cached != surfaces.mergedMeshes.end()
+                                  ? MergedParts(cached->second)
+                                  : MergedParts(surfaces.surfaceMeshes[id]);
+    const bool tooSmall = mesh.positionCount < parts.positions() ||
+                          mesh.indexCount < parts.indices() ||
+                          (annotate && mesh.instanceIdCount < parts.ids()) ||
+                          (quality.vertexColors && mesh.colorCount < parts.colors()) ||
+                          (quality.textureCoordinates && mesh.texCoordCount < parts.texCoords());
+    mesh.positionCount = parts.positions();
+    mesh.indexCount = parts.indices();
     if (annotate) {
-        mesh.instanceIdCount = ids.size();
+        mesh.instanceIdCount = parts.ids();
     }
     if (quality.vertexColors) {
-        mesh.colorCount = colors.size();
+        mesh.colorCount = parts.colors();
     }
     if (quality.textureCoordinates) {
-        mesh.texCoordCount = texCoords.size();
+        mesh.texCoordCount = parts.texCoords();
     }
     if (tooSmall) {
         return kErrorBufferTooSmall;
     }
     AR::Common::ScopedTrace trace("geometryCopy");
-    copyOut(positions, mesh.positions);
-    copyOut(indices, mesh.indices);
+    parts.copyGeometry(mesh.positions, mesh.indices);
     if (annotate) {
-        copyOut(ids, mesh.instanceIds);
+        parts.copyIds(mesh.instanceIds);
     }
     if (quality.vertexColors) {
-        copyOut(colors, mesh.colors);
+        parts.copyColors(mesh.colors);
     }
-    if (quality.textureCoordinates) {
-        copyOut(texCoords, mesh.texCoords);
-    }
+    // Texture coordinates are never made: there is nothing to copy.
     return kSuccess;
 }
 

@@ -119,6 +119,8 @@ PolygonMesh mergeMesh(const MeshGridType& grid, ExtractSurfaceStats& stats) {
         // One allocation per stream instead of one per doubling.
         uint32_t numPositions = 0;
         uint32_t numIndices = 0;
+        uint32_t numIds = 0;
+        uint32_t numColors = 0;
         for (const auto& entry : grid) {
             const PolygonMesh::Positions* positions = entry.second.findPositions();
             const PolygonMesh::Indices* indices = entry.second.findIndices();
@@ -126,9 +128,20 @@ PolygonMesh mergeMesh(const MeshGridType& grid, ExtractSurfaceStats& stats) {
                 numPositions += positions->size();
                 numIndices += indices->size();
             }
+            const PolygonMesh::InstanceIds* ids = entry.second.findInstanceIds();
+            numIds += ids != nullptr ? ids->size() : 0;
+            const PolygonMesh::Colors* colors = entry.second.findColors();
+            numColors += colors != nullptr ? colors->size() : 0;
         }
         merged.positions().reserve(numPositions);
         merged.indices().reserve(numIndices);
+        // Streams that no block has are not created: the merge has them only where a block did.
+        if (numIds > 0) {
+            merged.instanceIds().reserve(numIds);
+        }
+        if (numColors > 0) {
+            merged.colors().reserve(numColors);
+        }
     }
     for (const auto& entry : grid) {
         appendMesh(entry.second, merged);
