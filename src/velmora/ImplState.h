@@ -58,7 +58,8 @@ struct SurfaceExtraction {
     // Under meshMutex: whether the whole-scene grid exists and its ids are those of `epoch`, so
     // that a request needs to mesh and annotate only the changed blocks.
     bool sceneIdsCurrent(uint64_t epoch);
-    // Under meshMutex: moves the meshes of `patch` into the whole-scene grid, in `order`.
+    // Under meshMutex: moves the meshes of `patch` into the whole-scene grid, in `order`, and
+    // the meshes they replace into `patch`.
     void patchSceneGrid(Solid::MeshGridType& patch, const std::vector<Solid::KeyType>& order,
                         uint64_t idsEpoch);
     // Under meshMutex: puts each coloured block mesh of `id` in place of the cached one, but only

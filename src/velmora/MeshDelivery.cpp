@@ -76,9 +76,10 @@ void SurfaceExtraction::patchSceneGrid(Solid::MeshGridType& patch,
     std::lock_guard<std::mutex> lock(meshMutex);
     Solid::MeshGridType& stored = surfaceMeshes[0];
     // Looked up in the order the meshing looked them up, a new block's entry lands where meshing
-    // a copy of the grid would have put it, and merges come out in the same order.
+    // a copy of the grid would have put it, and merges come out in the same order. The replaced
+    // meshes go back into `patch`, to be freed by the caller once this lock is released.
     for (const Solid::KeyType& key : order) {
-        stored[key] = std::move(patch.at(key));
+        std::swap(stored[key], patch.at(key));
     }
     if (!order.empty()) {
         mergedMeshes.erase(0);
