@@ -304,22 +304,8 @@ public:
             base += count;
         }
     }
-    void copyIds(uint16_t* out) const {
-        for (const Part& part : mParts) {
-            if (part.ids != nullptr && !part.ids->empty()) {
-                std::memcpy(out, part.ids->data(), part.ids->size() * sizeof(uint16_t));
-                out += part.ids->size();
-            }
-        }
-    }
-    void copyColors(XrColor4fVLM* out) const {
-        for (const Part& part : mParts) {
-            if (part.colors != nullptr && !part.colors->empty()) {
-                std::memcpy(out, part.colors->data(), part.colors->size() * sizeof(Solid::Vec4));
-                out += part.colors->size();
-            }
-        }
-    }
+    void copyIds(uint16_t* out) const { copyPerVertex(&Part::ids, out); }
+    void copyColors(XrColor4fVLM* out) const { copyPerVertex(&Part::colors, out); }
 
 private:
     struct Part {
@@ -328,6 +314,20 @@ private:
         const Solid::PolygonMesh::InstanceIds* ids;
         const Solid::PolygonMesh::Colors* colors;
     };
+
+    // The per-vertex stream `stream` of every part that has some, one after the other.
+    template <typename Stream, typename HostElement>
+    void copyPerVertex(const Stream* Part::*stream, HostElement* out) const {
+        static_assert(sizeof(HostElement) == sizeof(typename Stream::value_type),
+                      "host and library elements differ in size");
+        for (const Part& part : mParts) {
+            const Stream* source = part.*stream;
+            if (source != nullptr && !source->empty()) {
+                std::memcpy(out, source->data(), source->size() * sizeof(HostElement));
+                out += source->size();
+            }
+        }
+    }
 
     void add(const Solid::PolygonMesh& mesh) {
         Part part{mesh.findPositions(), mesh.findIndices(), mesh.findInstanceIds(),
