@@ -11,6 +11,7 @@
 #include "common/Logger.h"
 #include "common/Timing.h"
 #include "math/MatrixFunctions.h"
+#include "solid/query/MarchSteps.h"
 #include "solid/volume/VolumeSampling.h"
 
 namespace Solid {
@@ -296,6 +297,12 @@ public:
         return false;
     }
     SkippedBlock skippedBlock() const { return SkippedBlock::kMissing; }
+    void skippableBox(float (&low)[3], float (&high)[3]) const {
+        for (int a = 0; a < 3; ++a) {
+            low[a] = 0.0f;
+            high[a] = -1.0f;
+        }
+    }
 
 private:
     const Grid& mGrid;
@@ -384,6 +391,14 @@ public:
 
     // What the block of the last read is, when inSkippableBlock held.
     SkippedBlock skippedBlock() const { return mKind; }
+
+    // The positions inSkippableBlock accepts, when it held: low and high per axis.
+    void skippableBox(float (&low)[3], float (&high)[3]) const {
+        for (int a = 0; a < 3; ++a) {
+            low[a] = mCurrent[a].low;
+            high[a] = mCurrent[a].high;
+        }
+    }
 
 private:
     using Snapshot = typename Grid::TableSnapshot;
@@ -777,28 +792,28 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
         }
         const SkippedBlock kind = reader.skippedBlock();
         const Vec3 first = position;
+        float low[3];
+        float high[3];
+        reader.skippableBox(low, high);
+        const unsigned cap = kind == SkippedBlock::kPartlyPositive
+                                 ? SkippedStretches::kMaxStretchSamples
+                                 : std::numeric_limits<unsigned>::max();
+        MarchState state{{position(0), position(1), position(2)}, d, samples};
+        const float steps[3] = {increment(0), increment(1), increment(2)};
         unsigned skipped = 0;
-        do {
-            ++samples;
-            if (!(d <= farPlane && samples < kMaxMarchSamples)) {
-                return result;
-            }
-            if (kind == SkippedBlock::kPositive) {
-                previousPending = true;
-                previousPosition = position;
-                stretches.clear();
-            }
-            ++skipped;
-            const float after = d + step;
-            if (after == d) {
-                return result;
-            }
-            d = after;
-            position += increment;
-        } while (reader.inSkippableBlock(position, positives, true) &&
-                 (kind != SkippedBlock::kPartlyPositive ||
-                  skipped < SkippedStretches::kMaxStretchSamples));
-        if (kind == SkippedBlock::kPartlyPositive) {
+        float last[3];
+        if (!stepOverSamples<NativeLanes>(low, high, farPlane, step, steps, cap, kMaxMarchSamples,
+                                          state, skipped, last)) {
+            return result;
+        }
+        position = Vec3(state.position[0], state.position[1], state.position[2]);
+        d = state.d;
+        samples = state.samples;
+        if (kind == SkippedBlock::kPositive) {
+            previousPending = true;
+            previousPosition = Vec3(last[0], last[1], last[2]);
+            stretches.clear();
+        } else if (kind == SkippedBlock::kPartlyPositive) {
             stretches.add(first, increment, skipped, position);
         }
     }

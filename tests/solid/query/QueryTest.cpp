@@ -18,10 +18,13 @@
 #include "solid/query/Raycast.h"
 #include "support/FieldGrid.h"
 #include "support/FusedGrid.h"
+#include "support/MarchStepsCheck.h"
 
 namespace Solid {
 namespace {
 
+using Test::StepOverCases;
+using Test::StepOverOutcomes;
 using Velmora::Test::AnalyticScene;
 using Velmora::Test::PinholeCamera;
 using DepthGrids = ::testing::Types<DepthGrid, LabelDepthGrid>;
@@ -142,6 +145,22 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
     // Segments that end short of the blocks, or do not have finite ends, find nothing.
     EXPECT_FALSE(findFirstBlock(column, from, Vec3(0.5f * d, 0.5f * d, 3.5f * d), found));
     EXPECT_FALSE(findFirstBlock(column, from, Vec3(0.0f, 0.0f, std::nanf("")), found));
+}
+
+// The vector lanes of this processor and the portable ones step a march over samples that need
+// no read exactly as the plain loop, whichever way it ends: out of the box, at the cap, at the
+// far plane (finite or not), at the sample limit, or where d stops moving.
+template <typename Lanes>
+void expectPlainSteps(uint32_t seed) {
+    const StepOverOutcomes out = StepOverCases(seed).compare<Lanes>(20000);
+    EXPECT_EQ(out.mismatches, 0u) << out.firstMismatch;
+    for (const unsigned ways : {out.leftBox, out.cap, out.farPlane, out.sampleLimit, out.stalled})
+        EXPECT_GT(ways, 50u);
+}
+
+TEST(RaycastMarchSteps, LanesStepAsThePlainLoop) {
+    expectPlainSteps<NativeLanes>(1);
+    expectPlainSteps<PortableLanes>(2);
 }
 
 // The renderer's copy of the block table answers every key as the table does: dense over a

@@ -1,7 +1,9 @@
 // Compares the vector variant of this processor (NEON on 64-bit Arm) with the portable kernel on
-// random inputs, directly and through the dispatching entry, and prints "N passed, M failed".
+// random inputs, directly and through the dispatching entry, and the renderer's march lanes with
+// the plain loop, and prints "N passed, M failed".
 #include <cstdio>
 
+#include "support/MarchStepsCheck.h"
 #include "vision/DepthFusion.h"
 #include "vision/FusionInputs.h"
 
@@ -43,6 +45,10 @@ int main() {
     tally.compare(tvrDepthFusion8x8x8xNs16Neon, 7, "NEON against portable");
 #endif
     tally.compare(tvrDepthFusion8x8x8xNs16, 8, "entry against portable");
+    // The renderer's march steps over samples in this processor's vector lanes.
+    const Solid::Test::StepOverOutcomes steps =
+        Solid::Test::StepOverCases(3).compare<Solid::NativeLanes>(20000);
+    tally.check(steps.mismatches == 0, "march lanes against the plain loop", steps.firstMismatch);
     std::printf("%u passed, %u failed\n", tally.passed, tally.failed);
     return tally.failed == 0 ? 0 : 1;
 }
