@@ -3,6 +3,8 @@
 #ifndef VELMORA_TESTS_SUPPORT_MARCHSTEPSCHECK_H
 #define VELMORA_TESTS_SUPPORT_MARCHSTEPSCHECK_H
 
+#include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -138,6 +140,101 @@ private:
     }
     float uniform(float low, float high) {
         return low + (high - low) * static_cast<float>(next() & 0xFFFFu) / 65535.0f;
+    }
+    uint32_t mState;
+};
+
+// A position and the grid measures `locate` works with.
+struct LocateCase {
+    float p[3];
+    float dimension;
+    float spacing;
+    int32_t bound;
+};
+
+// Positions in grids of a few cell sizes; many lie on a block face or lattice plane, or one float
+// beside it, where the floor and the clamps decide, and a few have no key at all.
+class LocateCases {
+public:
+    explicit LocateCases(uint32_t seed) : mState(seed * 2246822519u + 7u) {}
+
+    LocateCase next() {
+        static const float kSpacings[3] = {0.02f, 0.01f, 0.05f};
+        LocateCase c{};
+        c.spacing = kSpacings[draw() % 3];
+        c.bound = 8;
+        c.dimension = c.spacing * static_cast<float>(c.bound);
+        for (int a = 0; a < 3; ++a) {
+            const int key = static_cast<int>(draw() % 200) - 100;
+            const int plane = static_cast<int>(draw() % 9);
+            float v = c.dimension * static_cast<float>(key) + c.spacing * static_cast<float>(plane);
+            switch (draw() % 4) {
+                case 0:
+                    v += c.spacing * static_cast<float>(draw() & 0xFFFFu) / 65536.0f;
+                    break;
+                case 1:
+                    v = std::nextafter(v, 1e9f);
+                    break;
+                case 2:
+                    v = std::nextafter(v, -1e9f);
+                    break;
+                default:
+                    break;
+            }
+            if (draw() % 64 == 0) {
+                v = draw() % 2 ? 3.0e9f : -std::numeric_limits<float>::infinity();
+            }
+            c.p[a] = v;
+        }
+        return c;
+    }
+
+    template <typename Lanes>
+    static CellFrame<Lanes> frameOf(const LocateCase& c) {
+        const float inverseDimension = 1.0f / c.dimension;
+        const float inverseSpacing = 1.0f / c.spacing;
+        return CellFrame<Lanes>{
+            Lanes::of(c.dimension, c.dimension, c.dimension, 0.0f),
+            Lanes::of(inverseDimension, inverseDimension, inverseDimension, 0.0f),
+            Lanes::of(inverseSpacing, inverseSpacing, inverseSpacing, 0.0f),
+            {c.bound, c.bound, c.bound, 0}};
+    }
+
+    template <typename Lanes>
+    static SampleCell locate(const LocateCase& c) {
+        SampleCell out;
+        Lanes::locate(Lanes::of(c.p[0], c.p[1], c.p[2], 0.0f), frameOf<Lanes>(c), out);
+        return out;
+    }
+
+    // Whether two lane types place `count` positions alike: the same keys, and for positions
+    // that have a key, the same cells bit for bit. Writes the first difference to `detail`.
+    template <typename LanesA, typename LanesB>
+    bool sameAs(unsigned count, std::string& detail) {
+        for (unsigned i = 0; i < count; ++i) {
+            const LocateCase c = next();
+            const SampleCell a = locate<LanesA>(c);
+            const SampleCell b = locate<LanesB>(c);
+            bool keyed = true;
+            for (int k = 0; k < 3; ++k) {
+                keyed = keyed && a.key[k] != INT32_MIN;
+            }
+            const size_t compared = keyed ? 3 * sizeof(int32_t) : 0;
+            if (std::memcmp(a.key, b.key, 3 * sizeof(int32_t)) != 0 ||
+                std::memcmp(a.i0, b.i0, compared) != 0 || std::memcmp(a.i1, b.i1, compared) != 0 ||
+                std::memcmp(a.f, b.f, keyed ? 3 * sizeof(float) : 0) != 0) {
+                detail = "position " + std::to_string(c.p[0]) + " " + std::to_string(c.p[1]) + " " +
+                         std::to_string(c.p[2]);
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    uint32_t draw() {
+        mState = mState * 1664525u + 1013904223u;
+        return mState >> 8;
     }
     uint32_t mState;
 };

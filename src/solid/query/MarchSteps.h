@@ -9,6 +9,7 @@
 #define VELMORA_SOLID_QUERY_MARCHSTEPS_H
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +21,30 @@
 #endif
 
 namespace Solid {
+
+// The key range of a block coordinate: floor(v) of v in [-2^31, 2^31); other values, and NaN,
+// have no key and give INT32_MIN.
+constexpr float kLowestKeyCoordinate = -2147483648.0f;
+constexpr float kKeyCoordinateLimit = 2147483648.0f;
+
+// Where a position lies, per axis (lane 3 unused): the key of its block, and in that block the
+// lattice cell of a trilinear read, its lower and upper lattice index and the fraction between.
+struct SampleCell {
+    int32_t key[4];
+    int32_t i0[4];
+    int32_t i1[4];
+    float f[4];
+};
+
+// The block and lattice measures of a grid in lanes, for `locate`: the block edge and its
+// inverse, the inverse sample spacing, and the last lattice index per axis.
+template <typename Lanes>
+struct CellFrame {
+    Lanes dimension;
+    Lanes inverseDimension;
+    Lanes inverseSpacing;
+    int32_t bound[4];
+};
 
 // Four floats in plain arithmetic, for processors without vector lanes of their own.
 struct PortableLanes {
@@ -41,6 +66,8 @@ struct PortableLanes {
     }
     void store(float (&out)[4]) const { std::memcpy(out, v, sizeof(out)); }
     float last() const { return v[3]; }
+    static void locate(const PortableLanes& p, const CellFrame<PortableLanes>& frame,
+                       SampleCell& out);
 };
 
 #if defined(__SSE2__)
@@ -56,6 +83,33 @@ struct NativeLanes {
     }
     void store(float (&out)[4]) const { _mm_storeu_ps(out, v); }
     float last() const { return _mm_cvtss_f32(_mm_shuffle_ps(v, v, _MM_SHUFFLE(3, 3, 3, 3))); }
+
+    static void locate(const NativeLanes& p, const CellFrame<NativeLanes>& frame, SampleCell& out) {
+        const __m128 v = _mm_mul_ps(p.v, frame.inverseDimension.v);
+        const __m128i t = _mm_cvttps_epi32(v);
+        const __m128 inRange = _mm_and_ps(_mm_cmpge_ps(v, _mm_set1_ps(kLowestKeyCoordinate)),
+                                          _mm_cmplt_ps(v, _mm_set1_ps(kKeyCoordinateLimit)));
+        // One less where the truncation rounded up (negative v); all ones is -1.
+        const __m128i floored =
+            _mm_add_epi32(t, _mm_castps_si128(_mm_cmpgt_ps(_mm_cvtepi32_ps(t), v)));
+        const __m128i inside = _mm_castps_si128(inRange);
+        const __m128i key = _mm_or_si128(_mm_and_si128(inside, floored),
+                                         _mm_andnot_si128(inside, _mm_set1_epi32(INT32_MIN)));
+        const __m128 local = _mm_sub_ps(p.v, _mm_mul_ps(frame.dimension.v, _mm_cvtepi32_ps(key)));
+        const __m128 u = _mm_mul_ps(local, frame.inverseSpacing.v);
+        const __m128i bound = _mm_loadu_si128(reinterpret_cast<const __m128i*>(frame.bound));
+        __m128i i = _mm_cvttps_epi32(u);
+        i = _mm_andnot_si128(_mm_cmplt_epi32(i, _mm_setzero_si128()), i);
+        const __m128i above = _mm_cmpgt_epi32(i, bound);
+        i = _mm_or_si128(_mm_and_si128(above, bound), _mm_andnot_si128(above, i));
+        const __m128 f = _mm_sub_ps(u, _mm_cvtepi32_ps(i));
+        const __m128i next = _mm_and_si128(_mm_castps_si128(_mm_cmpgt_ps(f, _mm_setzero_ps())),
+                                           _mm_cmplt_epi32(i, bound));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out.key), key);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out.i0), i);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out.i1), _mm_sub_epi32(i, next));
+        _mm_storeu_ps(out.f, f);
+    }
 };
 #elif defined(__ARM_NEON) && defined(__aarch64__)
 struct NativeLanes {
@@ -71,10 +125,55 @@ struct NativeLanes {
     }
     void store(float (&out)[4]) const { vst1q_f32(out, v); }
     float last() const { return vgetq_lane_f32(v, 3); }
+
+    static void locate(const NativeLanes& p, const CellFrame<NativeLanes>& frame, SampleCell& out) {
+        const float32x4_t v = vmulq_f32(p.v, frame.inverseDimension.v);
+        const int32x4_t t = vcvtq_s32_f32(v);
+        const uint32x4_t inRange = vandq_u32(vcgeq_f32(v, vdupq_n_f32(kLowestKeyCoordinate)),
+                                             vcltq_f32(v, vdupq_n_f32(kKeyCoordinateLimit)));
+        // One less where the truncation rounded up (negative v); all ones is -1.
+        const int32x4_t floored =
+            vaddq_s32(t, vreinterpretq_s32_u32(vcgtq_f32(vcvtq_f32_s32(t), v)));
+        const int32x4_t key = vbslq_s32(inRange, floored, vdupq_n_s32(INT32_MIN));
+        const float32x4_t local = vsubq_f32(p.v, vmulq_f32(frame.dimension.v, vcvtq_f32_s32(key)));
+        const float32x4_t u = vmulq_f32(local, frame.inverseSpacing.v);
+        const int32x4_t bound = vld1q_s32(frame.bound);
+        const int32x4_t i = vminq_s32(vmaxq_s32(vcvtq_s32_f32(u), vdupq_n_s32(0)), bound);
+        const float32x4_t f = vsubq_f32(u, vcvtq_f32_s32(i));
+        const uint32x4_t next = vandq_u32(vcgtq_f32(f, vdupq_n_f32(0.0f)), vcltq_s32(i, bound));
+        vst1q_s32(out.key, key);
+        vst1q_s32(out.i0, i);
+        vst1q_s32(out.i1, vsubq_s32(i, vreinterpretq_s32_u32(next)));
+        vst1q_f32(out.f, f);
+    }
 };
 #else
 using NativeLanes = PortableLanes;
 #endif
+
+// The key is the floor of the block coordinate, found by truncation and one correction; a
+// lattice index is truncated and clamped into the block, and the upper index of a read steps on
+// only off a lattice plane and inside the block. A truncation that no int holds gives INT32_MIN,
+// as the x86 conversion does.
+inline void PortableLanes::locate(const PortableLanes& p, const CellFrame<PortableLanes>& frame,
+                                  SampleCell& out) {
+    const auto truncate = [](float v) {
+        return v >= kLowestKeyCoordinate && v < kKeyCoordinateLimit ? static_cast<int32_t>(v)
+                                                                    : INT32_MIN;
+    };
+    for (int a = 0; a < 4; ++a) {
+        const float v = p.v[a] * frame.inverseDimension.v[a];
+        const int32_t t = truncate(v);
+        const bool inRange = v >= kLowestKeyCoordinate && v < kKeyCoordinateLimit;
+        out.key[a] = inRange ? t - (static_cast<float>(t) > v ? 1 : 0) : INT32_MIN;
+        const float local = p.v[a] - frame.dimension.v[a] * static_cast<float>(out.key[a]);
+        const float u = local * frame.inverseSpacing.v[a];
+        const int32_t i = std::min(std::max(truncate(u), 0), frame.bound[a]);
+        out.i0[a] = i;
+        out.f[a] = u - static_cast<float>(i);
+        out.i1[a] = out.f[a] > 0.0f && i < frame.bound[a] ? i + 1 : i;
+    }
+}
 
 // Half the distance from |v| to the next float up; NaN for infinities and NaN.
 inline float halfUlpAbove(float v) {

@@ -327,7 +327,21 @@ public:
           mKey(INT_MIN, INT_MIN, INT_MIN),
           mEntry(snapshot.find(mKey)),
           mHasCells(grid.config().bounds(0) >= 1 && grid.config().bounds(1) >= 1 &&
-                    grid.config().bounds(2) >= 1) {}
+                    grid.config().bounds(2) >= 1) {
+        // Every block of a grid shares the grid's configuration.
+        const VolumeConfig& cfg = grid.config();
+        mCellFrame.dimension =
+            NativeLanes::of(grid.dimension()(0), grid.dimension()(1), grid.dimension()(2), 0.0f);
+        mCellFrame.inverseDimension =
+            NativeLanes::of(grid.inverseDimension()(0), grid.inverseDimension()(1),
+                            grid.inverseDimension()(2), 0.0f);
+        mCellFrame.inverseSpacing = NativeLanes::of(cfg.inverseSpacing(0), cfg.inverseSpacing(1),
+                                                    cfg.inverseSpacing(2), 0.0f);
+        for (int a = 0; a < 3; ++a) {
+            mCellFrame.bound[a] = cfg.bounds(a);
+        }
+        mCellFrame.bound[3] = 0;
+    }
 
     __attribute__((always_inline)) float value(const Vec3& p) {
         const KeyType key = mFrame.keyOf(p);
@@ -348,17 +362,18 @@ public:
     __attribute__((always_inline)) float sample(const Vec3& p, bool positives, bool partly,
                                                 SkippedBlock& deferred) {
         deferred = SkippedBlock::kOther;
-        const KeyType key = mFrame.keyOf(p);
-        enter(key);
+        // Key and cell at once in vector lanes, as keyOf, local and cellForVal give them; the
+        // cell of a missing block is not used.
+        SampleCell cell;
+        NativeLanes::locate(NativeLanes::of(p(0), p(1), p(2), 0.0f), mCellFrame, cell);
+        enter(KeyType(cell.key[0], cell.key[1], cell.key[2]));
         if (mEntry == nullptr) {
             return kUnobservedValue;
         }
         const auto& block = mEntry->block;
-        const VolumeConfig& cfg = block.config();
-        const Vec3 local = mFrame.local(p, key);
-        const AxisCell cx = cellForVal(local(0), cfg.inverseSpacing(0), cfg.bounds(0));
-        const AxisCell cy = cellForVal(local(1), cfg.inverseSpacing(1), cfg.bounds(1));
-        const AxisCell cz = cellForVal(local(2), cfg.inverseSpacing(2), cfg.bounds(2));
+        const AxisCell cx{cell.i0[0], cell.i1[0], cell.f[0]};
+        const AxisCell cy{cell.i0[1], cell.i1[1], cell.f[1]};
+        const AxisCell cz{cell.i0[2], cell.i1[2], cell.f[2]};
         if (positives) {
             const SkippedBlock kind =
                 mKind != SkippedBlock::kOther ? mKind : (mHasCells ? cellKind(cx, cy, cz) : mKind);
@@ -600,7 +615,8 @@ private:
     KeyType mKey;
     uint32_t mSlot = Snapshot::kNoSlot;
     const typename Grid::Entry* mEntry;
-    const bool mHasCells;                // blocks of at least two samples a side have cells
+    const bool mHasCells;  // blocks of at least two samples a side have cells
+    CellFrame<NativeLanes> mCellFrame;
     const uint8_t* mCells = nullptr;     // cell kinds of the block of `mKey`, once asked for
     std::vector<uint32_t> mCellOffsets;  // per slot: where its cell kinds start, or kNoCells
     std::vector<uint8_t> mCellKindStore;

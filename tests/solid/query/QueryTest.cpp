@@ -16,6 +16,7 @@
 #include "solid/query/CollisionDetection.h"
 #include "solid/query/Placement.h"
 #include "solid/query/Raycast.h"
+#include "solid/volume/VolumeSampling.h"
 #include "support/FieldGrid.h"
 #include "support/FusedGrid.h"
 #include "support/MarchStepsCheck.h"
@@ -23,6 +24,8 @@
 namespace Solid {
 namespace {
 
+using Test::LocateCase;
+using Test::LocateCases;
 using Test::StepOverCases;
 using Test::StepOverOutcomes;
 using Velmora::Test::AnalyticScene;
@@ -161,6 +164,37 @@ void expectPlainSteps(uint32_t seed) {
 TEST(RaycastMarchSteps, LanesStepAsThePlainLoop) {
     expectPlainSteps<NativeLanes>(1);
     expectPlainSteps<PortableLanes>(2);
+}
+
+// `locate` in this processor's lanes and in plain floats gives the key of floorToKey and the cell
+// of cellForVal, also on block faces and lattice planes and one float beside them.
+TEST(RaycastMarchSteps, LocateGivesTheKeyAndCellOfTheScalarCode) {
+    LocateCases cases(4);
+    unsigned onPlane = 0, onLast = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const LocateCase c = cases.next();
+        const SampleCell lanes[2] = {LocateCases::locate<NativeLanes>(c),
+                                     LocateCases::locate<PortableLanes>(c)};
+        for (int a = 0; a < 3; ++a) {
+            const int key = floorToKey(c.p[a] * (1.0f / c.dimension));
+            const AxisCell cell = key == INT_MIN
+                                      ? AxisCell{}
+                                      : cellForVal(c.p[a] - c.dimension * static_cast<float>(key),
+                                                   1.0f / c.spacing, c.bound);
+            onPlane += key != INT_MIN && cell.f == 0.0f;
+            onLast += key != INT_MIN && cell.i0 == c.bound;
+            for (const SampleCell& l : lanes) {
+                ASSERT_EQ(l.key[a], key) << c.p[a];
+                if (key != INT_MIN) {
+                    ASSERT_EQ(l.i0[a], cell.i0) << c.p[a];
+                    ASSERT_EQ(l.i1[a], cell.i1) << c.p[a];
+                    ASSERT_EQ(0, std::memcmp(&l.f[a], &cell.f, sizeof(float))) << c.p[a];
+                }
+            }
+        }
+    }
+    EXPECT_GT(onPlane, 2000u);
+    EXPECT_GT(onLast, 5u);
 }
 
 // The renderer's copy of the block table answers every key as the table does: dense over a

@@ -49,6 +49,10 @@ int main() {
     const Solid::Test::StepOverOutcomes steps =
         Solid::Test::StepOverCases(3).compare<Solid::NativeLanes>(20000);
     tally.check(steps.mismatches == 0, "march lanes against the plain loop", steps.firstMismatch);
+    std::string where;
+    const bool placed =
+        Solid::Test::LocateCases(5).sameAs<Solid::NativeLanes, Solid::PortableLanes>(20000, where);
+    tally.check(placed, "key and cell in lanes against plain floats", where);
     std::printf("%u passed, %u failed\n", tally.passed, tally.failed);
     return tally.failed == 0 ? 0 : 1;
 }
