@@ -113,17 +113,14 @@ private:
     float mTDelta[3];  // |tDelta|
 };
 
-// Blocks grouped in regions of kSide blocks a side, and which regions hold any block of a table
+// Blocks grouped in regions of 2^shift blocks a side, and which regions hold any block of a table
 // copy. Rays cross far more missing blocks than existing ones, most of them in regions without
 // any block: there a march steps over the whole region as over one missing block (every position
 // in it lies in a missing block and would read -2.0) instead of looking up each block it enters.
 class OccupiedRegions {
 public:
-    static constexpr int kShift = 2;
-    static constexpr int kSide = 1 << kShift;
-
     template <typename Snapshot>
-    explicit OccupiedRegions(const Snapshot& snapshot) {
+    OccupiedRegions(const Snapshot& snapshot, int shift) : mShift(shift) {
         snapshot.forEachKey([this](const KeyType& key) { mOccupied.insert(regionOf(key)); });
         if (mOccupied.empty()) {
             return;
@@ -154,10 +151,11 @@ public:
         }
     }
 
-    static KeyType regionOf(const KeyType& key) {
+    KeyType regionOf(const KeyType& key) const {
         // An arithmetic shift: the floor of the quotient, for negative keys too.
-        return KeyType(key(0) >> kShift, key(1) >> kShift, key(2) >> kShift);
+        return KeyType(key(0) >> mShift, key(1) >> mShift, key(2) >> mShift);
     }
+    int side() const { return 1 << mShift; }
 
     bool holdsBlocks(const KeyType& region) const {
         if (mDense.empty()) {
@@ -182,6 +180,7 @@ private:
         return x + static_cast<size_t>(mExtent[0]) * (y + static_cast<size_t>(mExtent[1]) * z);
     }
 
+    int mShift;
     IndexSet mOccupied;
     std::vector<uint8_t> mDense;  // empty when the box is too large: then mOccupied answers
     KeyType mLow{0, 0, 0};
@@ -320,9 +319,10 @@ template <typename Grid>
 class SnapshotSampler {
 public:
     SnapshotSampler(const Grid& grid, const typename Grid::TableSnapshot& snapshot,
-                    const OccupiedRegions& regions)
+                    const OccupiedRegions& regions, const OccupiedRegions& largeRegions)
         : mSnapshot(snapshot),
           mRegions(regions),
+          mLargeRegions(largeRegions),
           mFrame(grid),
           mKey(INT_MIN, INT_MIN, INT_MIN),
           mEntry(snapshot.find(mKey)),
@@ -444,26 +444,38 @@ private:
     // intervals the current ones (the march steps over the region as over one missing block)
     // and returns true.
     bool enterEmptyRegion() {
-        constexpr int kSide = OccupiedRegions::kSide;
-        const KeyType region = OccupiedRegions::regionOf(mKey);
+        if (!emptyRegion(mRegions, mRegionCache)) {
+            return false;
+        }
+        // Where the larger region around it is empty as well, the march steps over that one.
+        emptyRegion(mLargeRegions, mLargeRegionCache);
+        return true;
+    }
+
+    // Whether the region of `mKey` in `regions` holds no block and has float intervals on every
+    // axis; if so, they become the current ones.
+    template <typename Cache>
+    bool emptyRegion(const OccupiedRegions& regions, Cache& cache) {
+        const int side = regions.side();
+        const KeyType region = regions.regionOf(mKey);
         for (int a = 0; a < 3; ++a) {
             if (region(a) <= -kRegionLimit || region(a) >= kRegionLimit) {
                 return false;
             }
         }
-        if (mRegions.holdsBlocks(region)) {
+        if (regions.holdsBlocks(region)) {
             return false;
         }
         Interval found[3];
         for (int a = 0; a < 3; ++a) {
             const int r = region(a);
-            Interval& cached = mRegionCache[a][static_cast<uint32_t>(r) & (kIntervalCacheSize - 1)];
+            Interval& cached = cache[a][static_cast<uint32_t>(r) & (kIntervalCacheSize - 1)];
             if (cached.key != r) {
                 float lowEnd = 0.0f;
                 float highEnd = 0.0f;
                 cached.key = r;
-                if (!mFrame.keyInterval(a, r * kSide, cached.low, lowEnd) ||
-                    !mFrame.keyInterval(a, r * kSide + kSide - 1, highEnd, cached.high)) {
+                if (!mFrame.keyInterval(a, r * side, cached.low, lowEnd) ||
+                    !mFrame.keyInterval(a, r * side + side - 1, highEnd, cached.high)) {
                     cached.low = std::numeric_limits<float>::infinity();
                     cached.high = -std::numeric_limits<float>::infinity();
                 }
@@ -611,6 +623,7 @@ private:
 
     const typename Grid::TableSnapshot& mSnapshot;
     const OccupiedRegions& mRegions;
+    const OccupiedRegions& mLargeRegions;
     BlockFrame mFrame;
     KeyType mKey;
     uint32_t mSlot = Snapshot::kNoSlot;
@@ -626,6 +639,7 @@ private:
     bool mCurrentIsRegion = false;  // mCurrent holds the intervals of the region of `mKey`
     Interval mCache[3][kIntervalCacheSize];
     Interval mRegionCache[3][kIntervalCacheSize];  // keyed by region components
+    Interval mLargeRegionCache[3][kIntervalCacheSize];
 };
 
 // Stretches of samples stepped over in blocks of unobserved and positive samples, since the last
@@ -885,8 +899,11 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                                    : static_cast<unsigned>(std::max(marchSamples, 1.0f));
 
     // One reader for all rays: what it remembers of the last block read holds for every ray.
-    OccupiedRegions regions(snapshot);
-    SnapshotSampler<Grid> reader(grid, snapshot, regions);
+    // Regions of 4 blocks a side, and of 8 around them: an empty region of 8 saves the entries
+    // into its eight smaller ones, where the free space in front of a room's walls is wide.
+    OccupiedRegions regions(snapshot, 2);
+    OccupiedRegions largeRegions(snapshot, 3);
+    SnapshotSampler<Grid> reader(grid, snapshot, regions, largeRegions);
     AR::CV::Image<float>& depth = depthFrame.depth;
     const int width = depth.width();
     const int height = depth.height();
