@@ -54,17 +54,12 @@ inline Frame sceneFrame(size_t index, size_t count) {
 }
 
 // `count` frames of the built-in scene (small, noiseless) in the recorded layout.
-inline void writeSceneSequence(const std::string& directory, size_t count, bool labels = true) {
+inline void writeSceneSequence(const std::string& directory, size_t count) {
     RecordedSequenceWriter writer;
     std::string error;
     ASSERT_TRUE(writer.open(directory, sceneIntrinsics(kSmallWidth, kSmallHeight), error)) << error;
-    for (size_t i = 0; i < count; ++i) {
-        Frame frame = sceneFrame(i, count);
-        frame.hasLabels = labels;
-        ASSERT_TRUE(writer.write(i, frame, error)) << error;
-    }
-    if (!labels)
-        fs::remove_all(fs::path(directory) / "label");
+    for (size_t i = 0; i < count; ++i)
+        ASSERT_TRUE(writer.write(i, sceneFrame(i, count), error)) << error;
 }
 
 // A TUM RGB-D sequence of the built-in scene: depth at 5000 units a metre, colour 10 ms after
@@ -153,9 +148,9 @@ inline PlyFile readPly(const std::string& path) {
         std::istringstream words(line);
         std::string keyword, a, b;
         words >> keyword >> a >> b;
-        if (keyword == "element") {
+        if (keyword == "element")
             (a == "vertex" ? vertexCount : faceCount) = std::stoul(b);
-        } else if (keyword == "property" && a != "list") {
+        if (keyword == "property" && a != "list") {
             types.push_back(a);
             ply.vertexProperties.push_back(b);
         }
