@@ -58,7 +58,6 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
                                    dir + "/instances.json --preview " + dir +
                                    "/p.png --instance-meshes " + dir + "/objects");
         ASSERT_EQ(run.exitCode, kExitOk) << run.err;
-        EXPECT_EQ(summaryRow(run.out, "frames fused"), "4");
         EXPECT_EQ(summaryRow(run.out, "mode"), mode + ", cell 0.020 m, truncation 0.100 m");
         EXPECT_EQ(summaryRow(run.out, "volumes"), "saved with prefix " + dir + "/scene");
         EXPECT_TRUE(contains(summaryRow(run.out, "submitImages"), "median")) << run.out;
@@ -86,7 +85,6 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         EXPECT_EQ(std::to_string(instances), summaryRow(run.out, "instances"));
         EXPECT_EQ(std::distance(fs::directory_iterator(dir + "/objects"), fs::directory_iterator()),
                   static_cast<long>(instances));
-        EXPECT_TRUE(fs::is_regular_file(dir + "/p-planes.png"));
         run = runTool(scratch, "mesh " + dir + "/scene --mode " + mode + " --mesh " + dir +
                                    "/loaded.ply --preview " + dir + "/loaded.png");
         ASSERT_EQ(run.exitCode, kExitOk) << run.err;

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -68,34 +69,32 @@ inline void writeSceneSequence(const std::string& directory, size_t count) {
 inline void writeTumSequence(const std::string& dir, size_t frames) {
     fs::create_directories(fs::path(dir) / "depth");
     fs::create_directories(fs::path(dir) / "rgb");
-    std::string depthList = "# depth maps\n# timestamp filename\n", rgbList = "# colour\n",
-                truth = "# ground truth trajectory\n";
+    std::ofstream depthList(dir + "/depth.txt"), rgbList(dir + "/rgb.txt"),
+        truth(dir + "/groundtruth.txt");
+    depthList << "# depth maps\n# timestamp filename\n" << std::fixed << std::setprecision(6);
+    rgbList << "# colour\n" << std::fixed << std::setprecision(6);
+    truth << "# ground truth trajectory\n" << std::fixed << std::setprecision(9);
     for (size_t i = 0; i < frames; ++i) {
         const Frame frame = sceneFrame(i, frames);
         const double time = i == 0 ? 0.1 : 1.0 + 0.1 * i;
-        char name[64], line[256];
-        std::snprintf(name, sizeof(name), "%.6f.png", time);
-        std::vector<uint16_t> tumDepth(frame.depthMm.size());
-        for (size_t p = 0; p < tumDepth.size(); ++p)
-            tumDepth[p] = static_cast<uint16_t>(frame.depthMm[p] * 5);
-        writePngOrFail(dir + "/depth/" + name, makeGrey16(frame.width, frame.height, tumDepth));
-        writePngOrFail(dir + "/rgb/" + name, makeRgb8(frame.width, frame.height, frame.rgb));
-        std::snprintf(line, sizeof(line), "%.6f depth/%s\n", time, name);
-        depthList += line;
-        std::snprintf(line, sizeof(line), "%.6f rgb/%s\n", time + 0.01, name);
-        rgbList += line;
-        const Velmora::XrPosefVLM pose = toXrPose(frame.worldFromCamera);
+        std::ostringstream name;
+        name << std::fixed << std::setprecision(6) << time << ".png";
+        std::vector<uint16_t> tumDepth(frame.depthMm);
+        for (uint16_t& depth : tumDepth)
+            depth = static_cast<uint16_t>(depth * 5);
+        writePngOrFail(dir + "/depth/" + name.str(),
+                       makeGrey16(frame.width, frame.height, tumDepth));
+        writePngOrFail(dir + "/rgb/" + name.str(), makeRgb8(frame.width, frame.height, frame.rgb));
+        depthList << time << " depth/" << name.str() << "\n";
+        rgbList << time + 0.01 << " rgb/" << name.str() << "\n";
+        const Velmora::XrPosefVLM p = toXrPose(frame.worldFromCamera);
         for (double offset : {0.004, 0.03}) {
-            std::snprintf(line, sizeof(line), "%.6f %.9f %.9f %.9f %.9f %.9f %.9f %.9f\n",
-                          time + offset, pose.position.x, pose.position.y, pose.position.z,
-                          pose.orientation.x, pose.orientation.y, pose.orientation.z,
-                          pose.orientation.w);
-            truth += i > 0 ? line : "";
+            if (i > 0)
+                truth << time + offset << " " << p.position.x << " " << p.position.y << " "
+                      << p.position.z << " " << p.orientation.x << " " << p.orientation.y << " "
+                      << p.orientation.z << " " << p.orientation.w << "\n";
         }
     }
-    writeText(dir + "/depth.txt", depthList);
-    writeText(dir + "/rgb.txt", rgbList);
-    writeText(dir + "/groundtruth.txt", truth);
 }
 
 struct ToolRun {
