@@ -31,14 +31,15 @@ json readJson(const std::string& path) {
 }  // namespace
 
 // render-scene, then fuse in both modes with every output, then `mesh` on the saved volumes: the
-// same surface again; and a frame selection.
+// same surface again.
 //
 // Then every way the tool cannot do what it is asked, or not wholly: the exit code, a message
-// naming the file or argument, the frames fused ("" when it stops before fusing, without a summary
-// and without leaving a file behind) and skipped. A lost-tracking frame is skipped and counted,
-// but is no error; a bad frame is skipped, named, counted, and makes the exit code say so; a label
-// map can bring ids below 32. Combined mode needs labels with every frame; the TUM layout brings
-// no labels, no intrinsics and its first frame no ground truth.
+// naming the file or argument, the frames selected/fused ("" when it stops before fusing, without
+// a summary and without leaving a file behind) and skipped; a frame selection among them. A
+// lost-tracking frame is skipped and counted, but is no error; a bad frame is skipped, named,
+// counted, and makes the exit code say so; a label map can bring ids below 32. Combined mode needs
+// labels with every frame; the TUM layout brings no labels, no intrinsics and its first frame no
+// ground truth.
 TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
     ScratchDir scratch;
     const std::string seq = scratch / "seq";
@@ -92,14 +93,6 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         EXPECT_EQ(surface(readPly(dir + "/loaded.ply")), surface(fused));
         EXPECT_TRUE(fs::is_regular_file(dir + "/loaded-planes.png"));
     }
-    // Frame selection: numbers 1 to 3, every second of them.
-    run = runTool(scratch, "fuse " + seq + " --frames 1:3 --every 2 --stats " + seq + ".json");
-    ASSERT_EQ(run.exitCode, kExitOk) << run.err;
-    EXPECT_EQ(summaryRow(run.out, "frames selected"), "2");
-    const json selected = readJson(seq + ".json")["frames"];
-    ASSERT_EQ(selected.size(), 2u);
-    EXPECT_EQ(selected[0]["frame"], 1);
-    EXPECT_EQ(selected[1]["frame"], 3);
 
     const std::string part = scratch / "part", tum = scratch / "tum", noK = scratch / "nok",
                       file = scratch / "file", out = scratch / "m.ply", map = scratch / "map.csv",
@@ -139,14 +132,15 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         {"mesh " + split, usage, "nothing to write", ""},
         {"mesh " + split + " --truncation 0.05 --mesh " + out, usage, "--truncation must be", ""},
         {"fuse " + seq + " --frames 7:", failure, "no frames in the selected range", ""},
-        {"fuse " + skips + " --frames 1:1", failure, "no frame was fused", "0"},
-        {"fuse " + skips + " --frames 0:1", kExitOk,
-         "velmora: frame 1 skipped: " + lostPose + ": tracking lost", "1",
+        {"fuse " + skips + " --frames 1:1", failure, "no frame was fused", "1/0"},
+        // Numbers 1 to 3, every second of them: 1 is lost, 3 brings a raw id the map takes.
+        {"fuse " + skips + " --frames 1:3 --every 2 --label-map " + skips + ".csv --stats " + seq +
+             ".json",
+         kExitOk, "velmora: frame 1 skipped: " + lostPose + ": tracking lost", "2/1",
          "1 (tracking lost 1, bad input 0, refused by library 0)"},
         {"fuse " + skips + " --stats " + skips + ".json", kExitFramesSkipped,
          "frame 2 skipped: " + badDepth + ": expected a 16-bit grey depth image, found 8-bit grey",
-         "1", "3 (tracking lost 1, bad input 2, refused by library 0)"},
-        {"fuse " + skips + " --label-map " + skips + ".csv", kExitFramesSkipped, "", "2"},
+         "4/1", "3 (tracking lost 1, bad input 2, refused by library 0)"},
         {"fuse " + seq + " --label-map " + map, failure, map + ":1: class 32 is 32 or more", ""},
         {"fuse " + seq + " --mesh " + file + "/m.ply", failure, "cannot create the folder", ""},
         {"fuse " + seq + " --mesh " + out + " --preview " + scratch.path().string(), failure,
@@ -162,12 +156,13 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         {"accuracy " + absent + ".ply", failure, "absent.ply: cannot open", ""},
         {"fuse " + tum + " --mode combined --intrinsics 1,1,1,1", failure,
          "combined mode requires label images", ""},
-        {"fuse " + part + " --mode combined", kExitFramesSkipped, "1 skipped: no label image", "2"},
-        {"fuse " + part, kExitOk, "", "3"},
+        {"fuse " + part + " --mode combined", kExitFramesSkipped, "1 skipped: no label image",
+         "3/2"},
+        {"fuse " + part, kExitOk, "", "3/3"},
         {"fuse " + absent, failure, "velmora: " + absent + ": no such directory\n", ""},
         {"fuse " + noK, failure, "velmora: " + k + ": missing file\n", ""},
         {"fuse " + tum, failure, "give --intrinsics fx,fy,cx,cy", ""},
-        {"fuse " + tum + " --intrinsics 26.25,26.25,15.5,11.5", kExitOk, "", "2"},
+        {"fuse " + tum + " --intrinsics 26.25,26.25,15.5,11.5", kExitOk, "", "3/2"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args);
@@ -175,7 +170,9 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
         EXPECT_TRUE(contains(run.err, c.message)) << run.err;
         if (!c.fused.empty()) {
-            EXPECT_EQ(summaryRow(run.out, "frames fused"), c.fused);
+            EXPECT_EQ(
+                summaryRow(run.out, "frames selected") + "/" + summaryRow(run.out, "frames fused"),
+                c.fused);
             if (!c.skipped.empty()) {
                 EXPECT_EQ(summaryRow(run.out, "frames skipped"), c.skipped);
             }
@@ -186,6 +183,7 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         }
     }
     EXPECT_FALSE(fs::exists(out));
+    EXPECT_EQ(readJson(seq + ".json")["frames"].at(0)["frame"], 3);
     const json stats = readJson(skips + ".json");
     ASSERT_EQ(stats["skipped"].size(), 3u);
     EXPECT_EQ(stats["skipped"][1]["frame"], 2);
