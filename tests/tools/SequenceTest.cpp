@@ -35,9 +35,11 @@ std::string loadProblem(FrameSource& source, size_t index, FrameStatus status,
     return problem;
 }
 
-// Frame `index` of `source` holds the depth, colour (and labels) of the built-in scene's frame.
-void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, Frame& read) {
+// Frame `index` of `source`, expected to hold the depth, colour (and labels) of the built-in
+// scene's frame.
+Frame loadSceneFrame(FrameSource& source, size_t index, double poseTolerance) {
     const Frame original = sceneFrame(index, source.frameCount());
+    Frame read;
     loadProblem(source, index, FrameStatus::kOk, &read);
     EXPECT_EQ(read.width, kSmallWidth);
     EXPECT_EQ(read.depthMm, original.depthMm);
@@ -46,6 +48,7 @@ void expectSceneFrame(FrameSource& source, size_t index, double poseTolerance, F
     EXPECT_EQ(read.hasLabels ? read.labels8 : original.labels8, original.labels8);
     for (size_t k = 0; k < 16; ++k)
         EXPECT_NEAR(read.worldFromCamera[k], original.worldFromCamera[k], poseTolerance);
+    return read;
 }
 
 // A uniformly random rotation (from a normalised Gaussian quaternion) with a translation.
@@ -63,8 +66,9 @@ Matrix4d randomPose(std::mt19937& rng) {
 
 }  // namespace
 
-// Frames ordered by number, optional streams that may be missing, stray files ignored.
-TEST(RecordedSequence, ReadsBackWhatWasWritten) {
+// The recorded layout: frames ordered by number, optional streams that may be missing, stray files
+// ignored.
+TEST(Sequences, RecordedAndTumLayoutsReadBackWhatWasWritten) {
     ScratchDir scratch;
     const std::string dir = scratch / "seq";
     writeSceneSequence(dir, 3);
@@ -76,8 +80,7 @@ TEST(RecordedSequence, ReadsBackWhatWasWritten) {
     EXPECT_NEAR(source->intrinsics().fx, expected.fx, 1e-6);
     EXPECT_NEAR(source->intrinsics().cy, expected.cy, 1e-6);
     for (size_t i = 0; i < 3; ++i) {
-        Frame read;
-        expectSceneFrame(*source, i, 1e-9, read);
+        const Frame read = loadSceneFrame(*source, i, 1e-9);
         EXPECT_TRUE(read.hasLabels && !read.labelsAre16Bit);
     }
     fs::remove(dir + "/label/000001.png");
@@ -95,10 +98,38 @@ TEST(RecordedSequence, ReadsBackWhatWasWritten) {
     EXPECT_FALSE(frame.hasLabels || frame.hasColor);
     loadProblem(*source, 2, FrameStatus::kOk, &frame);
     EXPECT_TRUE(frame.hasLabels);
+
+    // The TUM layout: frames and ground truth associated by time, depth in 1/5 mm rounded to
+    // millimetres, and a malformed index line named with its number.
+    const std::string tum = scratch / "tum";
+    writeTumSequence(tum, 3);
+    SequenceOptions options;
+    options.intrinsics = Intrinsics{500.0, 501.0, 15.5, 11.5};
+    source = open(tum, options);
+    ASSERT_TRUE(source);
+    ASSERT_EQ(source->frameCount(), 3u);
+    EXPECT_EQ(source->intrinsics().fy, 501.0);
+    EXPECT_FALSE(source->hasLabels());
+    EXPECT_TRUE(contains(loadProblem(*source, 0, FrameStatus::kTrackingLost),
+                         "no ground-truth pose within 20 ms"));
+    for (size_t i = 1; i < 3; ++i) {
+        EXPECT_EQ(loadSceneFrame(*source, i, 2e-6).timestamp,
+                  static_cast<int64_t>(std::llround((1.0 + 0.1 * i) * 1e9)));
+    }
+    std::vector<uint16_t> raw(kSmallWidth * kSmallHeight, 5002);
+    raw[1] = 5003;
+    raw[2] = 65535;
+    writePngOrFail(tum + "/depth/1.100000.png", makeGrey16(kSmallWidth, kSmallHeight, raw));
+    loadProblem(*source, 1, FrameStatus::kOk, &frame);
+    EXPECT_EQ(std::vector<uint16_t>(frame.depthMm.begin(), frame.depthMm.begin() + 3),
+              (std::vector<uint16_t>{1000, 1001, 13107}));
+    writeText(tum + "/groundtruth.txt", "# x\n1.0 0 0 0 0 0 1\n");
+    EXPECT_EQ(openError(tum, options),
+              tum + "/groundtruth.txt:2: expected 8 fields starting with a time stamp");
 }
 
 // Each kind of bad frame input is refused with the file and the problem named.
-TEST(RecordedSequence, BadInputLabelMapsAndProblemsOfTheWholeSequence) {
+TEST(Sequences, BadInputLabelMapsAndProblemsOfTheWholeSequence) {
     ScratchDir scratch;
     const std::string dir = scratch / "seq";
     writeSceneSequence(dir, 2);
@@ -202,40 +233,6 @@ TEST(RecordedSequence, BadInputLabelMapsAndProblemsOfTheWholeSequence) {
     fs::remove(depth);
     fs::remove(dir + "/depth/000001.png");
     EXPECT_TRUE(contains(openError(dir), "no depth images named NNNNNN.png"));
-}
-
-// Frames and ground truth associated by time, depth in 1/5 mm rounded to millimetres, and a
-// malformed index line named with its number.
-TEST(TumSequence, AssociatesByTimeAndConvertsDepthToMillimetres) {
-    ScratchDir scratch;
-    const std::string dir = scratch / "tum";
-    writeTumSequence(dir, 3);
-    SequenceOptions options;
-    options.intrinsics = Intrinsics{500.0, 501.0, 15.5, 11.5};
-    std::unique_ptr<FrameSource> source = open(dir, options);
-    ASSERT_TRUE(source);
-    ASSERT_EQ(source->frameCount(), 3u);
-    EXPECT_EQ(source->intrinsics().fy, 501.0);
-    EXPECT_FALSE(source->hasLabels());
-    EXPECT_TRUE(contains(loadProblem(*source, 0, FrameStatus::kTrackingLost),
-                         "no ground-truth pose within 20 ms"));
-    for (size_t i = 1; i < 3; ++i) {
-        Frame read;
-        expectSceneFrame(*source, i, 2e-6, read);
-        EXPECT_EQ(read.timestamp, static_cast<int64_t>(std::llround((1.0 + 0.1 * i) * 1e9)));
-    }
-    std::vector<uint16_t> raw(kSmallWidth * kSmallHeight, 5002);
-    raw[1] = 5003;
-    raw[2] = 65535;
-    writePngOrFail(dir + "/depth/1.100000.png", makeGrey16(kSmallWidth, kSmallHeight, raw));
-    Frame frame;
-    loadProblem(*source, 1, FrameStatus::kOk, &frame);
-    EXPECT_EQ(frame.depthMm[0], 1000);
-    EXPECT_EQ(frame.depthMm[1], 1001);
-    EXPECT_EQ(frame.depthMm[2], 13107);
-    writeText(dir + "/groundtruth.txt", "# x\n1.0 0 0 0 0 0 1\n");
-    EXPECT_EQ(openError(dir, options),
-              dir + "/groundtruth.txt:2: expected 8 fields starting with a time stamp");
 }
 
 // Every rotation, including the half turns about each axis where the trace is -1 and the other

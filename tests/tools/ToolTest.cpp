@@ -13,9 +13,6 @@ using nlohmann::json;
 
 namespace {
 
-const std::string kSize = std::to_string(kSmallWidth) + "x" + std::to_string(kSmallHeight);
-const char kLostPose[] = "nan nan nan nan\nnan nan nan nan\nnan nan nan nan\n0 0 0 1\n";
-
 // The vertices of a mesh in order, and the number of its faces: the order of blocks, and so of
 // vertices, may differ between two scenes holding the same surface.
 std::pair<std::vector<std::vector<double>>, size_t> surface(const PlyFile& ply) {
@@ -45,8 +42,8 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
     const std::string seq = scratch / "seq";
     const ToolRun help = runTool(scratch, "fuse --help");
     EXPECT_TRUE(help.exitCode == kExitOk && contains(help.out, "Exit codes:")) << help.out;
-    ToolRun run = runTool(
-        scratch, "render-scene " + seq + " --frames 4 --noise 1.5 --seed 3 --size " + kSize);
+    ToolRun run =
+        runTool(scratch, "render-scene " + seq + " --frames 4 --noise 1.5 --seed 3 --size 32x24");
     ASSERT_EQ(run.exitCode, kExitOk) << run.err;
     EXPECT_TRUE(fs::exists(seq + "/color/000003.png"));  // not fused below
     for (const std::string mode : {"split", "combined"}) {
@@ -106,7 +103,7 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
     fs::remove(k);
     writeTumSequence(tum, 3);
     writeSceneSequence(skips, 4);
-    writeText(lostPose, kLostPose);
+    writeText(lostPose, "nan nan nan nan\nnan nan nan nan\nnan nan nan nan\n0 0 0 1\n");
     std::vector<uint8_t> labels(kSmallWidth * kSmallHeight, 2);
     writePngOrFail(badDepth, makeGrey8(kSmallWidth, kSmallHeight, labels));
     labels.back() = 77;

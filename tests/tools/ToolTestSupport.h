@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
