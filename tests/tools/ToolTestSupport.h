@@ -127,10 +127,10 @@ inline std::string summaryRow(const std::string& summary, const std::string& nam
 }
 
 // A binary little-endian PLY file as writePly writes it (float, uchar and int vertex properties,
-// a uchar-counted list of uint per face): header lines, vertex property names, every vertex
-// property as a double, and the faces. Anything else fails the test.
+// a uchar-counted list of uint per face): vertex property names, every vertex property as a
+// double, and the faces. Anything else fails the test.
 struct PlyFile {
-    std::vector<std::string> header, vertexProperties;
+    std::vector<std::string> vertexProperties;
     std::vector<std::vector<double>> vertices;
     std::vector<std::vector<uint32_t>> faces;
 };
@@ -141,8 +141,10 @@ inline PlyFile readPly(const std::string& path) {
     EXPECT_TRUE(in.good()) << path;
     std::vector<std::string> types;
     size_t vertexCount = 0, faceCount = 0;
+    std::string magic, format;
+    std::getline(std::getline(in, magic), format);
+    EXPECT_EQ(magic + "\n" + format, "ply\nformat binary_little_endian 1.0") << path;
     for (std::string line; std::getline(in, line) && line != "end_header";) {
-        ply.header.push_back(line);
         std::istringstream words(line);
         std::string keyword, a, b;
         words >> keyword >> a >> b;
