@@ -11,14 +11,6 @@
 using namespace VelmoraToolTest;
 using nlohmann::json;
 
-namespace {
-
-json readJson(const std::string& path) {
-    return json::parse(readText(path));
-}
-
-}  // namespace
-
 // render-scene, then fuse in both modes with every output, then `mesh` on the saved volumes: the
 // same surface again.
 //
@@ -54,7 +46,7 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         EXPECT_TRUE(contains(summaryRow(run.out, "peak memory"), "MiB")) << run.out;
         // Not a terminal: plain progress lines, the last one at the end of the run.
         EXPECT_TRUE(contains(run.err, "velmora: 4/4 frames")) << run.err;
-        const json stats = readJson(dir + "/s.json");
+        const json stats = json::parse(readText(dir + "/s.json"));
         EXPECT_EQ(stats["mode"], mode);
         EXPECT_EQ(stats["framesFused"], 4);
         EXPECT_EQ(stats["cellSize"], 0.02);
@@ -69,9 +61,9 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         EXPECT_EQ(summaryRow(run.out, "mesh"), std::to_string(fused.faces.size()) + " triangles, " +
                                                    std::to_string(fused.vertices.size()) +
                                                    " vertices");
-        EXPECT_EQ(std::to_string(readJson(dir + "/planes.json")["planes"].size()),
+        EXPECT_EQ(std::to_string(json::parse(readText(dir + "/planes.json"))["planes"].size()),
                   summaryRow(run.out, "planes"));
-        const size_t instances = readJson(dir + "/instances.json")["instances"].size();
+        const size_t instances = json::parse(readText(dir + "/instances.json"))["instances"].size();
         EXPECT_EQ(std::to_string(instances), summaryRow(run.out, "instances"));
         EXPECT_EQ(std::distance(fs::directory_iterator(dir + "/objects"), fs::directory_iterator()),
                   static_cast<long>(instances));
@@ -173,8 +165,8 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         }
     }
     EXPECT_FALSE(fs::exists(out));
-    EXPECT_EQ(readJson(seq + ".json")["frames"].at(0)["frame"], 3);
-    const json stats = readJson(skips + ".json");
+    EXPECT_EQ(json::parse(readText(seq + ".json"))["frames"].at(0)["frame"], 3);
+    const json stats = json::parse(readText(skips + ".json"));
     ASSERT_EQ(stats["skipped"].size(), 3u);
     EXPECT_EQ(stats["skipped"][1]["frame"], 2);
     EXPECT_EQ(stats["framesSkipped"]["badInput"], 2);
@@ -203,7 +195,7 @@ TEST(ToolAccuracy, DemoStaysNearTheTruthAndTheRealSampleFuses) {
          {"fusion", "meshing", "colouring", "planes", "instances", "pictures", "accuracy"}) {
         EXPECT_TRUE(contains(stages, stage)) << stage << ": " << stages;
     }
-    const json stats = readJson(dir + ".json");
+    const json stats = json::parse(readText(dir + ".json"));
     const json& accuracy = stats["accuracy"];
     EXPECT_TRUE(stats["stageSeconds"].contains("meshing"));
     EXPECT_EQ(stats["files"].size(), 5u);
@@ -230,7 +222,7 @@ TEST(ToolAccuracy, DemoStaysNearTheTruthAndTheRealSampleFuses) {
         runTool(scratch, "accuracy " + dir + "/scene.ply" + demo + " --stats " + dir + "/a.json");
     ASSERT_EQ(measured.exitCode, kExitOk) << measured.err;
     EXPECT_EQ(summaryRow(measured.out, "completeness"), summaryRow(run.out, "completeness"));
-    const json alone = readJson(dir + "/a.json");
+    const json alone = json::parse(readText(dir + "/a.json"));
     EXPECT_EQ(alone["distance"], accuracy["distance"]);
     EXPECT_EQ(alone["truthPoints"], accuracy["truthPoints"]);
     EXPECT_EQ(alone["triangles"], stats["triangles"]);
