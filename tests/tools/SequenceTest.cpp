@@ -139,12 +139,8 @@ TEST(Sequences, BadInputLabelMapsAndProblemsOfTheWholeSequence) {
     const std::vector<uint8_t> grey8(kSmallWidth * kSmallHeight, 3);
     std::vector<uint16_t> ids(kSmallWidth * kSmallHeight, 3);
     ids[5 * kSmallWidth + 7] = 32;
-    const auto png = [](const std::string& path, const PngImage& image) {
-        return [=] { writePngOrFail(path, image); };
-    };
-    const auto text = [](const std::string& path, const std::string& content) {
-        return [=] { writeText(path, content); };
-    };
+    const auto png = [](auto file, auto image) { return [=] { writePngOrFail(file, image); }; };
+    const auto text = [](auto file, auto content) { return [=] { writeText(file, content); }; };
     const struct {
         std::function<void()> damage;
         std::string file, problem;

@@ -7,6 +7,7 @@
 
 #include "ToolTestSupport.h"
 #include "velmora/Fusion.h"
+#include "velmora/Preview.h"
 
 using namespace VelmoraToolTest;
 using nlohmann::json;
@@ -117,8 +118,8 @@ TEST(ToolEndToEnd, RenderFuseSaveMeshAndEveryWayToFail) {
         {"mesh " + split + " --truncation 0.05 --mesh " + out, usage, "--truncation must be", ""},
         {"fuse " + seq + " --frames 7:", failure, "no frames in the selected range", ""},
         {"fuse " + skips + " --frames 1:1", failure, "no frame was fused", "1/0"},
-        // Numbers 1 to 3, every second of them: 1 is lost, 3 brings a raw id the map takes.
-        {"fuse " + skips + " --frames 1:3 --every 2 --label-map " + skips + ".csv --stats " + seq +
+        // Numbers from 1, every second of them: 1 is lost, 3 brings a raw id the map takes.
+        {"fuse " + skips + " --frames 1: --every 2 --label-map " + skips + ".csv --stats " + seq +
              ".json",
          kExitOk, "velmora: frame 1 skipped: " + lostPose + ": tracking lost", "2/1",
          "1 (tracking lost 1, bad input 0, refused by library 0)"},
@@ -184,10 +185,14 @@ TEST(ToolAccuracy, DemoStaysNearTheTruthAndTheRealSampleFuses) {
         runTool(scratch, "demo" + demo + " --out " + dir + " --stats " + dir + ".json");
     ASSERT_EQ(run.exitCode, kExitOk) << run.err;
     EXPECT_EQ(summaryRow(run.out, "frames fused"), "30");
-    for (const char* file : {"scene.depthgrid", "scene.ply", "planes.json", "instances.json",
-                             "preview.png", "preview-planes.png"}) {
+    for (const char* file :
+         {"scene.depthgrid", "scene.ply", "planes.json", "instances.json", "preview.png"}) {
         EXPECT_TRUE(fs::is_regular_file(dir + "/" + file)) << file;
     }
+    PngImage picture;
+    std::string error;
+    ASSERT_TRUE(readPng(dir + "/preview-planes.png", picture, error)) << error;
+    EXPECT_EQ(picture.width * 10000 + picture.height, kPreviewWidth * 10000 + kPreviewHeight);
     for (const char* row : {"mesh accuracy", "completeness", "planes matched", "objects matched"})
         EXPECT_NE(summaryRow(run.out, row).rfind("<no row", 0), 0u) << row << run.out;
     const std::string stages = summaryRow(run.out, "stage times");
