@@ -296,6 +296,7 @@ public:
         return false;
     }
     SkippedBlock skippedBlock() const { return SkippedBlock::kMissing; }
+    // Never asked for, as nothing is skippable; an empty box.
     void skippableBox(float (&low)[3], float (&high)[3]) const {
         for (int a = 0; a < 3; ++a) {
             low[a] = 0.0f;

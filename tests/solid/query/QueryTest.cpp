@@ -25,8 +25,7 @@ namespace Solid {
 namespace {
 
 using Test::LocateCase;
-using Test::LocateCases;
-using Test::StepOverCases;
+using Test::MarchCases;
 using Test::StepOverOutcomes;
 using Velmora::Test::AnalyticScene;
 using Velmora::Test::PinholeCamera;
@@ -152,44 +151,34 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
 
 // The vector lanes of this processor and the portable ones step a march over samples that need
 // no read exactly as the plain loop, whichever way it ends: out of the box, at the cap, at the
-// far plane (finite or not), at the sample limit, or where d stops moving.
-template <typename Lanes>
-void expectPlainSteps(uint32_t seed) {
-    const StepOverOutcomes out = StepOverCases(seed).compare<Lanes>(20000);
-    EXPECT_EQ(out.mismatches, 0u) << out.firstMismatch;
-    for (const unsigned ways : {out.leftBox, out.cap, out.farPlane, out.sampleLimit, out.stalled})
-        EXPECT_GT(ways, 50u);
-}
-
-TEST(RaycastMarchSteps, LanesStepAsThePlainLoop) {
-    expectPlainSteps<NativeLanes>(1);
-    expectPlainSteps<PortableLanes>(2);
-}
-
-// `locate` in this processor's lanes and in plain floats gives the key of floorToKey and the cell
-// of cellForVal, also on block faces and lattice planes and one float beside them.
-TEST(RaycastMarchSteps, LocateGivesTheKeyAndCellOfTheScalarCode) {
-    LocateCases cases(4);
+// far plane (finite or not), at the sample limit, or where d stops moving. And `locate` in both
+// gives the key of floorToKey and the cell of cellForVal, also on block faces, lattice planes
+// (among them the last, reached by rounding) and one float beside them.
+TEST(RaycastMarchSteps, LanesStepAndLocateAsThePlainCode) {
+    MarchCases cases(1);
+    for (const StepOverOutcomes& out :
+         {cases.stepOver<NativeLanes>(20000), cases.stepOver<PortableLanes>(20000)}) {
+        EXPECT_EQ(out.mismatches, 0u) << out.firstMismatch;
+        for (const unsigned ways : out.ways)
+            EXPECT_GT(ways, 50u);
+    }
     unsigned onPlane = 0, onLast = 0;
     for (int i = 0; i < 20000; ++i) {
-        const LocateCase c = cases.next();
-        const SampleCell lanes[2] = {LocateCases::locate<NativeLanes>(c),
-                                     LocateCases::locate<PortableLanes>(c)};
-        for (int a = 0; a < 3; ++a) {
-            const int key = floorToKey(c.p[a] * (1.0f / c.dimension));
-            const AxisCell cell = key == INT_MIN
-                                      ? AxisCell{}
-                                      : cellForVal(c.p[a] - c.dimension * static_cast<float>(key),
-                                                   1.0f / c.spacing, c.bound);
-            onPlane += key != INT_MIN && cell.f == 0.0f;
-            onLast += key != INT_MIN && cell.i0 == c.bound;
-            for (const SampleCell& l : lanes) {
+        const LocateCase c = cases.position();
+        for (const SampleCell& l :
+             {MarchCases::locate<NativeLanes>(c), MarchCases::locate<PortableLanes>(c)}) {
+            for (int a = 0; a < 3; ++a) {
+                const int key = floorToKey(c.p[a] * (1.0f / c.dimension));
                 ASSERT_EQ(l.key[a], key) << c.p[a];
-                if (key != INT_MIN) {
-                    ASSERT_EQ(l.i0[a], cell.i0) << c.p[a];
-                    ASSERT_EQ(l.i1[a], cell.i1) << c.p[a];
-                    ASSERT_EQ(0, std::memcmp(&l.f[a], &cell.f, sizeof(float))) << c.p[a];
-                }
+                if (key == INT_MIN)
+                    continue;
+                const AxisCell cell =
+                    cellForVal(c.p[a] - c.dimension * static_cast<float>(key), 1.0f / c.spacing, 8);
+                ASSERT_EQ(l.i0[a], cell.i0) << c.p[a];
+                ASSERT_EQ(l.i1[a], cell.i1) << c.p[a];
+                ASSERT_EQ(0, std::memcmp(&l.f[a], &cell.f, sizeof(float))) << c.p[a];
+                onPlane += cell.f == 0.0f;
+                onLast += cell.i0 == 8;
             }
         }
     }

@@ -45,14 +45,13 @@ int main() {
     tally.compare(tvrDepthFusion8x8x8xNs16Neon, 7, "NEON against portable");
 #endif
     tally.compare(tvrDepthFusion8x8x8xNs16, 8, "entry against portable");
-    // The renderer's march steps over samples in this processor's vector lanes.
-    const Solid::Test::StepOverOutcomes steps =
-        Solid::Test::StepOverCases(3).compare<Solid::NativeLanes>(20000);
+    // The renderer's march in this processor's vector lanes.
+    Solid::Test::MarchCases cases(3);
+    const Solid::Test::StepOverOutcomes steps = cases.stepOver<Solid::NativeLanes>(20000);
     tally.check(steps.mismatches == 0, "march lanes against the plain loop", steps.firstMismatch);
     std::string where;
-    const bool placed =
-        Solid::Test::LocateCases(5).sameAs<Solid::NativeLanes, Solid::PortableLanes>(20000, where);
-    tally.check(placed, "key and cell in lanes against plain floats", where);
+    tally.check(cases.sameCells<Solid::NativeLanes, Solid::PortableLanes>(20000, where),
+                "key and cell in lanes against plain floats", where);
     std::printf("%u passed, %u failed\n", tally.passed, tally.failed);
     return tally.failed == 0 ? 0 : 1;
 }
