@@ -139,29 +139,29 @@ TEST(OutputFiles, MeshesPlanesAndInstances) {
         EXPECT_TRUE(contains(error, message)) << error;
     }
 
+    // Every field of the JSON files, floats as the decimals they stand for (to the micrometre);
+    // the units line is for people.
     using nlohmann::json;
     const CannedScene scene = cannedScene();
-    const json planes = json::parse(planesJson(scene.planes));
-    ASSERT_EQ(planes["planes"].size(), 2u);
-    const json& floor = planes["planes"][0];
-    EXPECT_EQ(floor["id"], "00000000000000000900000001000000");
-    EXPECT_EQ(floor["label"], 1);
-    EXPECT_EQ(floor["normal"], json::array({0.0, 0.0, 1.0}));
-    EXPECT_EQ(floor["offset"], 0.0);
-    ASSERT_EQ(floor["contour"].size(), 4u);
-    EXPECT_EQ(floor["contour"][2], json::array({3.0, 2.5, 0.0}));
-    EXPECT_EQ(planes["planes"][1]["offset"], 1.0);
-    EXPECT_TRUE(planes["planes"][1]["contour"].empty());
-    ASSERT_EQ(planes["subsumed"].size(), 1u);
-    EXPECT_EQ(planes["subsumed"][0]["second"], "00000000000000000500000001000000");
-    const json instances = json::parse(instancesJson(scene.instances));
-    ASSERT_EQ(instances["instances"].size(), 2u);
-    EXPECT_EQ(instances["instances"][1]["id"], "00000000000000000200000002000000");
-    EXPECT_EQ(instances["instances"][1]["label"], 8);
-    EXPECT_EQ(instances["instances"][0]["boundsMin"], json::array({1.0, 0.5, 0.0}));
-    // Floats read as the decimals they stand for, to the micrometre.
-    EXPECT_EQ(instances["instances"][1]["boundsMax"], json::array({3.0, 2.5, 1.01}));
-    EXPECT_EQ(instances["subsumed"].size(), 2u);
+    json planes = json::parse(planesJson(scene.planes));
+    json instances = json::parse(instancesJson(scene.instances));
+    EXPECT_EQ(planes.erase("units") + instances.erase("units"), 2u);
+    EXPECT_EQ(planes, json::parse(R"({"planes": [
+        {"id": "00000000000000000900000001000000", "label": 1, "normal": [0, 0, 1], "offset": 0,
+         "contour": [[1, 0.5, 0], [3, 0.5, 0], [3, 2.5, 0], [1, 2.5, 0]]},
+        {"id": "00000000000000000400000001000000", "label": 2, "normal": [0, 0, -1], "offset": 1,
+         "contour": []}],
+      "subsumed": [{"first": "00000000000000000900000001000000",
+                    "second": "00000000000000000500000001000000"}]})"));
+    EXPECT_EQ(instances, json::parse(R"({"instances": [
+        {"id": "00000000000000000100000002000000", "label": 7, "boundsMin": [1, 0.5, 0],
+         "boundsMax": [3, 2.5, 0.01]},
+        {"id": "00000000000000000200000002000000", "label": 8, "boundsMin": [1, 0.5, 1],
+         "boundsMax": [3, 2.5, 1.01]}],
+      "subsumed": [{"first": "00000000000000000000000002000000",
+                    "second": "00000000000000000000000002000000"},
+                   {"first": "00000000000000000100000002000000",
+                    "second": "00000000000000000100000002000000"}]})"));
 }
 
 // Seen from above, the ceiling square faces away and is left out: the floor shows in the middle
