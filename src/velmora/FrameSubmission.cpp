@@ -281,6 +281,15 @@ XrResultVLM Impl::submitImages(XrTimeVLM time,
             return kErrorImageInvalid;
         }
     }
+    // Rows shorter than the width, and classes beyond those a sample counts, would end the
+    // process further on (an image view's bounds, a vote's histogram): the host gets the image
+    // code instead. A class of 32 or more also comes from a 16-bit label image with an odd
+    // stride, whose rows are read a byte short.
+    for (uint32_t i = 0; i < images.size; ++i) {
+        if (!rowsAreReadable(images.data[i]) || !labelsAreCounted(images.data[i])) {
+            return kErrorImageInvalid;
+        }
+    }
     State& s = *mState;
 
     if (images.size > 1) {

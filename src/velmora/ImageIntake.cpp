@@ -5,6 +5,7 @@
 
 #include "common/Trace.h"
 #include "cv/ImageOps.h"
+#include "solid/volume/LabelVolumeSample.h"
 
 namespace Velmora {
 
@@ -40,6 +41,41 @@ void copyDepthPart(Solid::DepthFrame& target, const Solid::DepthFrame& source) {
 
 bool checkImage(const Image& image) {
     return image.stride != 0 && image.pixelData != nullptr && image.width != 0 && image.height != 0;
+}
+
+bool rowsAreReadable(const Image& image) {
+    switch (image.format) {
+        case kImageDepthU16:
+        case kImageDepthU16Flagged:
+        case kImageLabelU16:
+            return static_cast<uint32_t>(rowLength16(image)) >= image.width;
+        case kImageLabelU8:
+            return image.stride >= image.width;
+        default:
+            return true;  // colour rows are read densely, other formats not at all
+    }
+}
+
+bool labelsAreCounted(const Image& image) {
+    const auto below = [&image](const auto* pixels, size_t rowLength) {
+        for (uint32_t y = 0; y < image.height; ++y) {
+            const auto* row = pixels + static_cast<size_t>(y) * rowLength;
+            for (uint32_t x = 0; x < image.width; ++x) {
+                if (row[x] >= Solid::kNumLabels) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    };
+    if (image.format == kImageLabelU8) {
+        return below(static_cast<const uint8_t*>(image.pixelData), image.stride);
+    }
+    if (image.format == kImageLabelU16) {
+        return below(static_cast<const uint16_t*>(image.pixelData),
+                     static_cast<size_t>(rowLength16(image)));
+    }
+    return true;
 }
 
 bool indexOfDepthLabelColorImages(span<const Image> images, int& depthIdx, int& labelIdx,

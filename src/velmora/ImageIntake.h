@@ -18,6 +18,14 @@ constexpr uint16_t kDepthFlagMask = 0xE000;
 // True when stride, pixel pointer, width and height are all non-zero.
 bool checkImage(const Image& image);
 
+// Whether the rows of `stride` bytes hold `width` pixels of the image's format, where the intake
+// reads rows at that length (16-bit images at the stride with its lowest bit cleared).
+bool rowsAreReadable(const Image& image);
+
+// Whether every class of a label image (format 2 or 3) is one the volume counts, below 32; true
+// for other formats. Needs rowsAreReadable.
+bool labelsAreCounted(const Image& image);
+
 // Writes the index of each image into the output of its kind (formats 0 and 1 depth, 2 and 3
 // label, 4 colour); other formats are skipped and a later image of a kind wins. The outputs are
 // not reset here. True when a depth and a label image were found.

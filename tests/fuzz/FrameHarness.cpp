@@ -33,9 +33,10 @@ uint32_t bytesPerPixel(uint32_t format) {
 }
 
 // Pixels raw from the input, constant, or a tilted plane of depth from 0.3 to 5 m (the other
-// formats take its low bytes), which gives fusion surfaces to build meshes and planes from. Class
-// ids of 32 or more are a host's programming error that label fusion refuses by aborting, so
-// label pixels keep below it, 16-bit ones with their high byte zero.
+// formats take its low bytes), which gives fusion surfaces to build meshes and planes from. Label
+// pixels keep below the 32 classes a sample counts, 16-bit ones with their high byte zero, so
+// that most label images are fused rather than refused (an odd stride still turns 16-bit rows
+// into other classes, which the validation refuses).
 HostImage makeImage(FuzzInput& in, uint32_t format) {
     HostImage host;
     Image& image = host.image;

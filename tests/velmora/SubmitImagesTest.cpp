@@ -90,6 +90,31 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
     EXPECT_EQ(submit(*combined, {depth, label, brokenColour}, camera.pose()), kErrorImageInvalid);
     EXPECT_EQ(submit(*combined, {depth, narrowLabel}, camera.pose()), kErrorImageInvalid);
     EXPECT_EQ(submit(*combined, {depth, label}, badPose), kErrorPoseInvalid);
+    // Rows shorter than the width, and classes beyond the 32 a sample counts (also those of a
+    // 16-bit image whose odd stride shifts each row by a byte), are refused in both modes.
+    const uint32_t w = label.width, h = label.height;
+    std::vector<uint8_t> classes(frame.labels.begin(), frame.labels.end());
+    classes.back() = 32;
+    std::vector<uint16_t> wide(size_t(w) * h, 31);
+    wide.back() = 300;
+    // Class 1 everywhere in rows 2w + 1 bytes apart: read from rows 2w apart, it is 256 where a
+    // row starts on an odd byte.
+    std::vector<uint8_t> shifted(size_t(2 * w + 1) * h, 0);
+    for (size_t y = 0; y < h; ++y)
+        for (size_t x = 0; x < w; ++x)
+            shifted[y * (2 * w + 1) + 2 * x] = 1;
+    Image shortDepth = depth, shortLabel = label, uncounted = label;
+    shortDepth.stride = 2 * w - 1;
+    shortLabel.stride = w - 1;
+    uncounted.pixelData = classes.data();
+    const Image wide16{kImageLabelU16, wide.data(), w, h, 2 * w, 0};
+    const Image odd16{kImageLabelU16, shifted.data(), w, h, 2 * w + 1, 0};
+    for (const Image& bad : {shortLabel, uncounted, wide16, odd16}) {
+        EXPECT_EQ(submit(*split, {bad}, camera.pose()), kErrorImageInvalid);
+        EXPECT_EQ(submit(*combined, {depth, bad}, camera.pose()), kErrorImageInvalid);
+    }
+    EXPECT_EQ(submit(*split, {shortDepth}, camera.pose()), kErrorImageInvalid);
+    EXPECT_EQ(submit(*combined, {shortDepth, label}, camera.pose()), kErrorImageInvalid);
     EXPECT_EQ(blockCount(*combined), 0u);
     auto unknownMode = makeScene(7);
     EXPECT_EQ(submit(*unknownMode, {depth}, camera.pose()), kErrorImageCombination);
