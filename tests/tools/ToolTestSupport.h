@@ -6,10 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -54,17 +54,12 @@ inline Frame sceneFrame(size_t index, size_t count) {
 }
 
 // `count` frames of the built-in scene (small, noiseless) in the recorded layout.
-inline void writeSceneSequence(const std::string& directory, size_t count, bool labels = true) {
+inline void writeSceneSequence(const std::string& directory, size_t count) {
     RecordedSequenceWriter writer;
     std::string error;
     ASSERT_TRUE(writer.open(directory, sceneIntrinsics(kSmallWidth, kSmallHeight), error)) << error;
-    for (size_t i = 0; i < count; ++i) {
-        Frame frame = sceneFrame(i, count);
-        frame.hasLabels = labels;
-        ASSERT_TRUE(writer.write(i, frame, error)) << error;
-    }
-    if (!labels)
-        fs::remove_all(fs::path(directory) / "label");
+    for (size_t i = 0; i < count; ++i)
+        ASSERT_TRUE(writer.write(i, sceneFrame(i, count), error)) << error;
 }
 
 // A TUM RGB-D sequence of the built-in scene: depth at 5000 units a metre, colour 10 ms after
@@ -73,34 +68,31 @@ inline void writeSceneSequence(const std::string& directory, size_t count, bool 
 inline void writeTumSequence(const std::string& dir, size_t frames) {
     fs::create_directories(fs::path(dir) / "depth");
     fs::create_directories(fs::path(dir) / "rgb");
-    std::string depthList = "# depth maps\n# timestamp filename\n", rgbList = "# colour\n",
-                truth = "# ground truth trajectory\n";
+    std::ofstream depthList(dir + "/depth.txt"), rgbList(dir + "/rgb.txt"),
+        truth(dir + "/groundtruth.txt");
+    depthList << "# depth maps\n# timestamp filename\n" << std::fixed << std::setprecision(6);
+    rgbList << "# colour\n" << std::fixed << std::setprecision(6);
+    truth << "# ground truth trajectory\n" << std::fixed << std::setprecision(9);
     for (size_t i = 0; i < frames; ++i) {
         const Frame frame = sceneFrame(i, frames);
         const double time = i == 0 ? 0.1 : 1.0 + 0.1 * i;
-        char name[64], line[256];
-        std::snprintf(name, sizeof(name), "%.6f.png", time);
-        std::vector<uint16_t> tumDepth(frame.depthMm.size());
-        for (size_t p = 0; p < tumDepth.size(); ++p)
-            tumDepth[p] = static_cast<uint16_t>(frame.depthMm[p] * 5);
-        writePngOrFail(dir + "/depth/" + name, makeGrey16(frame.width, frame.height, tumDepth));
-        writePngOrFail(dir + "/rgb/" + name, makeRgb8(frame.width, frame.height, frame.rgb));
-        std::snprintf(line, sizeof(line), "%.6f depth/%s\n", time, name);
-        depthList += line;
-        std::snprintf(line, sizeof(line), "%.6f rgb/%s\n", time + 0.01, name);
-        rgbList += line;
-        const Velmora::XrPosefVLM pose = toXrPose(frame.worldFromCamera);
-        for (double offset : {0.004, 0.03}) {
-            std::snprintf(line, sizeof(line), "%.6f %.9f %.9f %.9f %.9f %.9f %.9f %.9f\n",
-                          time + offset, pose.position.x, pose.position.y, pose.position.z,
-                          pose.orientation.x, pose.orientation.y, pose.orientation.z,
-                          pose.orientation.w);
-            truth += i > 0 ? line : "";
-        }
+        std::ostringstream name;
+        name << std::fixed << std::setprecision(6) << time << ".png";
+        std::vector<uint16_t> tumDepth(frame.depthMm);
+        for (uint16_t& depth : tumDepth)
+            depth = static_cast<uint16_t>(depth * 5);
+        writePngOrFail(dir + "/depth/" + name.str(),
+                       makeGrey16(frame.width, frame.height, tumDepth));
+        writePngOrFail(dir + "/rgb/" + name.str(), makeRgb8(frame.width, frame.height, frame.rgb));
+        depthList << time << " depth/" << name.str() << "\n";
+        rgbList << time + 0.01 << " rgb/" << name.str() << "\n";
+        const Velmora::XrPosefVLM p = toXrPose(frame.worldFromCamera);
+        for (double offset : {0.004, 0.03})
+            if (i > 0)
+                truth << time + offset << " " << p.position.x << " " << p.position.y << " "
+                      << p.position.z << " " << p.orientation.x << " " << p.orientation.y << " "
+                      << p.orientation.z << " " << p.orientation.w << "\n";
     }
-    writeText(dir + "/depth.txt", depthList);
-    writeText(dir + "/rgb.txt", rgbList);
-    writeText(dir + "/groundtruth.txt", truth);
 }
 
 struct ToolRun {
@@ -124,20 +116,19 @@ inline ToolRun runTool(const ScratchDir& scratch, const std::string& line) {
 inline std::string summaryRow(const std::string& summary, const std::string& name) {
     std::istringstream lines(summary);
     const std::string prefix = "  " + name + " ";
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line);)
         if (line.rfind(prefix, 0) == 0) {
             const size_t value = line.find_first_not_of(' ', prefix.size());
             return value == std::string::npos ? "" : line.substr(value);
         }
-    }
     return "<no row '" + name + "'>";
 }
 
 // A binary little-endian PLY file as writePly writes it (float, uchar and int vertex properties,
-// a uchar-counted list of uint per face): header lines, vertex property names, every vertex
-// property as a double, and the faces. Anything else fails the test.
+// a uchar-counted list of uint per face): vertex property names, every vertex property as a
+// double, and the faces. Anything else fails the test.
 struct PlyFile {
-    std::vector<std::string> header, vertexProperties;
+    std::vector<std::string> vertexProperties;
     std::vector<std::vector<double>> vertices;
     std::vector<std::vector<uint32_t>> faces;
 };
@@ -145,17 +136,18 @@ struct PlyFile {
 inline PlyFile readPly(const std::string& path) {
     PlyFile ply;
     std::ifstream in(path, std::ios::binary);
-    EXPECT_TRUE(in.good()) << path;
     std::vector<std::string> types;
     size_t vertexCount = 0, faceCount = 0;
+    std::string magic, format;
+    std::getline(std::getline(in, magic), format);
+    EXPECT_EQ(magic + "\n" + format, "ply\nformat binary_little_endian 1.0") << path;
     for (std::string line; std::getline(in, line) && line != "end_header";) {
-        ply.header.push_back(line);
         std::istringstream words(line);
         std::string keyword, a, b;
         words >> keyword >> a >> b;
-        if (keyword == "element") {
+        if (keyword == "element")
             (a == "vertex" ? vertexCount : faceCount) = std::stoul(b);
-        } else if (keyword == "property" && a != "list") {
+        if (keyword == "property" && a != "list") {
             types.push_back(a);
             ply.vertexProperties.push_back(b);
         }
@@ -165,12 +157,11 @@ inline PlyFile readPly(const std::string& path) {
         return value;
     };
     ply.vertices.resize(vertexCount);
-    for (std::vector<double>& row : ply.vertices) {
+    for (std::vector<double>& row : ply.vertices)
         for (const std::string& type : types)
             row.push_back(type == "float"   ? read(float{})
                           : type == "uchar" ? read(uint8_t{})
                                             : read(int32_t{}));
-    }
     ply.faces.resize(faceCount);
     for (std::vector<uint32_t>& face : ply.faces) {
         face.resize(read(uint8_t{}));
