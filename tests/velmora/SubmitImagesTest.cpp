@@ -93,8 +93,8 @@ TEST_F(SubmitImagesCodes, ValidationOrderAndCodes) {
     // Rows shorter than the width, and classes beyond the 32 a sample counts (also those of a
     // 16-bit image whose odd stride shifts each row by a byte), are refused in both modes.
     const uint32_t w = label.width, h = label.height;
-    std::vector<uint8_t> classes(frame.labels.begin(), frame.labels.end());
-    classes.back() = 32;
+    std::vector<uint8_t> classes(size_t(w) * h, 0);
+    classes[1] = 32;
     std::vector<uint16_t> wide(size_t(w) * h, 31);
     wide.back() = 300;
     // Class 1 everywhere in rows 2w + 1 bytes apart: read from rows 2w apart, it is 256 where a
