@@ -43,7 +43,9 @@ constexpr XrResultVLM kErrorAlreadyInitialized = -2000001;
 constexpr XrResultVLM kErrorIntrinsicsInvalid = -2000002;
 // `Config::cellSize` is not above zero.
 constexpr XrResultVLM kErrorCellSizeInvalid = -2000003;
-// An image has a null pixel pointer or a zero width, height or stride.
+// An image has a null pixel pointer or a zero width, height or stride, or rows (of `stride`
+// bytes) shorter than its width; a label image has a class of 32 or more, or (combined mode)
+// another size than its depth image.
 constexpr XrResultVLM kErrorImageInvalid = -2000004;
 // The image combination is not allowed in this run mode.
 constexpr XrResultVLM kErrorImageCombination = -2000005;
