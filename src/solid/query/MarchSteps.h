@@ -220,24 +220,28 @@ inline __attribute__((always_inline)) bool stepOverSamples(const float (&low)[3]
     const Lanes delta = Lanes::of(increment[0], increment[1], increment[2], step);
     Lanes p = Lanes::of(state.position[0], state.position[1], state.position[2], state.d);
     Lanes before = p;
-    unsigned samples = state.samples;
+    // The loop goes on while the position is in the box, below the cap and below the sample
+    // limit; where the limit ends it, the march ends at its next sample whatever the count.
+    const uint32_t limit = std::min(cap, maxSamples - state.samples);
+    uint32_t steps = 0;
     if (!mayStall) {
         do {
-            ++skipped;
+            ++steps;
             before = p;
             p = p + delta;
-        } while (Lanes::within(lower, p, upper) && skipped < cap && ++samples < maxSamples);
+        } while (Lanes::within(lower, p, upper) && steps < limit);
     } else {
         do {
-            ++skipped;
+            ++steps;
             before = p;
             p = p + delta;
             if (p.last() == before.last()) {
                 return false;
             }
-        } while (Lanes::within(lower, p, upper) && skipped < cap && ++samples < maxSamples);
+        } while (Lanes::within(lower, p, upper) && steps < limit);
     }
-    state.samples = samples;
+    skipped += steps;
+    state.samples += steps - 1;
     float now[4];
     float was[4];
     p.store(now);
