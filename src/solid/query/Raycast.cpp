@@ -344,13 +344,10 @@ public:
         mCellFrame.bound[3] = 0;
     }
 
-    __attribute__((always_inline)) float value(const Vec3& p) {
-        const KeyType key = mFrame.keyOf(p);
-        enter(key);
-        if (mEntry == nullptr) {
-            return kUnobservedValue;
-        }
-        return trilinearValue(mEntry->block, mFrame.local(p, key));
+    // The value at `p`, read as `VolumeGrid::value` reads it.
+    float value(const Vec3& p) {
+        SkippedBlock read;
+        return sample(p, false, false, read);
     }
 
     // The value at `p` as `value` reads it, unless the read is known without reading: with
