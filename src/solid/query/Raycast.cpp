@@ -11,6 +11,7 @@
 #include "common/Logger.h"
 #include "common/Timing.h"
 #include "math/MatrixFunctions.h"
+#include "solid/query/BlockWalk.h"
 #include "solid/query/MarchSteps.h"
 #include "solid/volume/VolumeSampling.h"
 
@@ -18,100 +19,8 @@ namespace Solid {
 
 namespace {
 
-// tDelta of an axis along which the walk does not move: larger than any tMax of a moving axis.
-constexpr float kNoStepDelta = 1e30f;
-// The walker starts half a block into its first block on every axis.
-constexpr float kWalkerStartFraction = 0.5f;
 // Step back in front of the first block, in block edges: its diagonal, sqrt(3).
 constexpr float kBlockDiagonalFactor = 1.7320508f;
-// Block coordinates of the walker are kept within +-2^24, where a float still counts single
-// blocks, so that their differences cannot overflow.
-constexpr float kMaxWalkKey = 16777216.0f;
-
-// Truncation toward zero of a finite block coordinate, clamped into the walker's range.
-inline int truncToWalkKey(float v) {
-    if (v > kMaxWalkKey) {
-        return static_cast<int>(kMaxWalkKey);
-    }
-    if (v < -kMaxWalkKey) {
-        return -static_cast<int>(kMaxWalkKey);
-    }
-    return static_cast<int>(v);
-}
-
-inline bool isFinite(const Vec3& v) {
-    return std::isfinite(v(0)) && std::isfinite(v(1)) && std::isfinite(v(2));
-}
-
-// The block walker of one segment: a coarse digital line from the block of the start to the
-// block of the end, which assumes the segment starts and ends at block centres.
-class BlockWalker {
-public:
-    BlockWalker(const Vec3& from, const Vec3& to, const Vec3& inverseDimension) {
-        for (int a = 0; a < 3; ++a) {
-            mCurrent[a] = truncToWalkKey(from[a] * inverseDimension[a]);
-            mEnd[a] = truncToWalkKey(to[a] * inverseDimension[a]);
-            const int delta = mEnd[a] - mCurrent[a];
-            mStep[a] = (delta > 0) - (delta < 0);
-            // tMax and tDelta share the sign of the step, and the axis choice compares
-            // magnitudes: only those are kept. |tMax + tDelta| is |tMax| + |tDelta| rounded, as
-            // rounding is the same for both signs, so the magnitudes follow the signed values
-            // exactly.
-            mTDelta[a] = std::fabs(delta != 0 ? 1.0f / static_cast<float>(delta) : kNoStepDelta);
-            mTMax[a] = kWalkerStartFraction * mTDelta[a];
-        }
-    }
-
-    // Whether `current` is still a block of the walk: the remaining distance to `end`, compared
-    // axis by axis in the order x, y, z, has not been overshot.
-    bool hasNext() const {
-        if (mStep[0] == 0 && mStep[1] == 0 && mStep[2] == 0) {
-            // Start and end in one block: exactly that block, before the first advance.
-            for (int a = 0; a < 3; ++a) {
-                if (mTMax[a] != kWalkerStartFraction * mTDelta[a]) {
-                    return false;
-                }
-            }
-            return true;
-        }
-        const int remainingX = (mEnd[0] - mCurrent[0]) * mStep[0];
-        if (remainingX != 0) {
-            return remainingX > 0;
-        }
-        const int remainingY = (mEnd[1] - mCurrent[1]) * mStep[1];
-        if (remainingY != 0) {
-            return remainingY > 0;
-        }
-        return (mEnd[2] - mCurrent[2]) * mStep[2] >= 0;
-    }
-
-    const KeyType& current() const { return mCurrent; }
-
-    // Moves to the next block along the axis of the smallest |tMax|; ties go to x, then y. The
-    // choice is made without branches: it changes from block to block with no pattern a branch
-    // predictor could learn.
-    void advance() {
-        const bool yBeforeX = mTMax[1] < mTMax[0];
-        const float least = yBeforeX ? mTMax[1] : mTMax[0];
-        const bool alongZ = mTMax[2] < least;
-        const bool alongY = !alongZ && yBeforeX;
-        const bool alongX = !alongZ && !yBeforeX;
-        // Every axis is updated by a select, not through an index: the state stays in registers.
-        mCurrent[0] += alongX ? mStep[0] : 0;
-        mCurrent[1] += alongY ? mStep[1] : 0;
-        mCurrent[2] += alongZ ? mStep[2] : 0;
-        mTMax[0] = alongX ? mTMax[0] + mTDelta[0] : mTMax[0];
-        mTMax[1] = alongY ? mTMax[1] + mTDelta[1] : mTMax[1];
-        mTMax[2] = alongZ ? mTMax[2] + mTDelta[2] : mTMax[2];
-    }
-
-private:
-    KeyType mCurrent;
-    KeyType mEnd;
-    KeyType mStep;     // -1, 0 or +1 per axis
-    float mTMax[3];    // |tMax|
-    float mTDelta[3];  // |tDelta|
-};
 
 // Blocks grouped in regions of 2^shift blocks a side, and which regions hold any block of a table
 // copy. Rays cross far more missing blocks than existing ones, most of them in regions without
@@ -145,7 +54,8 @@ public:
             return;
         }
         mLow = low;
-        mDense.assign(cells, 0);
+        // Three more bytes, never set: a walk reads its cells as the lowest byte of 32-bit words.
+        mDense.assign(cells + kWalkCellPadding, 0);
         for (const KeyType& region : mOccupied) {
             mDense[denseIndex(region)] = 1;
         }
@@ -156,6 +66,20 @@ public:
         return KeyType(key(0) >> mShift, key(1) >> mShift, key(2) >> mShift);
     }
     int side() const { return 1 << mShift; }
+
+    // The regions as a byte per region, for lookups by key where the regions are blocks (a
+    // shift of 0); no cells when the box was too large for them.
+    BlockOccupancy occupancy() const {
+        BlockOccupancy dense;
+        if (!mDense.empty()) {
+            dense.cells = mDense.data();
+            dense.low = mLow;
+            for (int a = 0; a < 3; ++a) {
+                dense.extent[a] = mExtent[a];
+            }
+        }
+        return dense;
+    }
 
     bool holdsBlocks(const KeyType& region) const {
         if (mDense.empty()) {
@@ -191,28 +115,13 @@ private:
 // none; at most `maxBlocks` blocks. False also when the walk reached `maxBlocks` with blocks
 // left, and then `exhausted` is set.
 template <typename Grid>
-bool walkToFirstBlock(const Grid& grid, const typename Grid::TableSnapshot* snapshot,
-                      const Vec3& from, const Vec3& to, unsigned maxBlocks, KeyType& found,
-                      bool& exhausted) {
-    exhausted = false;
-    if (!isFinite(from) || !isFinite(to)) {
-        return false;
-    }
-    BlockWalker walker(from, to, grid.inverseDimension());
-    unsigned visited = 0;
-    for (; visited < maxBlocks && walker.hasNext(); ++visited) {
-        // Only the block's existence matters here: its mutex is not taken.
-        const KeyType& key = walker.current();
-        const bool exists =
-            (snapshot != nullptr ? snapshot->find(key) : grid.findEntry(key)) != nullptr;
-        if (exists) {
-            found = key;
-            return true;
-        }
-        walker.advance();
-    }
-    exhausted = visited == maxBlocks && walker.hasNext();
-    return false;
+bool walkToFirstBlock(const Grid& grid, const Vec3& from, const Vec3& to, KeyType& found) {
+    // Only the block's existence matters here: its mutex is not taken.
+    const WalkResult walk =
+        walkSegment(from, to, grid.inverseDimension(), kMaxWalkBlocks,
+                    [&grid](const KeyType& key) { return grid.findEntry(key) != nullptr; });
+    found = walk.block;
+    return walk.found;
 }
 
 // The key and the local position of a world position, as `VolumeGrid::value` computes them,
@@ -857,8 +766,7 @@ bool verboseLogging() {
 template <typename B, template <typename> class P, typename L>
 bool findFirstBlock(const VolumeGrid<B, P, L>& grid, const Vec3& from, const Vec3& to,
                     KeyType& found) {
-    bool exhausted = false;
-    return walkToFirstBlock(grid, nullptr, from, to, kMaxWalkBlocks, found, exhausted);
+    return walkToFirstBlock(grid, from, to, found);
 }
 
 template <typename B, template <typename> class P, typename L>
@@ -902,23 +810,42 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
     OccupiedRegions regions(snapshot, 2);
     OccupiedRegions largeRegions(snapshot, 3);
     SnapshotSampler<Grid> reader(grid, snapshot, regions, largeRegions);
+    // The walks of a row go in packets of neighbouring rays over a byte per block; where the box
+    // of the blocks is too large for that, ray by ray in the table copy.
+    const OccupiedRegions blocks(snapshot, 0);
+    const BlockOccupancy occupancy = blocks.occupancy();
     AR::CV::Image<float>& depth = depthFrame.depth;
     const int width = depth.width();
     const int height = depth.height();
+    std::vector<Vec3> directions(width);
+    std::vector<Vec3> ends(width);
+    std::vector<WalkResult> walks(width);
     for (int y = 0; y < height; ++y) {
         float* row = depth.pixels() + static_cast<size_t>(y) * depth.bufSize()(0);
         for (int x = 0; x < width; ++x) {
             const float u = static_cast<float>(x);
             const float v = static_cast<float>(y);
-            const Vec3 direction(Minv(0, 0) * u + Minv(0, 1) * v + Minv(0, 2),
+            directions[x] = Vec3(Minv(0, 0) * u + Minv(0, 1) * v + Minv(0, 2),
                                  Minv(1, 0) * u + Minv(1, 1) * v + Minv(1, 2),
                                  Minv(2, 0) * u + Minv(2, 1) * v + Minv(2, 2));
-            KeyType block;
-            bool exhausted = false;
+            ends[x] = cameraPosition + directions[x] * farPlane;
+        }
+        if (occupancy.cells != nullptr) {
+            walkSegments(occupancy, grid.inverseDimension(), cameraPosition, ends.data(), width,
+                         walkLimit, walks.data());
+        } else {
+            for (int x = 0; x < width; ++x) {
+                walks[x] = walkSegment(
+                    cameraPosition, ends[x], grid.inverseDimension(), walkLimit,
+                    [&snapshot](const KeyType& key) { return snapshot.find(key) != nullptr; });
+            }
+        }
+        for (int x = 0; x < width; ++x) {
+            const Vec3& direction = directions[x];
+            const WalkResult& walk = walks[x];
             float start = nearPlane;
-            if (walkToFirstBlock(grid, &snapshot, cameraPosition,
-                                 cameraPosition + direction * farPlane, walkLimit, block,
-                                 exhausted)) {
+            if (walk.found) {
+                const KeyType& block = walk.block;
                 const Vec3 corner(static_cast<float>(block(0)) * blockSize,
                                   static_cast<float>(block(1)) * blockSize,
                                   static_cast<float>(block(2)) * blockSize);
@@ -926,7 +853,7 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                 if (start < nearPlane) {
                     start = nearPlane;
                 }
-            } else if (!exhausted) {
+            } else if (!walk.exhausted) {
                 row[x] = 0.0f;
                 continue;
             }
