@@ -153,29 +153,29 @@ __attribute__((always_inline)) inline void walkPacket(const BlockOccupancy& occu
         cellStep[a] = step[a] * strides;
         stride *= occupancy.extent[a];
     }
-    I limit;
-    splat(limit, static_cast<int32_t>(maxBlocks));
     I extentFlipped[3];
     for (int a = 0; a < 3; ++a) {
         splat(extentFlipped[a], static_cast<int32_t>(occupancy.extent[a] ^ 0x80000000u));
     }
     I cells;
     splat(cells, static_cast<int32_t>(cell));
-    I visited = zero;
     I found = zero;
     I exhausted = zero;
     I key[3] = {zero, zero, zero};  // offsets of the block found
     // A lane that found its block walks on until the packet ends, and its later lookups are
     // ignored: so the lookups, whose latency is long, are off the chain from one step to the
-    // next, and only the end of the packet waits for them.
-    while (anyLane(active & ~found)) {
+    // next, and only the end of the packet waits for them. A lane still walking has visited as
+    // many blocks as the packet has taken steps.
+    for (unsigned steps = 0; anyLane(active & ~found); ++steps) {
         I hasNext = remaining[1] != zero ? remaining[1] > zero : remaining[2] >= zero;
         // With start and end in one block, the first advance goes along x, which does not move,
         // and leaves -1 as x's remaining distance: the walk ends after that block, as it should.
         hasNext = remaining[0] != zero ? remaining[0] > zero : hasNext;
-        const I belowLimit = visited < limit;
-        exhausted |= active & ~belowLimit & hasNext;
-        active &= belowLimit & hasNext;
+        active &= hasNext;
+        if (steps == maxBlocks) {
+            exhausted = active;
+            break;
+        }
 
         const I inBox = active & (offset[0] < extentFlipped[0]) & (offset[1] < extentFlipped[1]) &
                         (offset[2] < extentFlipped[2]);
@@ -198,7 +198,6 @@ __attribute__((always_inline)) inline void walkPacket(const BlockOccupancy& occu
             remaining[a] += along[a];
             tMax[a] = along[a] ? tMax[a] + tDelta[a] : tMax[a];
         }
-        visited -= active;
     }
     for (int lane = 0; lane < N; ++lane) {
         out[lane].found = found[lane] != 0;
