@@ -126,33 +126,42 @@ public:
         if (mCount == 0) {
             return;
         }
-        if (!(mCachedKey == mKey) || !mCacheValid) {
-            // The entries of a block and its face neighbours, looked up as runs need them.
-            for (int32_t& entry : mCachedEntries) {
+        // The entries of a block and its face neighbours, looked up as runs need them and kept
+        // for the rows below, whose runs meet the same blocks again.
+        CacheLine& line = mCache[mixBlockKey(mKey) & (kCacheLines - 1)];
+        if (!line.valid || !(line.key == mKey)) {
+            for (int32_t& entry : line.entries) {
                 entry = -1;
             }
-            mCachedKey = mKey;
-            mCacheValid = true;
+            line.key = mKey;
+            line.valid = true;
         }
-        hit(0, mKey);
+        hit(line, 0, mKey);
         for (int axis = 0; axis < 3; ++axis) {
             if (mNeighbours & (1u << (2 * axis))) {
                 KeyType lower = mKey;
                 --lower[axis];
-                hit(1 + 2 * axis, lower);
+                hit(line, 1 + 2 * axis, lower);
             }
             if (mNeighbours & (1u << (2 * axis + 1))) {
                 KeyType upper = mKey;
                 ++upper[axis];
-                hit(2 + 2 * axis, upper);
+                hit(line, 2 + 2 * axis, upper);
             }
         }
         mCount = 0;
     }
 
 private:
-    void hit(int cacheSlot, const KeyType& key) {
-        int32_t& entry = mCachedEntries[cacheSlot];
+    struct CacheLine {
+        KeyType key;
+        bool valid = false;
+        int32_t entries[1 + kNumNeighbourBits];
+    };
+    static constexpr uint32_t kCacheLines = 256;
+
+    void hit(CacheLine& line, int slot, const KeyType& key) {
+        int32_t& entry = line.entries[slot];
         if (entry < 0) {
             entry = static_cast<int32_t>(mTable.indexOf(key));
         }
@@ -166,9 +175,7 @@ private:
     unsigned mNeighbours = 0;
     uint32_t mCount = 0;  // points in the current run, 0 for none
     float mBest = 0.0f;
-    KeyType mCachedKey;
-    bool mCacheValid = false;
-    int32_t mCachedEntries[1 + kNumNeighbourBits] = {};
+    std::vector<CacheLine> mCache = std::vector<CacheLine>(kCacheLines);
 };
 
 // The world-from-pixel transform of the hit search: rows of invM, and the block shape.
