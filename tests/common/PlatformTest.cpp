@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "common/Mutex.h"
 #include "common/OS.h"
@@ -129,25 +129,21 @@ TEST(RefCounterDeathTest, PreconditionsOfDelegateAndRecycleAbort) {
 constexpr int kThreads = 4;
 constexpr int kRounds = 2000;
 
-// Runs `body(index)` on kThreads platform threads and joins them.
+// Runs `body(index)` on kThreads platform threads and joins them; a thread that could not be
+// created fails its join.
 template <class Body>
 void runThreads(Body& body) {
-    struct Start {
-        Body* body;
-        int index;
-    };
-    std::vector<Start> starts(kThreads);
-    std::vector<ArThread*> threads;
+    std::pair<Body*, int> starts[kThreads];
+    ArThread* threads[kThreads];
     for (int i = 0; i < kThreads; ++i) {
-        starts[i] = Start{&body, i};
-        threads.push_back(arThreadCreate(
+        starts[i] = {&body, i};
+        threads[i] = arThreadCreate(
             [](void* arg) -> void* {
-                auto* start = static_cast<Start*>(arg);
-                (*start->body)(start->index);
+                auto* start = static_cast<std::pair<Body*, int>*>(arg);
+                (*start->first)(start->second);
                 return nullptr;
             },
-            &starts[i], "velmora-test"));
-        ASSERT_NE(threads.back(), nullptr);
+            &starts[i], "velmora-test");
     }
     for (ArThread* thread : threads)
         EXPECT_EQ(arThreadJoin(thread), 0);
