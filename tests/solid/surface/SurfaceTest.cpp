@@ -158,9 +158,7 @@ TYPED_TEST(MarchingCubesTest, VerticesLieOnAnalyticSurfaces) {
          0.25f * kSpacing},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        this->grid.reset();
-        Velmora::Test::configureGrid(this->grid, kSpacing);
+        SCOPED_TRACE(c.name);  // each field overwrites every sample of the blocks
         const IndexSet blocks = this->fill(Index3(0, 0, 0), Index3(1, 1, 1), c.sdf);
         const PolygonMesh mesh = mergeAll(this->extract(blocks));
         ASSERT_GT(mesh.findIndices()->size(), 30u);
@@ -482,22 +480,9 @@ RGBDFrame keyframe(uint8_t r, uint8_t g, uint8_t b, uint16_t depthMm, float came
     return frame;
 }
 
-// Four triangles on z = 2 facing the camera, and one far off to the side that no frame sees.
-PolygonMesh strip() {
-    PolygonMesh mesh;
-    auto& p = mesh.positions();
-    for (float y : {-0.1f, 0.1f})
-        for (float x : {-0.2f, 0.0f, 0.2f})
-            p.push_back(Vec3(x, y, 2.0f));
-    p.push_back(Vec3(10, 0, 2));
-    p.push_back(Vec3(10, 1, 2));
-    p.push_back(Vec3(11, 0, 2));
-    for (unsigned i : {0u, 3u, 1u, 1u, 3u, 4u, 1u, 4u, 2u, 2u, 4u, 5u, 6u, 7u, 8u})
-        mesh.indices().push_back(i);
-    return mesh;
-}
-
-// The strip coloured from `frames`; `images` asks for texture images, which are not built.
+// A strip of four triangles on z = 2 facing the camera, and one triangle far off to the side
+// that no frame sees, coloured from `frames`; `images` asks for texture images, which are not
+// built.
 PolygonMesh colour(const std::vector<RGBDFrame>& frames, bool images = false) {
     Camera camera;
     EXPECT_TRUE(camera.init(Camera::Vec2(kWidth, kHeight), Camera::Vec2(50, 50),
@@ -505,7 +490,14 @@ PolygonMesh colour(const std::vector<RGBDFrame>& frames, bool images = false) {
                             Camera::Vec2::zeros(), CamModel::DistortionModel::LINEAR));
     const TextureExtractor::Config config;  // held by reference
     TextureExtractor extractor(config, camera, camera);
-    PolygonMesh mesh = strip();
+    PolygonMesh mesh;
+    for (float y : {-0.1f, 0.1f})
+        for (float x : {-0.2f, 0.0f, 0.2f})
+            mesh.positions().push_back(Vec3(x, y, 2.0f));
+    for (const Vec3& p : {Vec3(10, 0, 2), Vec3(10, 1, 2), Vec3(11, 0, 2)})
+        mesh.positions().push_back(p);
+    for (unsigned i : {0u, 3u, 1u, 1u, 3u, 4u, 1u, 4u, 2u, 2u, 4u, 5u, 6u, 7u, 8u})
+        mesh.indices().push_back(i);
     AR::Common::Map<int, PolygonMesh*> textures;
     extractor.computeTextures(frames, mesh, textures, images);
     EXPECT_TRUE(textures.empty());
