@@ -45,6 +45,22 @@ __attribute__((always_inline)) inline void splat(V& v, T value) {
     std::memcpy(&v, lanes, sizeof(v));
 }
 
+// The unsigned lanes of the same width as I.
+template <typename I>
+struct UnsignedLanes;
+template <>
+struct UnsignedLanes<Int4> {
+    using Type = uint32_t __attribute__((vector_size(16)));
+};
+
+// `a += b` lane by lane with wrap-around: the offsets and cell indices of a lane far outside the
+// box pass the ends of the int range, which signed lanes must not.
+template <typename I>
+__attribute__((always_inline)) inline void addWrapping(I& a, const I& b) {
+    using U = typename UnsignedLanes<I>::Type;
+    a = __builtin_convertvector(__builtin_convertvector(a, U) + __builtin_convertvector(b, U), I);
+}
+
 // Whether any lane of `v` is not zero.
 __attribute__((always_inline)) inline bool anyLane(const Int4& v) {
 #if defined(__SSE2__)
@@ -71,6 +87,10 @@ __attribute__((always_inline)) inline void cellsSet(const uint8_t* cells, const 
 #if defined(__x86_64__)
 using Float8 = float __attribute__((vector_size(32)));
 using Int8 = int32_t __attribute__((vector_size(32)));
+template <>
+struct UnsignedLanes<Int8> {
+    using Type = uint32_t __attribute__((vector_size(32)));
+};
 
 // The eight lookups of a packet in one gather of 32-bit words at byte offsets: the cells are
 // readable three bytes past the box.
@@ -193,8 +213,8 @@ __attribute__((always_inline)) inline void walkPacket(const BlockOccupancy& occu
         const I along[3] = {active & ~alongZ & ~yBeforeX, active & ~alongZ & yBeforeX,
                             active & alongZ};
         for (int a = 0; a < 3; ++a) {
-            offset[a] += along[a] & step[a];
-            cells += along[a] & cellStep[a];
+            addWrapping(offset[a], along[a] & step[a]);
+            addWrapping(cells, along[a] & cellStep[a]);
             remaining[a] += along[a];
             tMax[a] = along[a] ? tMax[a] + tDelta[a] : tMax[a];
         }
