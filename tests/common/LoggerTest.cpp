@@ -121,10 +121,10 @@ TEST(LoggerDeathTest, AssertionReportsAndEndsTheProcess) {
         R"(: AR_ASSERT cond file\.cpp\(7\) void f\(\))");
 }
 
-TEST(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
-    Logger& logger = Logger::getInstance();
-    logger.setFlag(Logger::FLAG_SYSTEM_LOG, false);
-    CapturedLog capture;  // called under the logger's mutex
+// The fixture's capturing target is called under the logger's mutex.
+using LoggerConcurrency = LoggerTest;
+
+TEST_F(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
     constexpr int kThreads = 3, kLines = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
@@ -134,14 +134,12 @@ TEST(LoggerConcurrency, LinesFromManyThreadsStayWholeWhileTheLevelChanges) {
         });
     }
     // Debug lines pass at either level, so the count is exact.
-    threads.emplace_back([&logger] {
+    threads.emplace_back([] {
         for (int i = 0; i < kLines; ++i)
-            logger.setLevel(i % 2 == 0 ? Logger::LEVEL_VERBOSE : Logger::LEVEL_DEBUG);
+            logger().setLevel(i % 2 == 0 ? Logger::LEVEL_VERBOSE : Logger::LEVEL_DEBUG);
     });
     for (std::thread& thread : threads)
         thread.join();
-    logger.setLevel(Logger::kDefaultLevel);
-    logger.setFlag(Logger::FLAG_SYSTEM_LOG, true);
     ASSERT_EQ(capture.lines.size(), size_t{kThreads} * kLines);
     std::vector<int> nextLine(kThreads, 0);
     for (const std::string& line : capture.lines) {

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "common/Mutex.h"
 #include "common/OS.h"
@@ -129,25 +129,21 @@ TEST(RefCounterDeathTest, PreconditionsOfDelegateAndRecycleAbort) {
 constexpr int kThreads = 4;
 constexpr int kRounds = 2000;
 
-// Runs `body(index)` on kThreads platform threads and joins them.
+// Runs `body(index)` on kThreads platform threads and joins them; a thread that could not be
+// created fails its join.
 template <class Body>
 void runThreads(Body& body) {
-    struct Start {
-        Body* body;
-        int index;
-    };
-    std::vector<Start> starts(kThreads);
-    std::vector<ArThread*> threads;
+    std::pair<Body*, int> starts[kThreads];
+    ArThread* threads[kThreads];
     for (int i = 0; i < kThreads; ++i) {
-        starts[i] = Start{&body, i};
-        threads.push_back(arThreadCreate(
+        starts[i] = {&body, i};
+        threads[i] = arThreadCreate(
             [](void* arg) -> void* {
-                auto* start = static_cast<Start*>(arg);
-                (*start->body)(start->index);
+                auto* start = static_cast<std::pair<Body*, int>*>(arg);
+                (*start->first)(start->second);
                 return nullptr;
             },
-            &starts[i], "velmora-test"));
-        ASSERT_NE(threads.back(), nullptr);
+            &starts[i], "velmora-test");
     }
     for (ArThread* thread : threads)
         EXPECT_EQ(arThreadJoin(thread), 0);
@@ -196,53 +192,38 @@ TEST(PlatformConcurrency, ErrorCodeCountersMutexAndReferenceCounts) {
     arGetError();
 }
 
-// Two fields that the writer always changes together: a reader under the lock must never see
-// them differ, and must never see a change in the middle of its own critical section.
+// Thread 0 writes two fields, always together; the others read them under the lock and must
+// never see them differ, nor change in the middle of their own critical section. Both sides yield
+// inside their critical sections, so that a writer let in beside a reader has time to be seen;
+// readers sleep between reads, so that the spinning writer finds the lock free.
 TEST(RWLockConcurrency, ReadersNeverSeeAHalfWrite) {
     using Lock = AR::Common::RWLockImpl<true>;
-    struct {
-        long first = 0, second = 0;
-    } data;
-    constexpr int kReaders = 2;
-    constexpr int kReadsPerReader = 2000;
     constexpr int kWrites = 1000;
-    // Readers pause between reads, sleeping, so that the spinning writer finds the lock free.
-    constexpr std::chrono::microseconds kReaderPause(20);
     Lock lock;
-    std::atomic<long> torn{0};
-    std::atomic<long> changedWhileReading{0};
-
-    // Both sides yield inside their critical sections, so that a writer let in beside a reader
-    // has time to be seen.
-    std::vector<std::thread> readers;
-    for (int r = 0; r < kReaders; ++r) {
-        readers.emplace_back([&] {
-            for (int i = 0; i < kReadsPerReader; ++i) {
-                {
-                    AR::Common::ReadLockGuard<Lock> guard(lock);
-                    const long first = data.first;
-                    torn += first != data.second;
-                    std::this_thread::yield();
-                    changedWhileReading += first != data.first;
-                }
-                std::this_thread::sleep_for(kReaderPause);
+    long first = 0, second = 0;  // guarded by `lock`
+    std::atomic<long> torn{0}, changedWhileReading{0};
+    auto body = [&](int index) {
+        for (int i = 1; i <= (index == 0 ? kWrites : kRounds); ++i) {
+            if (index == 0) {
+                std::this_thread::yield();
+                AR::Common::WriteLockGuard<Lock> guard(lock);
+                first = i;
+                std::this_thread::yield();
+                second = i;
+            } else {
+                std::this_thread::sleep_for(std::chrono::microseconds(20));
+                AR::Common::ReadLockGuard<Lock> guard(lock);
+                const long seen = first;
+                torn += seen != second;
+                std::this_thread::yield();
+                changedWhileReading += seen != first;
             }
-        });
-    }
-    for (int w = 1; w <= kWrites; ++w) {
-        {
-            AR::Common::WriteLockGuard<Lock> guard(lock);
-            data.first = w;
-            std::this_thread::yield();
-            data.second = w;
         }
-        std::this_thread::yield();
-    }
-    for (std::thread& reader : readers)
-        reader.join();
+    };
+    runThreads(body);
     EXPECT_EQ(torn.load(), 0);
     EXPECT_EQ(changedWhileReading.load(), 0);
-    EXPECT_EQ(data.first, kWrites);
+    EXPECT_EQ(first, kWrites);
 }
 
 }  // namespace

@@ -131,34 +131,30 @@ double signedArea(const std::vector<Vec2>& points, const std::vector<size_t>& ri
     return area;
 }
 
-struct HullCase {
-    const char* name;
-    std::vector<Vec2> points;
-    std::vector<int> expected;
-};
-
 TEST(ConvexHull, KnownAnswers) {
-    const std::vector<HullCase> cases = {
+    const struct {
+        const char* name;
+        std::vector<float> xy;  // the points' coordinates, x then y
+        std::vector<int> expected;
+    } cases[] = {
         {"empty", {}, {}},
-        {"one point is a closed degenerate hull", {Vec2(2.0f, 3.0f)}, {0, 0}},
-        {"two points", {Vec2(1.0f, 1.0f), Vec2(0.0f, 0.0f)}, {1, 0, 1}},
+        {"one point is a closed degenerate hull", {2, 3}, {0, 0}},
+        {"two points", {1, 1, 0, 0}, {1, 0, 1}},
         {"square with interior points",
-         {Vec2(0.5f, 0.5f), Vec2(1.0f, 0.0f), Vec2(0.2f, 0.7f), Vec2(0.0f, 0.0f), Vec2(1.0f, 1.0f),
-          Vec2(0.6f, 0.3f), Vec2(0.0f, 1.0f)},
+         {.5f, .5f, 1, 0, .2f, .7f, 0, 0, 1, 1, .6f, .3f, 0, 1},
          {3, 1, 4, 6, 3}},
         {"collinear points on an edge are dropped",
-         {Vec2(0.0f, 0.0f), Vec2(0.5f, 0.0f), Vec2(1.0f, 0.0f), Vec2(1.0f, 1.0f), Vec2(0.0f, 1.0f),
-          Vec2(0.0f, 0.5f)},
+         {0, 0, .5f, 0, 1, 0, 1, 1, 0, 1, 0, .5f},
          {0, 2, 3, 4, 0}},
-        {"duplicates count once",
-         {Vec2(0.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(1.0f, 0.0f), Vec2(0.0f, 1.0f), Vec2(0.0f, 1.0f)},
-         {0, 1, 3, 0}},
-        {"all on one line: the ends",
-         {Vec2(0.0f, 0.0f), Vec2(1.0f, 1.0f), Vec2(2.0f, 2.0f)},
-         {0, 2, 0}},
+        {"duplicates count once", {0, 0, 1, 0, 1, 0, 0, 1, 0, 1}, {0, 1, 3, 0}},
+        {"all on one line: the ends", {0, 0, 1, 1, 2, 2}, {0, 2, 0}},
     };
-    for (const HullCase& c : cases)
-        EXPECT_EQ(hullOf(c.points), c.expected) << c.name;
+    for (const auto& c : cases) {
+        std::vector<Vec2> points;
+        for (size_t i = 0; i < c.xy.size(); i += 2)
+            points.emplace_back(c.xy[i], c.xy[i + 1]);
+        EXPECT_EQ(hullOf(points), c.expected) << c.name;
+    }
 }
 
 // Every triangle is counter-clockwise and no point lies inside any circumcircle.
