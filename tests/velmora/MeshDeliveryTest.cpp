@@ -234,7 +234,8 @@ TEST_P(MeshDeliveryTest, ChangedBlocksAloneGiveTheWholeRemeshing) {
 
 // The result codes of both forms: instance meshes without label planes, an unknown
 // instance, the empty scene (an empty mesh, indices included, counts not asked for as the host
-// set them), and a full scene with no capacity (the counts, and no colours before computing).
+// set them), and a full scene with no capacity (no colours before computing; the geometry's
+// counts are what every read of the other tests sizes its arrays by).
 TEST(MeshDeliveryResults, CodesAndCounts) {
     PolygonMesh mesh{};
     UuidBytes someInstance{};
@@ -259,9 +260,6 @@ TEST(MeshDeliveryResults, CodesAndCounts) {
     TextureQuality colours{};
     colours.vertexColors = true;
     EXPECT_EQ(scene->extractSurface(mesh, true, kWholeScene, colours), kErrorBufferTooSmall);
-    EXPECT_GT(mesh.positionCount, 0u);
-    EXPECT_GT(mesh.indexCount, 0u);
-    EXPECT_EQ(mesh.instanceIdCount, mesh.positionCount);
     EXPECT_EQ(mesh.colorCount, 0u);
     EXPECT_EQ(mesh.texCoordCount, 5u);
 }

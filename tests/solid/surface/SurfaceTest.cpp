@@ -285,47 +285,6 @@ std::vector<Triangle> triangleSet(const MeshGridType& meshes) {
     return out;
 }
 
-class IncrementalExtractionTest : public ::testing::Test {
-protected:
-    IncrementalExtractionTest() {
-        Velmora::Test::configureGrid(depth, kSpacing);
-        Velmora::Test::configureGrid(labels, kSpacing);
-        Velmora::Test::configureGrid(combined, kSpacing);
-    }
-    IndexSet allBlocks() const {
-        IndexSet blocks;
-        depth.for_each([&](const KeyType& key, const DepthVolume&) { blocks.insert(key); });
-        return blocks;
-    }
-    MeshGridType extractAll(IndexSet blocks) {
-        MeshGridType meshes;
-        ExtractSurfaceStats stats;
-        extractSurfaceIncremental(depth, blocks, meshes, stats, MC::plainCubeIndex, true, false, 0);
-        return meshes;
-    }
-
-    using MC = MarchingCubes<float, DepthVolume>;
-    DepthGrid depth;
-    LabelGrid labels;
-    LabelDepthGrid combined;
-};
-
-TEST_F(IncrementalExtractionTest, OnlyChangedBlocksAreRemeshedAndTheResultIsWhole) {
-    Solid::Test::writeField(depth, Index3(0, 0, 0), Index3(1, 1, 1), kTruncation, 1, ball(0.1));
-    MeshGridType meshes = extractAll(allBlocks());
-    ASSERT_EQ(meshes.size(), 8u);
-    // The ball grows inside block (1, 1, 1) only. Its lower planes, shared with the seven lower
-    // neighbours, change as well; the border copy carries them over and adds those neighbours.
-    Solid::Test::writeField(depth, Index3(1, 1, 1), Index3(1, 1, 1), kTruncation, 1, ball(0.12));
-    IndexSet changed;
-    changed.insert(KeyType(1, 1, 1));
-    ExtractSurfaceStats stats;
-    extractSurfaceIncremental(depth, changed, meshes, stats, MC::plainCubeIndex, true, false, 0);
-    EXPECT_EQ(changed.size(), 8u);
-    // The patched grid equals a fresh extraction of the final field.
-    EXPECT_EQ(triangleSet(meshes), triangleSet(extractAll(allBlocks())));
-}
-
 // The id of the sample nearest to each vertex that a triangle uses, one index at a time;
 // 0xFFFF for a vertex no triangle uses.
 template <typename Labels>
@@ -351,11 +310,14 @@ std::vector<uint16_t> plainIds(const PolygonMesh& mesh, const Labels& labels,
     return ids;
 }
 
-// A ball cut by the plane x = 0.16 into instance 10 (local id 1, below) and instance 20 (local
-// id 2, above); local id 3 has been retired.
-class InstanceSurfaceTest : public IncrementalExtractionTest {
+// Grids of a ball, in both run modes. The ball is cut by the plane x = 0.16 into instance 10
+// (local id 1, below) and instance 20 (local id 2, above); local id 3 has been retired.
+class IncrementalExtractionTest : public ::testing::Test {
 protected:
-    InstanceSurfaceTest() {
+    IncrementalExtractionTest() {
+        Velmora::Test::configureGrid(depth, kSpacing);
+        Velmora::Test::configureGrid(labels, kSpacing);
+        Velmora::Test::configureGrid(combined, kSpacing);
         const auto sdf = ball(0.1);
         const auto local = [](const Vec3& p) -> uint16_t {
             return p[0] < 0.16f ? 1 : p[1] < 0.1f ? 3 : 2;
@@ -371,7 +333,15 @@ protected:
                 lower.boundingBoxes.insert(Index3(0, y, z),
                                            Box{Vec3(0.01f, 0.01f + y * kDimension, 0.01f),
                                                Vec3(0.15f, 0.15f + y * kDimension, 0.3f)});
-        blocks = allBlocks();
+        depth.for_each([this](const KeyType& key, const DepthVolume&) { blocks.insert(key); });
+    }
+
+    // Meshes `changed` of the depth grid, which grows by the lower neighbours it changes.
+    void remesh(IndexSet& changed, MeshGridType& meshes) {
+        ExtractSurfaceStats stats;
+        extractSurfaceIncremental(depth, changed, meshes, stats,
+                                  MarchingCubes<float, DepthVolume>::plainCubeIndex, true, false,
+                                  0);
     }
 
     // Every mesh carries the ids of the samples nearest to its vertices.
@@ -405,11 +375,30 @@ protected:
         EXPECT_EQ(instance.size(), 4u);
     }
 
+    DepthGrid depth;
+    LabelGrid labels;
+    LabelDepthGrid combined;
     FakeInstances instances;
     IndexSet blocks;
 };
 
-TEST_F(InstanceSurfaceTest, CombinedModeCutsCellsAndSplitModeCutsTriangles) {
+TEST_F(IncrementalExtractionTest, OnlyChangedBlocksAreRemeshedAndTheResultIsWhole) {
+    MeshGridType meshes, fresh;
+    IndexSet all = blocks, changed;
+    remesh(all, meshes);
+    ASSERT_EQ(meshes.size(), 8u);
+    // The ball grows inside block (1, 1, 1) only. Its lower planes, shared with the seven lower
+    // neighbours, change as well; the border copy carries them over and adds those neighbours.
+    Solid::Test::writeField(depth, Index3(1, 1, 1), Index3(1, 1, 1), kTruncation, 1, ball(0.12));
+    changed.insert(KeyType(1, 1, 1));
+    remesh(changed, meshes);
+    EXPECT_EQ(changed.size(), 8u);
+    // The patched grid equals a fresh extraction of the final field.
+    remesh(all = blocks, fresh);
+    EXPECT_EQ(triangleSet(meshes), triangleSet(fresh));
+}
+
+TEST_F(IncrementalExtractionTest, CombinedModeCutsCellsAndSplitModeCutsTriangles) {
     MeshGridType scene, instance, splitScene, splitInstance;
     extractSurfaceForInstanceID(combined, instances, blocks, 0, true, scene);
     extractSurfaceForInstanceID(combined, instances, blocks, 10, true, instance);
@@ -431,7 +420,7 @@ TEST_F(InstanceSurfaceTest, CombinedModeCutsCellsAndSplitModeCutsTriangles) {
 // Triangles in reverse order use their vertices out of order; a vertex no triangle uses keeps
 // its value, and annotation without a stream does nothing. Broken indices and an instance the
 // extractor does not know abort.
-TEST_F(InstanceSurfaceTest, AnnotationOutOfOrderAndItsAborts) {
+TEST_F(IncrementalExtractionTest, AnnotationOutOfOrderAndItsAborts) {
     MeshGridType scene;
     extractSurfaceForInstanceID(depth, labels, instances, blocks, 0, scene);
     PolygonMesh reversed = scene.at(KeyType(0, 0, 0));
