@@ -192,6 +192,19 @@ TEST(PlatformConcurrency, ErrorCodeCountersMutexAndReferenceCounts) {
     arGetError();
 }
 
+// Releasing what is not held is a programming error the lock refuses: a read lock with no reader,
+// a write lock with no writer (also while only readers hold it).
+TEST(RWLockDeathTest, ReleasingWhatIsNotHeldAborts) {
+    using Lock = AR::Common::RWLockImpl<true>;
+    Lock idle;
+    EXPECT_DEATH(idle.unlockRead(), "kReaderMask");
+    EXPECT_DEATH(idle.unlockWrite(), "released");
+    Lock read;
+    read.lockRead();
+    EXPECT_DEATH(read.unlockWrite(), "released");
+    read.unlockRead();
+}
+
 // Thread 0 writes two fields, always together; the others read them under the lock and must
 // never see them differ, nor change in the middle of their own critical section. Both sides yield
 // inside their critical sections, so that a writer let in beside a reader has time to be seen;
