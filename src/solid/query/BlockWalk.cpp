@@ -1,9 +1,7 @@
 #include "solid/query/BlockWalk.h"
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 
 #if defined(__x86_64__)
