@@ -14,8 +14,10 @@ using Vec4 = AR::Math::Vector<float, 4>;
 using Matrix4 = AR::Math::Matrix<float, 4, 4>;
 // Sample counts per axis of a block or volume.
 using Size = AR::Math::Vector<int, 3>;
-// Block key: floor of a position divided by the block dimension.
+// Lattice indices of a sample within a block.
 using Index3 = AR::Math::Vector<int, 3>;
+// Block key: floor of a position divided by the block dimension.
+using KeyType = AR::Math::Vector<int, 3>;
 using AR::Math::Vec2S;
 
 }  // namespace Solid

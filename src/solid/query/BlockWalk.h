@@ -8,10 +8,11 @@
 #ifndef VELMORA_SOLID_QUERY_BLOCKWALK_H
 #define VELMORA_SOLID_QUERY_BLOCKWALK_H
 
+#include <cmath>
+#include <cstddef>
 #include <cstdint>
 
-#include "math/Vector.h"
-#include "solid/volume/VolumeGrid.h"
+#include "math/SolidTypes.h"
 
 namespace Solid {
 

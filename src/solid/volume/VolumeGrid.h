@@ -29,7 +29,6 @@
 
 namespace Solid {
 
-using KeyType = AR::Math::Vector<int, 3>;
 // The set of block keys passed between the stages of the frame pipeline.
 using IndexSet = AR::Common::FlatSet<KeyType, AR::Common::hash<KeyType>>;
 

@@ -19,6 +19,7 @@
 #include "solid/query/Placement.h"
 #include "solid/query/Raycast.h"
 #include "solid/volume/VolumeSampling.h"
+#include "support/BlockWalkCheck.h"
 #include "support/FieldGrid.h"
 #include "support/FusedGrid.h"
 #include "support/MarchStepsCheck.h"
@@ -152,67 +153,17 @@ TEST(RaycastBlockWalk, TruncatedKeysTieRuleAndSingleBlock) {
 }
 
 // The packet walks (four lanes, and eight where the processor has AVX2) find the block, or its
-// absence, or the end of the walk at its limit, exactly as the single walker does: random blocks
-// in a box, segments from inside and outside it (keys below and above the box, ends in the start
-// block, ends not finite or beyond the walker's key range), limits that cut walks short, and
-// packets with spare lanes.
+// absence, or the end of the walk at its limit, exactly as the single walker does.
 TEST(RaycastBlockWalk, PacketsWalkAsTheSingleWalker) {
-    std::mt19937 random(7);
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    BlockOccupancy occupancy;
-    occupancy.low = KeyType(-5, -3, -4);
-    occupancy.extent[0] = 10;
-    occupancy.extent[1] = 8;
-    occupancy.extent[2] = 9;
-    std::vector<uint8_t> cells(10 * 8 * 9 + kWalkCellPadding, 0);
-    for (size_t i = 0; i + kWalkCellPadding < cells.size(); ++i) {
-        cells[i] = unit(random) < 0.08f ? 1 : 0;
-    }
-    occupancy.cells = cells.data();
-    const Vec3 inverseDimension(1.0f / 0.16f, 1.0f / 0.16f, 1.0f / 0.16f);
-    const auto point = [&](float spread) {
-        return Vec3((unit(random) - 0.5f) * spread, (unit(random) - 0.5f) * spread,
-                    (unit(random) - 0.5f) * spread);
-    };
     for (const WalkSegments walk : {walkSegmentsBy4(), walkSegmentsBy8()}) {
         if (walk == nullptr) {
             continue;  // no AVX2 here
         }
-        int found = 0;
-        int exhausted = 0;
-        int none = 0;
-        for (int packet = 0; packet < 3000; ++packet) {
-            const Vec3 from = point(1.5f);
-            const int count = 1 + static_cast<int>(unit(random) * 19.0f);
-            std::vector<Vec3> to(count);
-            for (Vec3& end : to) {
-                const float kind = unit(random);
-                end = kind < 0.05f   ? from + point(0.05f)
-                      : kind < 0.08f ? Vec3(std::nanf(""), 0.0f, 0.0f)
-                      : kind < 0.11f ? from + point(1e9f)
-                                     : from + point(3.0f);
-            }
-            const unsigned limit =
-                unit(random) < 0.3f ? 1 + static_cast<unsigned>(unit(random) * 20) : 5000;
-            std::vector<WalkResult> out(count);
-            walk(occupancy, inverseDimension, from, to.data(), count, limit, out.data());
-            for (int i = 0; i < count; ++i) {
-                const WalkResult single =
-                    walkSegment(from, to[i], inverseDimension, limit,
-                                [&](const KeyType& key) { return occupancy.holds(key); });
-                ASSERT_EQ(out[i].found, single.found) << packet << " " << i;
-                ASSERT_EQ(out[i].exhausted, single.exhausted) << packet << " " << i;
-                if (single.found) {
-                    ASSERT_EQ(out[i].block, single.block) << packet << " " << i;
-                }
-                found += single.found;
-                exhausted += single.exhausted;
-                none += !single.found && !single.exhausted;
-            }
-        }
-        EXPECT_GT(found, 5000);
-        EXPECT_GT(exhausted, 2000);
-        EXPECT_GT(none, 8000);
+        const Solid::Test::WalkOutcomes outcomes = Solid::Test::checkPacketWalks(walk, 7, 3000);
+        EXPECT_EQ(outcomes.mismatches, 0) << outcomes.firstMismatch;
+        EXPECT_GT(outcomes.found, 5000);
+        EXPECT_GT(outcomes.exhausted, 2000);
+        EXPECT_GT(outcomes.none, 8000);
     }
 }
 

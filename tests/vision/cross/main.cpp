@@ -1,8 +1,9 @@
 // Compares the vector variant of this processor (NEON on 64-bit Arm) with the portable kernel on
-// random inputs, directly and through the dispatching entry, and the renderer's march lanes with
-// the plain loop, and prints "N passed, M failed".
+// random inputs, directly and through the dispatching entry, the renderer's march lanes with the
+// plain loop and its packet walks with the single walker, and prints "N passed, M failed".
 #include <cstdio>
 
+#include "support/BlockWalkCheck.h"
 #include "support/MarchStepsCheck.h"
 #include "vision/DepthFusion.h"
 #include "vision/FusionInputs.h"
@@ -52,6 +53,13 @@ int main() {
     std::string where;
     tally.check(cases.sameCells<Solid::NativeLanes, Solid::PortableLanes>(20000, where),
                 "key and cell in lanes against plain floats", where);
+    // The renderer's block walks in packets of this processor's lanes.
+    const Solid::Test::WalkOutcomes walks =
+        Solid::Test::checkPacketWalks(Solid::walkSegmentsBy4(), 5, 3000);
+    tally.check(walks.mismatches == 0, "packet walks against the single walker",
+                walks.firstMismatch);
+    tally.check(walks.found > 5000 && walks.exhausted > 2000 && walks.none > 8000,
+                "walks end in every way");
     std::printf("%u passed, %u failed\n", tally.passed, tally.failed);
     return tally.failed == 0 ? 0 : 1;
 }
