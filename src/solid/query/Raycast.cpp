@@ -111,19 +111,6 @@ private:
     uint32_t mExtent[3] = {0, 0, 0};
 };
 
-// The block walk with lookups in `snapshot`, or in the table under its read lock when there is
-// none; at most `maxBlocks` blocks. False also when the walk reached `maxBlocks` with blocks
-// left, and then `exhausted` is set.
-template <typename Grid>
-bool walkToFirstBlock(const Grid& grid, const Vec3& from, const Vec3& to, KeyType& found) {
-    // Only the block's existence matters here: its mutex is not taken.
-    const WalkResult walk =
-        walkSegment(from, to, grid.inverseDimension(), kMaxWalkBlocks,
-                    [&grid](const KeyType& key) { return grid.findEntry(key) != nullptr; });
-    found = walk.block;
-    return walk.found;
-}
-
 // The key and the local position of a world position, as `VolumeGrid::value` computes them,
 // kept here so that the sample loop stays inline.
 class BlockFrame {
@@ -766,7 +753,14 @@ bool verboseLogging() {
 template <typename B, template <typename> class P, typename L>
 bool findFirstBlock(const VolumeGrid<B, P, L>& grid, const Vec3& from, const Vec3& to,
                     KeyType& found) {
-    return walkToFirstBlock(grid, from, to, found);
+    // Only the block's existence matters here: its mutex is not taken.
+    const WalkResult walk =
+        walkSegment(from, to, grid.inverseDimension(), kMaxWalkBlocks,
+                    [&grid](const KeyType& key) { return grid.findEntry(key) != nullptr; });
+    if (walk.found) {
+        found = walk.block;
+    }
+    return walk.found;
 }
 
 template <typename B, template <typename> class P, typename L>
