@@ -46,7 +46,7 @@ public:
     }
 
     // Index of the entry of `key`, created with no hits when absent.
-    uint32_t indexOf(const KeyType& key) {
+    __attribute__((noinline)) uint32_t indexOf(const KeyType& key) {
         uint32_t slot = slotOf(key);
         for (;;) {
             const int32_t entry = mSlots.data()[slot];
@@ -99,6 +99,19 @@ private:
     uint32_t mMask = 0;
 };
 
+// Drops the neighbours whose keys would leave the range of keys: they are never wrapped.
+inline unsigned neighboursInRange(const KeyType& key, unsigned neighbours) {
+    for (int axis = 0; axis < 3; ++axis) {
+        if (key[axis] == INT_MIN) {
+            neighbours &= ~(1u << (2 * axis));
+        }
+        if (key[axis] == INT_MAX) {
+            neighbours &= ~(1u << (2 * axis + 1));
+        }
+    }
+    return neighbours;
+}
+
 // Hits of consecutive points. Points that fall in the same block with the same neighbour bits
 // hit the same keys in the same order, so a run of them is recorded once: the hit count is a sum
 // and the best distance a minimum, which do not depend on how the points are grouped. The first
@@ -106,7 +119,15 @@ private:
 // of their first hit, as they would one point at a time.
 class RunRecorder {
 public:
-    explicit RunRecorder(HitTable& table) : mTable(table) {}
+    // `blocks`: about how many blocks the frame may meet, for the size of the entry cache.
+    RunRecorder(HitTable& table, size_t blocks) : mTable(table) {
+        size_t lines = kMinCacheLines;
+        while (lines < blocks && lines < kMaxCacheLines) {
+            lines *= 2;
+        }
+        mCache.resize(lines);
+        mLineMask = static_cast<uint32_t>(lines - 1);
+    }
 
     // `count` consecutive points of one block and neighbour bits, the least depth `best`.
     void add(const KeyType& key, unsigned neighbours, float best, uint32_t count = 1) {
@@ -128,7 +149,7 @@ public:
         }
         // The entries of a block and its face neighbours, looked up as runs need them and kept
         // for the rows below, whose runs meet the same blocks again.
-        CacheLine& line = mCache[mixBlockKey(mKey) & (kCacheLines - 1)];
+        CacheLine& line = mCache[mixBlockKey(mKey) & mLineMask];
         if (!line.valid || !(line.key == mKey)) {
             for (int32_t& entry : line.entries) {
                 entry = -1;
@@ -137,17 +158,12 @@ public:
             line.valid = true;
         }
         hit(line, 0, mKey);
-        for (int axis = 0; axis < 3; ++axis) {
-            if (mNeighbours & (1u << (2 * axis))) {
-                KeyType lower = mKey;
-                --lower[axis];
-                hit(line, 1 + 2 * axis, lower);
-            }
-            if (mNeighbours & (1u << (2 * axis + 1))) {
-                KeyType upper = mKey;
-                ++upper[axis];
-                hit(line, 2 + 2 * axis, upper);
-            }
+        // Lower before upper neighbour, axis by axis: the order of the bits.
+        for (unsigned bits = neighboursInRange(mKey, mNeighbours); bits != 0; bits &= bits - 1) {
+            const int bit = __builtin_ctz(bits);
+            KeyType neighbour = mKey;
+            neighbour[bit >> 1] += (bit & 1) != 0 ? 1 : -1;
+            hit(line, 1 + bit, neighbour);
         }
         mCount = 0;
     }
@@ -158,9 +174,12 @@ private:
         bool valid = false;
         int32_t entries[1 + kNumNeighbourBits];
     };
-    static constexpr uint32_t kCacheLines = 256;
+    // A line per block of the grid, up to a size that stays in the second-level cache: a miss
+    // costs a lookup in the hit table per entry.
+    static constexpr size_t kMinCacheLines = 256;
+    static constexpr size_t kMaxCacheLines = 8192;
 
-    void hit(CacheLine& line, int slot, const KeyType& key) {
+    __attribute__((always_inline)) void hit(CacheLine& line, int slot, const KeyType& key) {
         int32_t& entry = line.entries[slot];
         if (entry < 0) {
             entry = static_cast<int32_t>(mTable.indexOf(key));
@@ -175,7 +194,8 @@ private:
     unsigned mNeighbours = 0;
     uint32_t mCount = 0;  // points in the current run, 0 for none
     float mBest = 0.0f;
-    std::vector<CacheLine> mCache = std::vector<CacheLine>(kCacheLines);
+    std::vector<CacheLine> mCache;
+    uint32_t mLineMask = 0;
 };
 
 // The world-from-pixel transform of the hit search: rows of invM, and the block shape.
@@ -377,19 +397,6 @@ LocateRow chooseLocateRow() {
     return locateRowBy4;
 }
 
-// Drops the neighbours whose keys would leave the range of keys: they are never wrapped.
-inline unsigned neighboursInRange(const KeyType& key, unsigned neighbours) {
-    for (int axis = 0; axis < 3; ++axis) {
-        if (key[axis] == INT_MIN) {
-            neighbours &= ~(1u << (2 * axis));
-        }
-        if (key[axis] == INT_MAX) {
-            neighbours &= ~(1u << (2 * axis + 1));
-        }
-    }
-    return neighbours;
-}
-
 }  // namespace
 
 template <typename T, typename GridType>
@@ -460,7 +467,7 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
 
     static const LocateRow locateRow = chooseLocateRow();
     HitTable table(static_cast<uint32_t>(grid.size()));
-    RunRecorder runs(table);
+    RunRecorder runs(table, grid.size());
     size_t visited = 0;
     size_t accepted = 0;
     // One located point: the optional filter, then its hits.
@@ -472,7 +479,7 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
                 return;
             }
         }
-        runs.add(key, neighboursInRange(key, neighbours), d);
+        runs.add(key, neighbours, d);
         ++accepted;
     };
     auto onePixel = [&](int x, int y, float d) {
@@ -502,9 +509,17 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
                     // As four points one after the other: they extend one run.
                     const float best = std::min(std::min(row[first], row[first + 1]),
                                                 std::min(row[first + 2], row[first + 3]));
-                    runs.add(group.keys[0], neighboursInRange(group.keys[0], group.neighbours[0]),
-                             best, kLanes);
+                    runs.add(group.keys[0], group.neighbours[0], best, kLanes);
                     accepted += kLanes;
+                    return;
+                }
+                if (!filtering) {
+                    for (int lane = 0; lane < kLanes; ++lane) {
+                        if (group.located[lane]) {
+                            runs.add(group.keys[lane], group.neighbours[lane], row[first + lane]);
+                            ++accepted;
+                        }
+                    }
                     return;
                 }
                 for (int lane = 0; lane < kLanes; ++lane) {

@@ -3,6 +3,7 @@
 // values; the border copy into the lower neighbours.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -134,12 +135,17 @@ void referenceHitSearch(BlockInfoMapType& map, IntegrationStats& stats, const De
             const float v[4] = {static_cast<float>(x) * d, static_cast<float>(y) * d, d, 1.0f};
             float p[3];
             KeyType key;
+            bool hasKey = true;
             for (int r = 0; r < 3; ++r) {
                 p[r] = 0.0f;
                 for (int c = 0; c < 4; ++c)
                     p[r] += invM(r, c) * v[c];
-                key[r] = static_cast<int>(std::floor(p[r] * grid.inverseDimension()(r)));
+                const float t = std::floor(p[r] * grid.inverseDimension()(r));
+                hasKey = hasKey && t >= -2147483648.0f && t < 2147483648.0f;
+                key[r] = hasKey ? static_cast<int>(t) : 0;
             }
+            if (!hasKey)
+                continue;
             auto block = grid.get(key);
             if (bestDistanceFilter > 0.0f && block &&
                 d > block->bestSampleDistance() * bestDistanceFilter)
@@ -148,13 +154,16 @@ void referenceHitSearch(BlockInfoMapType& map, IntegrationStats& stats, const De
             const float ramp = model.getIntegrationRamp(Vec3(0.0f, 0.0f, d));
             for (int a = 0; a < 3; ++a) {
                 const float local = p[a] - grid.dimension()(a) * static_cast<float>(key[a]);
+                // Neighbours beyond the range of keys are left out, never wrapped.
                 KeyType lower = key, upper = key;
-                --lower[a];
-                ++upper[a];
-                if (local < ramp)
+                if (local < ramp && key[a] != INT_MIN) {
+                    --lower[a];
                     hit(lower, d);
-                if (local > grid.dimension()(a) - ramp)
+                }
+                if (local > grid.dimension()(a) - ramp && key[a] != INT_MAX) {
+                    ++upper[a];
                     hit(upper, d);
+                }
             }
             ++stats.acceptedPoints;
         }
@@ -258,6 +267,25 @@ TEST_P(HitSearch, RunsGiveTheMapOfOnePixelAtATime) {
             frame.depth(x, y) = (x * 7 + y * 3) % 5 == 0 ? 0.0f : d;
         }
         expectSameSearch(frame);
+    }
+    // A camera 2^31 m out on x: every point rounds to x = -2^31, which only blocks of 1 m have a
+    // key for (the least one, whose lower neighbour does not exist); elsewhere no point has one.
+    PinholeCamera far;
+    far.width = 37;
+    far.height = 29;
+    DepthFrame frame;
+    Velmora::Test::setUpFrame(frame, far);
+    frame.pose(0, 3) = 2147483648.0f;
+    for (int i = 0; i < far.width * far.height; ++i)
+        frame.depth(i % far.width, i / far.width) = depth(random);
+    if (grid.dimension()(0) == 1.0f) {
+        expectSameSearch(frame);
+    } else {
+        BlockInfoMapType map(grid.size());
+        IntegrationStats stats;
+        findHitBlocks(map, stats, grid, frame, ConstantErrorModel(0.1f), 1, 0.0f);
+        EXPECT_TRUE(map.empty());
+        EXPECT_EQ(stats.acceptedPoints, 0u);
     }
 }
 
