@@ -243,12 +243,19 @@ constexpr int kLanes = 4;
 using Float4 = float __attribute__((vector_size(16)));
 using Int4 = int32_t __attribute__((vector_size(16)));
 
-struct LaneResults {
-    // All four lanes located, in one block with the same neighbour bits: only lane 0 is filled.
-    bool uniform;
-    KeyType keys[kLanes];
-    unsigned neighbours[kLanes];
-    bool located[kLanes];  // d > 0 and a block with a key
+// The located points of a row, a column per pixel, and per group of four pixels whether all four
+// are located in one block with the same neighbour bits (then they extend one run).
+struct RowPoints {
+    explicit RowPoints(int width)
+        : keys{Column(width), Column(width), Column(width)},
+          neighbours(width),
+          located(width),
+          uniform(width / kLanes) {}
+    using Column = std::vector<int32_t>;
+    Column keys[3];
+    Column neighbours;
+    Column located;  // -1 where d > 0 and the block has a key, else 0
+    std::vector<uint8_t> uniform;
 };
 
 // The constants of `locatePoint` in every lane, for the pixels of one row.
@@ -326,50 +333,61 @@ __attribute__((always_inline)) inline void locateVector(const LaneConstants<F, N
     }
 }
 
-// Lanes `first` to `first + 3` of the vectors into `out`.
-template <typename I>
-__attribute__((always_inline)) inline void takeLanes(const I& located, const I (&keys)[3],
-                                                     const I& neighbours, int first,
-                                                     LaneResults& out) {
-    bool uniform = true;
-    for (int lane = first; lane < first + kLanes; ++lane) {
-        uniform &= (located[lane] != 0) & (keys[0][lane] == keys[0][first]) &
-                   (keys[1][lane] == keys[1][first]) & (keys[2][lane] == keys[2][first]) &
-                   (neighbours[lane] == neighbours[first]);
+// Where every lane of a group of four equals the group's first lane in each of `v`, lane 4g of
+// `agree` is true for group g (vectors of four or eight lanes).
+template <typename I, int N>
+__attribute__((always_inline)) inline void agreeInGroups(const I (&v)[5], I& agree) {
+    agree = ~I{};
+    for (const I& lanes : v) {
+        if constexpr (N == 4) {
+            agree &= lanes == __builtin_shufflevector(lanes, lanes, 0, 0, 0, 0);
+        } else {
+            agree &= lanes == __builtin_shufflevector(lanes, lanes, 0, 0, 0, 0, 4, 4, 4, 4);
+        }
     }
-    out.uniform = uniform;
-    for (int lane = 0; lane < (uniform ? 1 : kLanes); ++lane) {
-        out.located[lane] = located[first + lane] != 0;
-        out.neighbours[lane] = static_cast<unsigned>(neighbours[first + lane]);
-        out.keys[lane] =
-            KeyType(keys[0][first + lane], keys[1][first + lane], keys[2][first + lane]);
+    if constexpr (N == 4) {
+        agree &= __builtin_shufflevector(agree, agree, 1, 0, 3, 2);
+        agree &= __builtin_shufflevector(agree, agree, 2, 3, 0, 1);
+    } else {
+        agree &= __builtin_shufflevector(agree, agree, 1, 0, 3, 2, 5, 4, 7, 6);
+        agree &= __builtin_shufflevector(agree, agree, 2, 3, 0, 1, 6, 7, 4, 5);
     }
 }
 
-// Pixels x to x + N - 1 of a row as N / 4 groups of four.
+// Pixels x to x + N - 1 of a row into `out`.
 template <typename F, typename I, int N>
 __attribute__((always_inline)) inline void locateGroups(const LaneConstants<F, N>& k, int x,
                                                         const float* depths, const float* ramps,
-                                                        LaneResults* out) {
+                                                        RowPoints& out) {
     I located;
     I keys[3];
     I neighbours;
     locateVector<F, I, N>(k, x, depths, ramps, located, keys, neighbours);
+    std::memcpy(out.located.data() + x, &located, sizeof(I));
+    std::memcpy(out.neighbours.data() + x, &neighbours, sizeof(I));
+    for (int a = 0; a < 3; ++a) {
+        std::memcpy(out.keys[a].data() + x, &keys[a], sizeof(I));
+    }
+    // A lane not located has key 0 and no neighbours: it must not agree by accident.
+    const I fields[5] = {located, keys[0], keys[1], keys[2], neighbours};
+    I agree;
+    agreeInGroups<I, N>(fields, agree);
+    agree &= located;
     for (int group = 0; group < N / kLanes; ++group) {
-        takeLanes(located, keys, neighbours, group * kLanes, out[group]);
+        out.uniform[x / kLanes + group] = agree[group * kLanes] != 0 ? 1 : 0;
     }
 }
 
-// The first `count` pixels of row y (a multiple of eight) as groups of four, into `out`.
+// The first `count` pixels of row y (a multiple of eight) into `out`.
 using LocateRow = void (*)(const Unprojection&, float, const float*, const float*, int,
-                           LaneResults*);
+                           RowPoints&);
 
 void locateRowBy4(const Unprojection& u, float y, const float* depths, const float* ramps,
-                  int count, LaneResults* out) {
+                  int count, RowPoints& out) {
     LaneConstants<Float4, 4> k;
     k.set(u, y);
     for (int x = 0; x < count; x += kLanes) {
-        locateGroups<Float4, Int4, 4>(k, x, depths + x, ramps + x, out + x / kLanes);
+        locateGroups<Float4, Int4, 4>(k, x, depths + x, ramps + x, out);
     }
 }
 
@@ -379,11 +397,11 @@ using Int8 = int32_t __attribute__((vector_size(32)));
 
 __attribute__((target("avx2"))) void locateRowAvx2(const Unprojection& u, float y,
                                                    const float* depths, const float* ramps,
-                                                   int count, LaneResults* out) {
+                                                   int count, RowPoints& out) {
     LaneConstants<Float8, 8> k;
     k.set(u, y);
     for (int x = 0; x < count; x += 2 * kLanes) {
-        locateGroups<Float8, Int8, 8>(k, x, depths + x, ramps + x, out + x / kLanes);
+        locateGroups<Float8, Int8, 8>(k, x, depths + x, ramps + x, out);
     }
 }
 #endif
@@ -498,35 +516,35 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
     const int width = frame.depth.width();
     const int height = frame.depth.height();
     std::vector<float> rowRamps(static_cast<size_t>(std::max(width, 0)));
-    std::vector<LaneResults> rowGroups(static_cast<size_t>(std::max(width, 0)) / kLanes);
+    RowPoints points(std::max(width, 0));
     for (int y = 0; y < height; y += prepareStep) {
         const float* row = frame.depth.pixels() + static_cast<size_t>(y) * frame.depth.bufSize()(0);
         int x = 0;
         if (prepareStep == 1) {
             // Four located points one after the other.
-            const auto consume = [&](const LaneResults& group, int first) {
-                if (group.uniform && !filtering) {
+            const auto keyAt = [&points](int i) {
+                return KeyType(points.keys[0][i], points.keys[1][i], points.keys[2][i]);
+            };
+            const auto consume = [&](int first) {
+                if (points.uniform[first / kLanes] != 0 && !filtering) {
                     // As four points one after the other: they extend one run.
                     const float best = std::min(std::min(row[first], row[first + 1]),
                                                 std::min(row[first + 2], row[first + 3]));
-                    runs.add(group.keys[0], group.neighbours[0], best, kLanes);
+                    runs.add(keyAt(first), static_cast<unsigned>(points.neighbours[first]), best,
+                             kLanes);
                     accepted += kLanes;
                     return;
                 }
-                if (!filtering) {
-                    for (int lane = 0; lane < kLanes; ++lane) {
-                        if (group.located[lane]) {
-                            runs.add(group.keys[lane], group.neighbours[lane], row[first + lane]);
-                            ++accepted;
-                        }
+                for (int i = first; i < first + kLanes; ++i) {
+                    if (points.located[i] == 0) {
+                        continue;
                     }
-                    return;
-                }
-                for (int lane = 0; lane < kLanes; ++lane) {
-                    if (group.uniform) {
-                        record(group.keys[0], group.neighbours[0], row[first + lane]);
-                    } else if (group.located[lane]) {
-                        record(group.keys[lane], group.neighbours[lane], row[first + lane]);
+                    const unsigned neighbours = static_cast<unsigned>(points.neighbours[i]);
+                    if (filtering) {
+                        record(keyAt(i), neighbours, row[i]);
+                    } else {
+                        runs.add(keyAt(i), neighbours, row[i]);
+                        ++accepted;
                     }
                 }
             };
@@ -536,15 +554,15 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
                 const float d = row[x];
                 rowRamps[x] = d > 0.0f ? rampAt(d) : 0.0f;
             }
-            locateRow(u, static_cast<float>(y), row, rowRamps.data(), body, rowGroups.data());
+            locateRow(u, static_cast<float>(y), row, rowRamps.data(), body, points);
             if (grouped > body) {
                 LaneConstants<Float4, 4> k;
                 k.set(u, static_cast<float>(y));
                 locateGroups<Float4, Int4, 4>(k, body, row + body, rowRamps.data() + body,
-                                              rowGroups.data() + body / kLanes);
+                                              points);
             }
             for (x = 0; x < grouped; x += kLanes) {
-                consume(rowGroups[x / kLanes], x);
+                consume(x);
             }
             visited += static_cast<size_t>(grouped);
         }
