@@ -379,8 +379,7 @@ __attribute__((always_inline)) inline void locateGroups(const LaneConstants<F, N
 }
 
 // The first `count` pixels of row y (a multiple of eight) into `out`.
-using LocateRow = void (*)(const Unprojection&, float, const float*, const float*, int,
-                           RowPoints&);
+using LocateRow = void (*)(const Unprojection&, float, const float*, const float*, int, RowPoints&);
 
 void locateRowBy4(const Unprojection& u, float y, const float* depths, const float* ramps,
                   int count, RowPoints& out) {
@@ -558,8 +557,7 @@ void findHitBlocks(BlockInfoMapType& map, IntegrationStats& stats, const GridTyp
             if (grouped > body) {
                 LaneConstants<Float4, 4> k;
                 k.set(u, static_cast<float>(y));
-                locateGroups<Float4, Int4, 4>(k, body, row + body, rowRamps.data() + body,
-                                              points);
+                locateGroups<Float4, Int4, 4>(k, body, row + body, rowRamps.data() + body, points);
             }
             for (x = 0; x < grouped; x += kLanes) {
                 consume(x);
