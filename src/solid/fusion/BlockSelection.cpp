@@ -368,7 +368,8 @@ __attribute__((always_inline)) inline void locateGroups(const LaneConstants<F, N
     for (int a = 0; a < 3; ++a) {
         std::memcpy(out.keys[a].data() + x, &keys[a], sizeof(I));
     }
-    // A lane not located has key 0 and no neighbours: it must not agree by accident.
+    // Lanes without a depth still carry a key and bits (those of the camera's block for a depth
+    // of 0): a group agrees only where its lanes are located, not merely alike.
     const I fields[5] = {located, keys[0], keys[1], keys[2], neighbours};
     I agree;
     agreeInGroups<I, N>(fields, agree);
