@@ -48,6 +48,10 @@ struct SurfaceExtraction {
     // ids; kIdsIncomplete while some mesh lacks them.
     static constexpr uint64_t kIdsIncomplete = ~uint64_t(0);
     uint64_t sceneIdsEpoch = kIdsIncomplete;
+    // The meshes the last patch of the whole-scene grid replaced, kept so that the next patch
+    // re-meshes its blocks into their memory instead of freeing it and allocating anew (a frame
+    // changes mostly the blocks the one before changed). Guarded by meshMutex.
+    Solid::MeshGridType spareMeshes;
 
     // Under meshMutex: the grid of `id` merged into one mesh (an unknown id gets an empty grid);
     // a copy of the grid (sharing its streams); the grid replaced by `grid`, whose meshes carry
@@ -62,6 +66,8 @@ struct SurfaceExtraction {
     // the meshes they replace into `patch`.
     void patchSceneGrid(Solid::MeshGridType& patch, const std::vector<Solid::KeyType>& order,
                         uint64_t idsEpoch);
+    // Under meshMutex: takes the meshes replaced by the last patch (see spareMeshes).
+    Solid::MeshGridType takeSpareMeshes();
     // Under meshMutex: puts each coloured block mesh of `id` in place of the cached one, but only
     // where the cache still holds the geometry that was coloured (the same position stream); a
     // block re-meshed or a grid dropped meanwhile by another request keeps the newer state.

@@ -77,7 +77,8 @@ void SurfaceExtraction::patchSceneGrid(Solid::MeshGridType& patch,
     Solid::MeshGridType& stored = surfaceMeshes[0];
     // Looked up in the order the meshing looked them up, a new block's entry lands where meshing
     // a copy of the grid would have put it, and merges come out in the same order. The replaced
-    // meshes go back into `patch`, to be freed by the caller once this lock is released.
+    // meshes are kept for the next patch; what `patch` holds then (the spares the meshing did not
+    // reuse) is freed by the caller once this lock is released.
     for (const Solid::KeyType& key : order) {
         std::swap(stored[key], patch.at(key));
     }
@@ -85,6 +86,14 @@ void SurfaceExtraction::patchSceneGrid(Solid::MeshGridType& patch,
         mergedMeshes.erase(0);
     }
     sceneIdsEpoch = idsEpoch;
+    spareMeshes.swap(patch);
+}
+
+Solid::MeshGridType SurfaceExtraction::takeSpareMeshes() {
+    std::lock_guard<std::mutex> lock(meshMutex);
+    Solid::MeshGridType spare;
+    spare.swap(spareMeshes);
+    return spare;
 }
 
 void SurfaceExtraction::putColoredBlocks(uint16_t id, const std::vector<ColoredBlock>& blocks) {
@@ -101,6 +110,37 @@ void SurfaceExtraction::putColoredBlocks(uint16_t id, const std::vector<ColoredB
         }
     }
 }
+
+namespace {
+
+// Gives each block of `blocks` that has a mesh in `spare` a mesh for its re-meshing that holds
+// the position and index streams of that spare, emptied with their memory kept (a stream that a
+// reader's copy of the grid still shares is replaced by the meshing, as for any cached mesh).
+// Only those two streams: a fresh block mesh has no other until the meshing adds it. The rest of
+// `spare` is freed on return.
+void reuseSpareMeshes(Solid::MeshGridType spare, const Solid::IndexSet& blocks,
+                      Solid::MeshGridType& grid) {
+    using Mesh = Solid::PolygonMesh;
+    constexpr auto kPositionType = Solid::AttributeBlock::typeOf<Solid::Vec3>();
+    constexpr auto kIndexType = Solid::AttributeBlock::typeOf<unsigned int>();
+    for (const Solid::KeyType& key : blocks) {
+        auto node = spare.extract(key);
+        if (node.empty()) {
+            continue;
+        }
+        Mesh& old = node.mapped();
+        Mesh mesh;
+        mesh.setAttribute(Mesh::POSITION, kPositionType,
+                          old.getAttribute(Mesh::POSITION, kPositionType));
+        mesh.setAttribute(Mesh::INDEX, kIndexType, old.getAttribute(Mesh::INDEX, kIndexType));
+        old = Mesh();
+        mesh.resetStreams();
+        old = std::move(mesh);
+        grid.insert(std::move(node));
+    }
+}
+
+}  // namespace
 
 XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId,
                                  const TextureQuality& quality) {
@@ -179,6 +219,7 @@ XrResultVLM Impl::extractSurface(bool annotate, const unsigned short& instanceId
         std::vector<Solid::KeyType>* meshingOrder = nullptr;
         if (patch) {
             meshingOrder = &order;
+            reuseSpareMeshes(surfaces.takeSpareMeshes(), localBlocks, localGrid);
         } else {
             localGrid = surfaces.getMeshGrid(instanceId);
         }

@@ -225,6 +225,12 @@ TEST_P(MeshDeliveryTest, ChangedBlocksAloneGiveTheWholeRemeshing) {
         fuseView(*target, GetParam(), kWorld, camera);
     ASSERT_GT(blockCount(*scene), blocks) << blocks;
     expectSame("after a frame");
+    // The same view again re-meshes the same blocks into the memory of the meshes the last
+    // request replaced.
+    EXPECT_FALSE(internalState(*scene).mSurfaces.spareMeshes.empty());
+    for (Impl* target : {scene.get(), full.get()})
+        fuseView(*target, GetParam(), kWorld, camera);
+    expectSame("the same view again");
     for (Impl* target : {scene.get(), full.get()}) {
         readInstances(*target);
         fuseView(*target, GetParam(), kWorld, aroundTheBoxes()[1]);
