@@ -7,7 +7,7 @@ if(VELMORA_WERROR)
 endif()
 if(VELMORA_SANITIZE)
   target_compile_options(velmora_flags INTERFACE -fsanitize=${VELMORA_SANITIZE} -fno-omit-frame-pointer
-                                                 -fno-sanitize-recover=undefined)
+                                                 -fno-sanitize-recover=all)
   target_link_options(velmora_flags INTERFACE -fsanitize=${VELMORA_SANITIZE})
   # GCC's flow analysis sees through the sanitizers' instrumentation poorly and reports
   # uninitialised values inside the standard library (std::function in std::regex) that the

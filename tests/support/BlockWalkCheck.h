@@ -25,8 +25,8 @@ struct WalkOutcomes {
 
 // `packets` packets of up to 19 segments walked by `walk` and one by one by walkSegment over the
 // same random blocks of a box: segments from inside and outside it (keys below and above the
-// box), ends in the start block, not finite or beyond the walker's key range, limits that cut
-// walks short, and packets with spare lanes.
+// box), starts and ends that are not finite, ends in the start block or beyond the walker's key
+// range, limits that cut walks short, and packets with spare lanes.
 inline WalkOutcomes checkPacketWalks(WalkSegments walk, uint32_t seed, int packets) {
     std::mt19937 random(seed);
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
@@ -47,15 +47,20 @@ inline WalkOutcomes checkPacketWalks(WalkSegments walk, uint32_t seed, int packe
     };
     WalkOutcomes outcomes;
     for (int packet = 0; packet < packets; ++packet) {
-        const Vec3 from = point(1.5f);
+        // A few packets start where no walk can (a camera that is not finite).
+        const Vec3 base = point(1.5f);
+        const float start = unit(random);
+        const Vec3 from = start < 0.01f   ? Vec3(0.0f, std::nanf(""), 0.0f)
+                          : start < 0.02f ? Vec3(0.0f, 0.0f, -HUGE_VALF)
+                                          : base;
         const int count = 1 + static_cast<int>(unit(random) * 19.0f);
         std::vector<Vec3> to(count);
         for (Vec3& end : to) {
             const float kind = unit(random);
-            end = kind < 0.05f   ? from + point(0.05f)
+            end = kind < 0.05f   ? base + point(0.05f)
                   : kind < 0.08f ? Vec3(std::nanf(""), 0.0f, 0.0f)
-                  : kind < 0.11f ? from + point(1e9f)
-                                 : from + point(3.0f);
+                  : kind < 0.11f ? base + point(1e9f)
+                                 : base + point(3.0f);
         }
         const unsigned limit =
             unit(random) < 0.3f ? 1 + static_cast<unsigned>(unit(random) * 20) : 5000;

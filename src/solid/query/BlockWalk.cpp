@@ -107,11 +107,12 @@ __attribute__((target("avx2"))) inline bool anyLane(const Int8& v) {
 
 #endif
 
-// The walks of N segments at once, lane by lane the arithmetic of BlockWalker and walkSegment:
-// a lane leaves the packet when its walk ends, and the packet runs until every lane has left.
-// Comparisons give -1 in a lane where they hold, so masks select and count. A lane keeps its
-// offset from the low corner of the occupancy box (sign bit flipped) instead of its key, its cell
-// index, and the signed distance to its end block per axis, each moved with the walker.
+// The walks of N segments from a finite `from` at once, lane by lane the arithmetic of
+// BlockWalker and walkSegment: a lane leaves the packet when its walk ends, and the packet runs
+// until every lane has left. Comparisons give -1 in a lane where they hold, so masks select and
+// count. A lane keeps its offset from the low corner of the occupancy box (sign bit flipped)
+// instead of its key, its cell index, and the signed distance to its end block per axis, each
+// moved with the walker.
 template <typename F, typename I, int N>
 __attribute__((always_inline)) inline void walkPacket(const BlockOccupancy& occupancy,
                                                       const Vec3& inverseDimension,
@@ -119,12 +120,9 @@ __attribute__((always_inline)) inline void walkPacket(const BlockOccupancy& occu
                                                       unsigned maxBlocks, WalkResult* out) {
     float ends[3][N];
     int32_t walking[N];
-    const bool fromFinite =
-        std::isfinite(from(0)) && std::isfinite(from(1)) && std::isfinite(from(2));
     for (int lane = 0; lane < N; ++lane) {
         const Vec3& t = to[lane];
-        const bool finite =
-            fromFinite && std::isfinite(t(0)) && std::isfinite(t(1)) && std::isfinite(t(2));
+        const bool finite = std::isfinite(t(0)) && std::isfinite(t(1)) && std::isfinite(t(2));
         walking[lane] = finite ? -1 : 0;
         // A lane without a walk gets the harmless segment of one point, and never moves.
         for (int a = 0; a < 3; ++a) {
@@ -240,6 +238,13 @@ __attribute__((always_inline)) inline void walkAll(const BlockOccupancy& occupan
                                                    const Vec3& inverseDimension, const Vec3& from,
                                                    const Vec3* to, int count, unsigned maxBlocks,
                                                    WalkResult* out) {
+    if (!std::isfinite(from(0)) || !std::isfinite(from(1)) || !std::isfinite(from(2))) {
+        // No walk starts there (a camera that is not finite): as walkSegment, nothing is found.
+        for (int i = 0; i < count; ++i) {
+            out[i] = WalkResult{KeyType(0, 0, 0), false, false};
+        }
+        return;
+    }
     int first = 0;
     for (; first + N <= count; first += N) {
         walkPacket<F, I, N>(occupancy, inverseDimension, from, to + first, maxBlocks, out + first);
