@@ -113,30 +113,36 @@ void SurfaceExtraction::putColoredBlocks(uint16_t id, const std::vector<ColoredB
 
 namespace {
 
-// Gives each block of `blocks` that has a mesh in `spare` a mesh for its re-meshing that holds
-// the position and index streams of that spare, emptied with their memory kept (a stream that a
-// reader's copy of the grid still shares is replaced by the meshing, as for any cached mesh).
-// Only those two streams: a fresh block mesh has no other until the meshing adds it. The rest of
-// `spare` is freed on return.
+// Gives blocks of `blocks` a mesh of `spare` for their re-meshing, every stream emptied with its
+// memory kept (a stream that a reader's copy of the grid still shares is replaced, as for any
+// cached mesh): the meshing and the ids refill the position, index and id streams, and an empty
+// colour stream counts as none. A block takes its own spare where it has one, else any spare
+// left over. What is left of `spare` then is freed on return. Each spare's streams are left in
+// place: moving them into a fresh mesh touches every slot of two meshes, and the spares are cold.
 void reuseSpareMeshes(Solid::MeshGridType spare, const Solid::IndexSet& blocks,
                       Solid::MeshGridType& grid) {
-    using Mesh = Solid::PolygonMesh;
-    constexpr auto kPositionType = Solid::AttributeBlock::typeOf<Solid::Vec3>();
-    constexpr auto kIndexType = Solid::AttributeBlock::typeOf<unsigned int>();
+    const auto recycle = [&grid](Solid::MeshGridType::node_type node) {
+        node.mapped().resetStreams();
+        grid.insert(std::move(node));
+    };
+    std::vector<Solid::KeyType> unmatched;
     for (const Solid::KeyType& key : blocks) {
         auto node = spare.extract(key);
         if (node.empty()) {
-            continue;
+            unmatched.push_back(key);
+        } else {
+            recycle(std::move(node));
         }
-        Mesh& old = node.mapped();
-        Mesh mesh;
-        mesh.setAttribute(Mesh::POSITION, kPositionType,
-                          old.getAttribute(Mesh::POSITION, kPositionType));
-        mesh.setAttribute(Mesh::INDEX, kIndexType, old.getAttribute(Mesh::INDEX, kIndexType));
-        old = Mesh();
-        mesh.resetStreams();
-        old = std::move(mesh);
-        grid.insert(std::move(node));
+    }
+    // Blocks that change in turn: the spare of a block that did not change again serves one
+    // that did not change last time, instead of being freed while the other allocates.
+    for (const Solid::KeyType& key : unmatched) {
+        if (spare.empty()) {
+            break;
+        }
+        auto node = spare.extract(spare.begin());
+        node.key() = key;
+        recycle(std::move(node));
     }
 }
 

@@ -231,6 +231,10 @@ TEST_P(MeshDeliveryTest, ChangedBlocksAloneGiveTheWholeRemeshing) {
     for (Impl* target : {scene.get(), full.get()})
         fuseView(*target, GetParam(), kWorld, camera);
     expectSame("the same view again");
+    // Another view changes other blocks too: they take the spares of blocks it left alone.
+    for (Impl* target : {scene.get(), full.get()})
+        fuseView(*target, GetParam(), kWorld, aroundTheBoxes()[0]);
+    expectSame("another view");
     for (Impl* target : {scene.get(), full.get()}) {
         readInstances(*target);
         fuseView(*target, GetParam(), kWorld, aroundTheBoxes()[1]);
