@@ -49,16 +49,29 @@ TEST(SurfaceDeathTest, WrongTypesAndTableFaultsAbort) {
                  "cubeIndex");
 }
 
-// A block's colours reach the merge even where the blocks before it had none.
+// A block's colours reach the merge even where the blocks before it had none, its indices move
+// past the vertices before it, an emptied colour stream (a re-meshed block's, before colouring)
+// adds nothing, and texture coordinates are never carried.
 TEST(PolygonMesh, AppendCarriesColoursIntoAMeshWithoutThem) {
-    PolygonMesh source, target;
+    PolygonMesh source, target, emptied;
     source.positions().push_back(Vec3(1, 2, 3));
     source.indices().push_back(0);
     source.colors().push_back(Vec4(1, 0, 0, 1));
+    source.texCoords().push_back(Vec2(0.5f, 0.5f));
+    emptied.positions().push_back(Vec3(4, 5, 6));
+    emptied.indices().push_back(0);
+    emptied.colors();
+    appendMesh(emptied, target);
+    EXPECT_EQ(target.findColors(), nullptr);
+    target.texCoords().push_back(Vec2(0.25f, 0.75f));
     appendMesh(source, target);
     ASSERT_NE(target.findColors(), nullptr);
     ASSERT_EQ(target.findColors()->size(), 1u);
     EXPECT_EQ((*target.findColors())[0], Vec4(1, 0, 0, 1));
+    ASSERT_EQ(target.findIndices()->size(), 2u);
+    EXPECT_EQ((*target.findIndices())[1], 1u);
+    ASSERT_EQ(target.findTexCoords()->size(), 1u);
+    EXPECT_EQ((*target.findTexCoords())[0], Vec2(0.25f, 0.75f));
 }
 
 TEST(CubeTables, RowsNameExactlyTheEdgesThatChangeSign) {
