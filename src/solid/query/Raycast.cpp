@@ -192,6 +192,8 @@ public:
         return false;
     }
     SkippedBlock skippedBlock() const { return SkippedBlock::kMissing; }
+    // Never: blocks may be created anywhere while the march runs.
+    bool beyondBlocks(const Vec3& /*p*/, const Vec3& /*increment*/) const { return false; }
     // Never asked for, as nothing is skippable; an empty box.
     void skippableBox(float (&low)[3], float (&high)[3]) const {
         for (int a = 0; a < 3; ++a) {
@@ -238,6 +240,7 @@ public:
             mCellFrame.bound[a] = cfg.bounds(a);
         }
         mCellFrame.bound[3] = 0;
+        findBlocksBox();
     }
 
     // The value at `p`, read as `VolumeGrid::value` reads it.
@@ -301,6 +304,20 @@ public:
     // What the block of the last read is, when inSkippableBlock held.
     SkippedBlock skippedBlock() const { return mKind; }
 
+    // Whether no position from `p` on, moved by adding `increment`, can lie in a block of the
+    // table copy: on some axis `p` is past the box of all blocks and moves away from it or not
+    // at all. A float sum with an increment of one sign never turns back, so every later read
+    // would give -2.0.
+    bool beyondBlocks(const Vec3& p, const Vec3& increment) const {
+        for (int a = 0; a < 3; ++a) {
+            if ((p(a) > mBlocksHigh[a] && increment(a) >= 0.0f) ||
+                (p(a) < mBlocksLow[a] && increment(a) <= 0.0f)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     // The positions inSkippableBlock accepts, when it held: low and high per axis.
     void skippableBox(float (&low)[3], float (&high)[3]) const {
         for (int a = 0; a < 3; ++a) {
@@ -311,6 +328,30 @@ public:
 
 private:
     using Snapshot = typename Grid::TableSnapshot;
+
+    // The floats of each axis whose key component lies between the least and the greatest of
+    // the table copy's keys; unbounded where the copy is empty or a component's floats cannot
+    // be found.
+    void findBlocksBox() {
+        bool any = false;
+        KeyType low(INT_MAX, INT_MAX, INT_MAX);
+        KeyType high(INT_MIN, INT_MIN, INT_MIN);
+        mSnapshot.forEachKey([&](const KeyType& key) {
+            any = true;
+            for (int a = 0; a < 3; ++a) {
+                low(a) = std::min(low(a), key(a));
+                high(a) = std::max(high(a), key(a));
+            }
+        });
+        for (int a = 0; a < 3; ++a) {
+            float unused = 0.0f;
+            if (!any || !mFrame.keyInterval(a, low(a), mBlocksLow[a], unused) ||
+                !mFrame.keyInterval(a, high(a), unused, mBlocksHigh[a])) {
+                mBlocksLow[a] = -std::numeric_limits<float>::infinity();
+                mBlocksHigh[a] = std::numeric_limits<float>::infinity();
+            }
+        }
+    }
 
     // Makes `key` the block of the last read.
     __attribute__((always_inline)) void enter(const KeyType& key) {
@@ -529,6 +570,8 @@ private:
     std::vector<uint8_t> mCellKindStore;
     std::vector<uint8_t> mScratch;
     SkippedBlock mKind = SkippedBlock::kMissing;  // of the block of `mKey`
+    float mBlocksLow[3];  // the box of all blocks of the copy, as floats per axis
+    float mBlocksHigh[3];
     Interval mCurrent[3];           // of the components of `mKey`, while its block can be skipped
     bool mCurrentIsRegion = false;  // mCurrent holds the intervals of the region of `mKey`
     Interval mCache[3][kIntervalCacheSize];
@@ -715,6 +758,9 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
             continue;
         }
         const SkippedBlock kind = reader.skippedBlock();
+        if (kind == SkippedBlock::kMissing && reader.beyondBlocks(position, increment)) {
+            return result;  // nothing but -2.0 ahead: no crossing
+        }
         const Vec3 first = position;
         float low[3];
         float high[3];

@@ -377,6 +377,33 @@ TEST(RaycastBound, TinyFocalLengthMarchesFromTheNearPlane) {
     EXPECT_EQ(stats.raycastRays, static_cast<size_t>(camera.width * camera.height));
 }
 
+// A cube fused from a camera on either side of it along each axis, and rendered from each of
+// them: every ray starts outside the box of all blocks, below or above it on one axis, and comes
+// back into it; rays beside the cube leave that box again, where nothing more can be read. Every
+// pixel as the plain rendering gives it.
+TEST(RaycastBound, RaysFromBeyondTheBlocksOnEverySide) {
+    AnalyticScene scene;
+    scene.add(Velmora::Test::makeBox({0.8, 0.7, 0.6}, {1.3, 1.2, 1.1}, 2, {200, 200, 200}));
+    const Velmora::Test::Vec3d centre{1.05, 0.95, 0.85};
+    std::vector<PinholeCamera> cameras;
+    for (int a = 0; a < 3; ++a) {
+        for (const double side : {-1.2, 1.2}) {
+            Velmora::Test::Vec3d eye = centre;
+            eye[a] += side;
+            eye[(a + 1) % 3] += 0.3;  // never straight along the up axis
+            cameras.push_back(view(eye, centre, 81, 61));
+        }
+    }
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, kSpacing);
+    for (const PinholeCamera& camera : cameras)
+        Velmora::Test::fuseView(grid, scene, camera, kTruncation);
+    for (const PinholeCamera& camera : cameras) {
+        IntegrationStats stats;
+        EXPECT_GT(renderBothWays(grid, camera, true, stats), 300);
+    }
+}
+
 constexpr float kDimension = 8 * kSpacing;  // block edge, metres
 constexpr short kFree = kMaxDepthValue;     // +1.0, in front of the band
 constexpr short kSolid = -kMaxDepthValue;
