@@ -14,8 +14,8 @@ sequence must then be the built-in scene rendered with the benchmark's frame cou
 (`velmora render-scene DIR --frames 60`).
 
 With --raycast, times rendering one 640x480 depth view: Open3D's VoxelBlockGrid.ray_cast of the
-fused sequence on one thread, against the per-frame cost of a colour image in `velmora fuse`
-(which renders the volume from the frame's pose).
+fused sequence from the poses of its last frames on one thread, against the cost of a colour image
+in `velmora fuse` at the same frames (a colour frame renders the volume from the frame's pose).
 
 With --scene-table, prints the side-by-side table on the built-in scene (see scene_table).
 
@@ -149,11 +149,13 @@ def run_open3d_raycast(frames, intrinsics, cell, truncation):
 
 
 def compare_raycast(args, frames, intrinsics):
-    """Rendering one depth view: Velmora's cost is the median per-frame time of `velmora fuse`
-    with a colour image every frame (each renders the volume from its pose) minus that of depth
-    alone; Open3D's is ray_cast of the fused grid on one thread."""
+    """Rendering one depth view: Velmora's cost is, for each of the last RAYCAST_VIEWS frames, the
+    time of that frame in `velmora fuse` with a colour image every frame (each renders the volume
+    from its pose) minus its time with depth alone, the median of those; Open3D's is the median
+    of ray_cast of the fused grid from the same poses on one thread. Velmora renders each of those
+    views after fusing the frames up to it, Open3D after fusing them all."""
     with tempfile.TemporaryDirectory() as tmp:
-        medians = []
+        times = []
         for colour_every in (0, 1):
             stats_path = os.path.join(tmp, "stats.json")
             subprocess.run([args.velmora, "fuse", args.sequence, "--cell-size",
@@ -162,12 +164,14 @@ def compare_raycast(args, frames, intrinsics):
                             "--stats", stats_path], check=True,
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             with open(stats_path) as f:
-                medians.append(statistics.median(
-                    frame["submitMs"] for frame in json.load(f)["frames"]))
+                times.append([frame["submitMs"] for frame in json.load(f)["frames"]])
     open3d = statistics.median(open3d_in_one_thread(args, "run_open3d_raycast"))
-    velmora = medians[1] - medians[0]
-    print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m")
-    print(f"velmora: frame with colour {medians[1]:.1f} ms, depth only {medians[0]:.1f} ms")
+    depth, colour = times[0][-RAYCAST_VIEWS:], times[1][-RAYCAST_VIEWS:]
+    velmora = statistics.median(c - d for c, d in zip(colour, depth))
+    print(f"{len(frames)} frames, cell {args.cell_size} m, truncation {args.truncation} m, "
+          f"the last {RAYCAST_VIEWS} views")
+    print(f"velmora: frames with colour {statistics.median(colour):.1f} ms, "
+          f"depth only {statistics.median(depth):.1f} ms (medians)")
     print(f"{'rendering of one depth view':45s} {'median ms':>10s} {'ratio to velmora':>17s}")
     print(f"{'velmora (colour frame minus depth frame)':45s} {velmora:10.1f} {1.0:17.2f}")
     print(f"{'Open3D VoxelBlockGrid.ray_cast, 1 thread':45s} {open3d:10.1f} "
