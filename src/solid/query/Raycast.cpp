@@ -333,16 +333,9 @@ private:
     // the table copy's keys; unbounded where the copy is empty or a component's floats cannot
     // be found.
     void findBlocksBox() {
-        bool any = false;
-        KeyType low(INT_MAX, INT_MAX, INT_MAX);
-        KeyType high(INT_MIN, INT_MIN, INT_MIN);
-        mSnapshot.forEachKey([&](const KeyType& key) {
-            any = true;
-            for (int a = 0; a < 3; ++a) {
-                low(a) = std::min(low(a), key(a));
-                high(a) = std::max(high(a), key(a));
-            }
-        });
+        KeyType low;
+        KeyType high;
+        const bool any = mSnapshot.keyBox(low, high);
         for (int a = 0; a < 3; ++a) {
             float unused = 0.0f;
             if (!any || !mFrame.keyInterval(a, low(a), mBlocksLow[a], unused) ||

@@ -277,6 +277,7 @@ VolumeGrid<B, P, L>::TableSnapshot::TableSnapshot(const VolumeGrid& grid)
     KeyType maxKey(INT_MAX, INT_MAX, INT_MAX);
     if (!grid.mGrid.empty()) {
         maxKey = KeyType(INT_MIN, INT_MIN, INT_MIN);
+        mEmpty = false;
     }
     for (const auto& item : grid.mGrid) {
         for (int a = 0; a < 3; ++a) {

@@ -226,6 +226,18 @@ public:
         }
 
         const Entry& entryAt(uint32_t slot) const { return *mEntries.data()[slot]; }
+        // The least and the greatest key component of the copy's blocks on each axis; false
+        // when the copy holds no block.
+        bool keyBox(KeyType& low, KeyType& high) const {
+            if (mEmpty) {
+                return false;
+            }
+            low = mMinKey;
+            for (int a = 0; a < 3; ++a) {
+                high(a) = static_cast<int>(static_cast<uint32_t>(mMinKey(a)) + mLastOffset[a]);
+            }
+            return true;
+        }
         // Slots run from 0 to slotCount() - 1.
         uint32_t slotCount() const { return mEntries.size(); }
 
@@ -260,6 +272,7 @@ public:
         uint32_t mMask = 0;
         bool mDense = false;
         KeyType mMinKey;                      // lower corner of the bounding box of all keys
+        bool mEmpty = true;                   // the grid held no block
         uint32_t mLastOffset[3] = {0, 0, 0};  // upper corner minus lower corner
         uint32_t mStride[2] = {0, 0};         // of y and z in the dense array
     };
