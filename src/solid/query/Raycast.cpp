@@ -145,6 +145,12 @@ private:
     float mInverseDimension[3];
 };
 
+// Whether two keys are equal, tested at once: along a ray it is the components that change from
+// sample to sample which no branch predictor learns, and one test per component paid for each.
+inline bool sameKey(const KeyType& a, const KeyType& b) {
+    return ((a(0) ^ b(0)) | (a(1) ^ b(1)) | (a(2) ^ b(2))) == 0;
+}
+
 // What a block stepped over without reads is: missing (reads give -2.0), of observed positive
 // samples only (reads give positive values), of unobserved and positive samples (reads give
 // -2.0 or positive values), or none of these.
@@ -274,8 +280,9 @@ public:
         if (positives) {
             const SkippedBlock kind =
                 mKind != SkippedBlock::kOther ? mKind : (mHasCells ? cellKind(cx, cy, cz) : mKind);
-            if (kind == SkippedBlock::kPositive ||
-                (partly && kind == SkippedBlock::kPartlyPositive)) {
+            // One branch for both kinds, for the same reason as in sameKey.
+            if ((kind == SkippedBlock::kPositive) |
+                (partly & (kind == SkippedBlock::kPartlyPositive))) {
                 deferred = kind;
                 return kUnobservedValue;
             }
@@ -348,7 +355,7 @@ private:
 
     // Makes `key` the block of the last read.
     __attribute__((always_inline)) void enter(const KeyType& key) {
-        if (key == mKey) {
+        if (sameKey(key, mKey)) {
             return;
         }
         mSlot = mSnapshot.slotOf(key);
