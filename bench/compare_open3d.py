@@ -17,11 +17,15 @@ With --raycast, times rendering one 640x480 depth view: Open3D's VoxelBlockGrid.
 fused sequence from the poses of its last frames on one thread, against the cost of a colour image
 in `velmora fuse` at the same frames (a colour frame renders the volume from the frame's pose).
 
+With --write-corner DIR, writes the view that `BM_RaycastFrame` (bench/queries.cpp) renders as a
+sequence of CORNER_FRAMES identical frames in DIR, for --raycast on that view.
+
 With --scene-table, prints the side-by-side table on the built-in scene (see scene_table).
 
 Usage: bench/compare_open3d.py SEQUENCE_DIR [--velmora PATH] [--cell-size M] [--truncation M]
        bench/compare_open3d.py SEQUENCE_DIR --mesh [--bench-surface PATH] [--cell-size M] ...
        bench/compare_open3d.py SEQUENCE_DIR --raycast [--velmora PATH] [--cell-size M] ...
+       bench/compare_open3d.py --write-corner DIR
        bench/compare_open3d.py --scene-table [--frames N] [--size WxH] [--velmora PATH] ...
 Needs Debian's python3-open3d and python3-numpy (run with /usr/bin/python3).
 """
@@ -146,6 +150,41 @@ def run_open3d_raycast(frames, intrinsics, cell, truncation):
                       trunc_voxel_multiplier=truncation / cell)
         times.append((time.perf_counter() - start) * 1000.0)
     return times
+
+
+# The room corner of bench/queries.cpp: 640x480 pixels, fx = fy = 525, principal point (319.5,
+# 239.5), the camera at the origin looking along +z, the floor 1 m below (+y), the back wall 3 m
+# ahead and the side wall 1.5 m to the left. Written as the same frame CORNER_FRAMES times, so
+# that --raycast renders it from RAYCAST_VIEWS poses.
+CORNER_FRAMES = RAYCAST_VIEWS
+
+
+def write_corner(directory):
+    import numpy as np
+    import open3d as o3d
+
+    width, height, focal, cx, cy = 640, 480, 525.0, 319.5, 239.5
+    u, v = np.meshgrid(np.arange(width, dtype=np.float32), np.arange(height, dtype=np.float32))
+    xn, yn = (u - np.float32(cx)) / np.float32(focal), (v - np.float32(cy)) / np.float32(focal)
+    depth = np.full((height, width), 3.0, dtype=np.float32)
+    below = yn > 0
+    depth[below] = np.minimum(depth[below], np.float32(1.0) / yn[below])
+    left = xn < 0
+    depth[left] = np.minimum(depth[left], np.float32(-1.5) / xn[left])
+    # Millimetres rounded half away from zero, as the benchmark's std::lround.
+    millimetres = np.floor(depth.astype(np.float64) * 1000.0 + 0.5).astype(np.uint16)
+    grey = np.full((height, width, 3), 128, dtype=np.uint8)
+    for sub in ("depth", "color", "pose", "intrinsic"):
+        os.makedirs(os.path.join(directory, sub), exist_ok=True)
+    with open(os.path.join(directory, "intrinsic", "intrinsic_depth.txt"), "w") as f:
+        f.write(f"{focal} 0 {cx} 0\n0 {focal} {cy} 0\n0 0 1 0\n0 0 0 1\n")
+    for i in range(CORNER_FRAMES):
+        o3d.io.write_image(os.path.join(directory, "depth", f"{i:06d}.png"),
+                           o3d.geometry.Image(millimetres))
+        o3d.io.write_image(os.path.join(directory, "color", f"{i:06d}.png"),
+                           o3d.geometry.Image(grey))
+        with open(os.path.join(directory, "pose", f"{i:06d}.txt"), "w") as f:
+            f.write("1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n")
 
 
 def compare_raycast(args, frames, intrinsics):
@@ -349,11 +388,16 @@ def main():
     parser.add_argument("--mesh", action="store_true", help="compare whole-scene meshing")
     parser.add_argument("--raycast", action="store_true",
                         help="compare rendering one depth view (Open3D's ray_cast)")
+    parser.add_argument("--write-corner", metavar="DIR",
+                        help="write the view of BM_RaycastFrame as a sequence in DIR and stop")
     parser.add_argument("--bench-surface", default=os.path.join(
         os.path.dirname(__file__), "..", "build", "dev", "bench", "bench_surface"))
     args = parser.parse_args()
     if args.scene_table:
         scene_table(args)
+        return
+    if args.write_corner:
+        write_corner(args.write_corner)
         return
     if not args.sequence:
         parser.error("give SEQUENCE_DIR, or --scene-table")
