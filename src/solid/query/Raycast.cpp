@@ -156,6 +156,78 @@ inline bool sameKey(const KeyType& a, const KeyType& b) {
 // -2.0 or positive values), or none of these.
 enum class SkippedBlock : uint8_t { kMissing, kPositive, kPartlyPositive, kOther };
 
+// Stretches of samples stepped over in blocks of unobserved and positive samples, since the last
+// value known to be positive: one of them may hold the value a crossing interpolates from. A
+// stretch is kept as its first position, its increment and its length, from which its positions
+// follow by the same float additions as in the march.
+class SkippedStretches {
+public:
+    bool full() const { return mCount == kMaxStretches; }
+    void clear() { mCount = 0; }
+    // `next` is the position after the last sample.
+    void add(const Vec3& first, const Vec3& increment, unsigned samples, const Vec3& next) {
+        mStretches[mCount++] = Stretch{first, increment, samples, next};
+    }
+    // Whether the sample at `position` can be taken: it lengthens the last stretch when it is
+    // that stretch's next position (the same float the march arrives at), or starts a new one.
+    bool canTake(const Vec3& position) const { return extends(position) || !full(); }
+    void take(const Vec3& position, const Vec3& increment) {
+        if (extends(position)) {
+            Stretch& last = mStretches[mCount - 1];
+            ++last.samples;
+            last.next += increment;
+        } else {
+            add(position, increment, 1, position + increment);
+        }
+    }
+
+    // The last observed value of the stretches, latest first; false when all read -2.0.
+    template <typename Sampler>
+    bool lastObserved(Sampler& reader, float& value) const {
+        for (unsigned s = mCount; s-- > 0;) {
+            const Stretch& stretch = mStretches[s];
+            Vec3 positions[kMaxStretchSamples];
+            const unsigned n = std::min(stretch.samples, kMaxStretchSamples);
+            Vec3 position = stretch.first;
+            for (unsigned i = 0; i < stretch.samples; ++i) {
+                positions[std::min(i, n - 1)] = position;
+                position += stretch.increment;
+            }
+            for (unsigned i = n; i-- > 0;) {
+                const float v = reader.value(positions[i]);
+                if (v != kUnobservedValue) {
+                    value = v;
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    // Samples of a stretch are counted up to this many, which one block never holds along a ray
+    // that reads samples (a step of at least a sample spacing); longer stretches are not skipped.
+    static constexpr unsigned kMaxStretchSamples = 64;
+
+private:
+    struct Stretch {
+        Vec3 first;
+        Vec3 increment;
+        unsigned samples;
+        Vec3 next;
+    };
+    bool extends(const Vec3& position) const {
+        if (mCount == 0) {
+            return false;
+        }
+        const Stretch& last = mStretches[mCount - 1];
+        return last.samples < kMaxStretchSamples && last.next(0) == position(0) &&
+               last.next(1) == position(1) && last.next(2) == position(2);
+    }
+    static constexpr unsigned kMaxStretches = 8;
+    Stretch mStretches[kMaxStretches];
+    unsigned mCount = 0;
+};
+
 // Reads values along one ray with lookups in the table under its read lock. It remembers the
 // block of its last read (or that there was none), so that reads staying in one block skip the
 // table, and keeps that block's mutex until the ray leaves the block or the reader goes away; it
@@ -187,7 +259,8 @@ public:
     }
 
     // Always a read, for the same reasons.
-    float sample(const Vec3& p, bool /*positives*/, bool /*partly*/, SkippedBlock& deferred) {
+    float sample(const Vec3& p, bool /*positives*/, const SkippedStretches& /*stretches*/,
+                 SkippedBlock& deferred) {
         deferred = SkippedBlock::kOther;
         return value(p);
     }
@@ -252,17 +325,18 @@ public:
     // The value at `p`, read as `VolumeGrid::value` reads it.
     float value(const Vec3& p) {
         SkippedBlock read;
-        return sample(p, false, false, read);
+        return sample(p, false, SkippedStretches(), read);
     }
 
     // The value at `p` as `value` reads it, unless the read is known without reading: with
     // `positives`, a read whose corners are all observed and positive (`deferred` becomes
-    // kPositive), and with `partly` too, one whose corners are each unobserved or positive
-    // (kPartlyPositive); it then returns -2.0, which leaves the march as it is. Otherwise
+    // kPositive), and one whose corners are each unobserved or positive where `stretches` can
+    // take it (kPartlyPositive); it then returns -2.0, which leaves the march as it is. Otherwise
     // `deferred` is kOther.
     // Most reads of a rendering lie in front of the surface in such cells of blocks that hold
     // the surface elsewhere.
-    __attribute__((always_inline)) float sample(const Vec3& p, bool positives, bool partly,
+    __attribute__((always_inline)) float sample(const Vec3& p, bool positives,
+                                                const SkippedStretches& stretches,
                                                 SkippedBlock& deferred) {
         deferred = SkippedBlock::kOther;
         // Key and cell at once in vector lanes, as keyOf, local and cellForVal give them; the
@@ -280,9 +354,10 @@ public:
         if (positives) {
             const SkippedBlock kind =
                 mKind != SkippedBlock::kOther ? mKind : (mHasCells ? cellKind(cx, cy, cz) : mKind);
-            // One branch for both kinds, for the same reason as in sameKey.
-            if ((kind == SkippedBlock::kPositive) |
-                (partly & (kind == SkippedBlock::kPartlyPositive))) {
+            // Whether `stretches` can take the sample is asked only of the few samples whose
+            // cell is unobserved or positive.
+            if (kind == SkippedBlock::kPositive ||
+                (kind == SkippedBlock::kPartlyPositive && stretches.canTake(p))) {
                 deferred = kind;
                 return kUnobservedValue;
             }
@@ -579,83 +654,12 @@ private:
     Interval mLargeRegionCache[3][kIntervalCacheSize];
 };
 
-// Stretches of samples stepped over in blocks of unobserved and positive samples, since the last
-// value known to be positive: one of them may hold the value a crossing interpolates from. A
-// stretch is kept as its first position, its increment and its length, from which its positions
-// follow by the same float additions as in the march.
-class SkippedStretches {
-public:
-    bool full() const { return mCount == kMaxStretches; }
-    void clear() { mCount = 0; }
-    // `next` is the position after the last sample.
-    void add(const Vec3& first, const Vec3& increment, unsigned samples, const Vec3& next) {
-        mStretches[mCount++] = Stretch{first, increment, samples, next};
-    }
-    // Whether the sample at `position` can be taken: it lengthens the last stretch when it is
-    // that stretch's next position (the same float the march arrives at), or starts a new one.
-    bool canTake(const Vec3& position) const { return extends(position) || !full(); }
-    void take(const Vec3& position, const Vec3& increment) {
-        if (extends(position)) {
-            Stretch& last = mStretches[mCount - 1];
-            ++last.samples;
-            last.next += increment;
-        } else {
-            add(position, increment, 1, position + increment);
-        }
-    }
-
-    // The last observed value of the stretches, latest first; false when all read -2.0.
-    template <typename Sampler>
-    bool lastObserved(Sampler& reader, float& value) const {
-        for (unsigned s = mCount; s-- > 0;) {
-            const Stretch& stretch = mStretches[s];
-            Vec3 positions[kMaxStretchSamples];
-            const unsigned n = std::min(stretch.samples, kMaxStretchSamples);
-            Vec3 position = stretch.first;
-            for (unsigned i = 0; i < stretch.samples; ++i) {
-                positions[std::min(i, n - 1)] = position;
-                position += stretch.increment;
-            }
-            for (unsigned i = n; i-- > 0;) {
-                const float v = reader.value(positions[i]);
-                if (v != kUnobservedValue) {
-                    value = v;
-                    return true;
-                }
-            }
-        }
-        return false;
-    }
-
-    // Samples of a stretch are counted up to this many, which one block never holds along a ray
-    // that reads samples (a step of at least a sample spacing); longer stretches are not skipped.
-    static constexpr unsigned kMaxStretchSamples = 64;
-
-private:
-    struct Stretch {
-        Vec3 first;
-        Vec3 increment;
-        unsigned samples;
-        Vec3 next;
-    };
-    bool extends(const Vec3& position) const {
-        if (mCount == 0) {
-            return false;
-        }
-        const Stretch& last = mStretches[mCount - 1];
-        return last.samples < kMaxStretchSamples && last.next(0) == position(0) &&
-               last.next(1) == position(1) && last.next(2) == position(2);
-    }
-    static constexpr unsigned kMaxStretches = 8;
-    Stretch mStretches[kMaxStretches];
-    unsigned mCount = 0;
-};
-
 // The march of `raycastSparseVolume`, reading through `reader`, with the verbose log only when
-// `verbose` (the level is tested once per rendering, not per sample).
-template <typename Sampler>
-Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
-           const Vec3& direction, float nearPlane, float farPlane, float stepFactor) {
+// `verbose` (the level is tested once per rendering, not per sample, and the quiet march is
+// compiled without the tests).
+template <bool verbose, typename Sampler>
+Vec4 march(Sampler& reader, float smallStep, const Vec3& origin, const Vec3& direction,
+           float nearPlane, float farPlane, float stepFactor) {
     Vec4 result(0.0f, 0.0f, 0.0f, 0.0f);
     float d = nearPlane;
     Vec3 position = origin + direction * d;
@@ -674,15 +678,16 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
     Vec3 previousPosition = position;
     // Stepped over after that value (or after `previous`, when none is pending).
     SkippedStretches stretches;
-    bool coarse = true;
+    // Where both steps are one, the switch to the small step changes nothing: a quiet march
+    // starts as if it had happened (the verbose one logs the switch).
+    bool coarse = verbose || !(largeStep == smallStep);
 
     for (unsigned samples = 0; d <= farPlane && samples < kMaxMarchSamples; ++samples) {
         // As for the blocks stepped over below, a read known to be positive, or unobserved or
         // positive, is left for a crossing to make.
-        const bool deferrable = !verbose && (!coarse || largeStep == smallStep);
+        const bool deferrable = !verbose && !coarse;
         SkippedBlock deferred;
-        const float value =
-            reader.sample(position, deferrable, stretches.canTake(position), deferred);
+        const float value = reader.sample(position, deferrable, stretches, deferred);
         if (deferred == SkippedBlock::kPositive) {
             previousPending = true;
             previousPosition = position;
@@ -753,7 +758,7 @@ Vec4 march(Sampler& reader, float smallStep, bool verbose, const Vec3& origin,
         // small step cannot change anything once it happened, or when both steps are one): they
         // are stepped over with the same additions, so every later position and depth is the
         // same float, and what they would have left in `previous` is read if a crossing needs it.
-        const bool positives = !coarse || largeStep == smallStep;
+        const bool positives = !coarse;
         if (verbose || !reader.inSkippableBlock(position, positives, !stretches.full())) {
             continue;
         }
@@ -813,8 +818,10 @@ template <typename B, template <typename> class P, typename L>
 Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, const Vec3& direction,
                          float nearPlane, float farPlane, float stepFactor) {
     LockingSampler<VolumeGrid<B, P, L>> reader(grid);
-    return march(reader, grid.config().spacing(0), verboseLogging(), origin, direction, nearPlane,
-                 farPlane, stepFactor);
+    const float spacing = grid.config().spacing(0);
+    return verboseLogging()
+               ? march<true>(reader, spacing, origin, direction, nearPlane, farPlane, stepFactor)
+               : march<false>(reader, spacing, origin, direction, nearPlane, farPlane, stepFactor);
 }
 
 template <typename B, template <typename> class P, typename L>
@@ -898,8 +905,11 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                 continue;
             }
             ++stats.raycastRays;
-            const Vec4 hit = march(reader, grid.config().spacing(0), verbose, cameraPosition,
-                                   direction, start, farPlane, stepFactor);
+            const float spacing = grid.config().spacing(0);
+            const Vec4 hit = verbose ? march<true>(reader, spacing, cameraPosition, direction,
+                                                   start, farPlane, stepFactor)
+                                     : march<false>(reader, spacing, cameraPosition, direction,
+                                                    start, farPlane, stepFactor);
             row[x] = hit(3);
         }
     }

@@ -20,6 +20,7 @@
 #include "solid/query/Raycast.h"
 #include "solid/volume/VolumeSampling.h"
 #include "support/BlockWalkCheck.h"
+#include "support/CapturedLog.h"
 #include "support/FieldGrid.h"
 #include "support/FusedGrid.h"
 #include "support/MarchStepsCheck.h"
@@ -341,6 +342,28 @@ TYPED_TEST(RaycastGrids, RenderingGivesThePlainDepthsOnEveryPixel) {
             EXPECT_GT(renderBothWays(grid, camera, true, stats, 2.5f), 0);
         }
     }
+}
+
+// With the verbose log on, the march logs every sample and defers no read (the quiet march is
+// compiled apart from it): the same depths, and the crossings logged.
+TEST(RaycastVerbose, LoggedRenderingGivesThePlainDepths) {
+    const AnalyticScene room = AnalyticScene::room(4.0, 3.0, 2.6);
+    DepthGrid grid;
+    Velmora::Test::configureGrid(grid, 0.02f);
+    Velmora::Test::fuseView(grid, room, view({1.0, 0.8, 1.4}, {3.0, 2.0, 0.6}), 0.1f);
+    AR::Common::Logger& logger = AR::Common::Logger::getInstance();
+    const AR::Common::Logger::LEVEL level = logger.getLevel();
+    const bool systemLog = logger.getFlag(AR::Common::Logger::FLAG_SYSTEM_LOG);
+    logger.setFlag(AR::Common::Logger::FLAG_SYSTEM_LOG, false);
+    logger.setLevel(AR::Common::Logger::LEVEL_VERBOSE);
+    Velmora::Test::CapturedLog log;
+    IntegrationStats stats;
+    const int hits =
+        renderBothWays(grid, view({1.0, 0.8, 1.4}, {3.0, 2.0, 0.6}, 9, 7), true, stats);
+    logger.setLevel(level);
+    logger.setFlag(AR::Common::Logger::FLAG_SYSTEM_LOG, systemLog);
+    EXPECT_GT(hits, 0);
+    EXPECT_TRUE(log.has("surface found (via interpolation)"));
 }
 
 // A wall just past a block face (x = 12 blocks of 0.16 m) seen through fused free space: rays
