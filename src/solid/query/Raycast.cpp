@@ -430,7 +430,7 @@ private:
 
     // Makes `key` the block of the last read.
     __attribute__((always_inline)) void enter(const KeyType& key) {
-        if (sameKey(key, mKey)) {
+        if (__builtin_expect(sameKey(key, mKey), 1)) {
             return;
         }
         mSlot = mSnapshot.slotOf(key);
