@@ -428,7 +428,8 @@ private:
         }
     }
 
-    // Makes `key` the block of the last read.
+    // Makes `key` the block of the last read. Most samples lie in that block already, and the
+    // march is laid out for them.
     __attribute__((always_inline)) void enter(const KeyType& key) {
         if (__builtin_expect(sameKey(key, mKey), 1)) {
             return;
