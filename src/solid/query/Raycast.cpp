@@ -347,13 +347,12 @@ public:
         if (mEntry == nullptr) {
             return kUnobservedValue;
         }
-        const auto& block = mEntry->block;
-        const AxisCell cx{cell.i0[0], cell.i1[0], cell.f[0]};
-        const AxisCell cy{cell.i0[1], cell.i1[1], cell.f[1]};
-        const AxisCell cz{cell.i0[2], cell.i1[2], cell.f[2]};
         if (positives) {
+            // The lower lattice indices only: the rest of the cell is for a read.
             const SkippedBlock kind =
-                mKind != SkippedBlock::kOther ? mKind : (mHasCells ? cellKind(cx, cy, cz) : mKind);
+                mKind != SkippedBlock::kOther
+                    ? mKind
+                    : (mHasCells ? cellKind(cell.i0[0], cell.i0[1], cell.i0[2]) : mKind);
             // Whether `stretches` can take the sample is asked only of the few samples whose
             // cell is unobserved or positive.
             if (kind == SkippedBlock::kPositive ||
@@ -362,8 +361,11 @@ public:
                 return kUnobservedValue;
             }
         }
+        const AxisCell cx{cell.i0[0], cell.i1[0], cell.f[0]};
+        const AxisCell cy{cell.i0[1], cell.i1[1], cell.f[1]};
+        const AxisCell cz{cell.i0[2], cell.i1[2], cell.f[2]};
         float corners[8];
-        if (!readCorners(block, cx, cy, cz, corners)) {
+        if (!readCorners(mEntry->block, cx, cy, cz, corners)) {
             return kUnobservedValue;
         }
         return trilinear(corners, cx.f, cy.f, cz.f);
@@ -506,14 +508,14 @@ private:
     // The kind of the lattice cell whose corners hold every corner of a read at (cx, cy, cz),
     // in the current block: a read on the last sample plane of an axis reads corners of the
     // last cell.
-    SkippedBlock cellKind(const AxisCell& cx, const AxisCell& cy, const AxisCell& cz) {
+    SkippedBlock cellKind(int x0, int y0, int z0) {
         if (mCells == nullptr) {
             mCells = cellKinds();
         }
         const Index3& bounds = mEntry->block.bounds();
-        const int x = std::min(cx.i0, bounds(0) - 1);
-        const int y = std::min(cy.i0, bounds(1) - 1);
-        const int z = std::min(cz.i0, bounds(2) - 1);
+        const int x = std::min(x0, bounds(0) - 1);
+        const int y = std::min(y0, bounds(1) - 1);
+        const int z = std::min(z0, bounds(2) - 1);
         return static_cast<SkippedBlock>(mCells[x + bounds(0) * (y + bounds(1) * z)]);
     }
 
