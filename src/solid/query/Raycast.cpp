@@ -802,6 +802,16 @@ bool verboseLogging() {
     return AR::Common::Logger::getInstance().getLevel() >= AR::Common::Logger::LEVEL_VERBOSE;
 }
 
+// The march in its logged or its quiet form.
+template <typename Sampler>
+Vec4 marchLoggedIf(bool verbose, Sampler& reader, float smallStep, const Vec3& origin,
+                   const Vec3& direction, float nearPlane, float farPlane, float stepFactor) {
+    return verbose
+               ? march<true>(reader, smallStep, origin, direction, nearPlane, farPlane, stepFactor)
+               : march<false>(reader, smallStep, origin, direction, nearPlane, farPlane,
+                              stepFactor);
+}
+
 }  // namespace
 
 template <typename B, template <typename> class P, typename L>
@@ -821,10 +831,8 @@ template <typename B, template <typename> class P, typename L>
 Vec4 raycastSparseVolume(const VolumeGrid<B, P, L>& grid, const Vec3& origin, const Vec3& direction,
                          float nearPlane, float farPlane, float stepFactor) {
     LockingSampler<VolumeGrid<B, P, L>> reader(grid);
-    const float spacing = grid.config().spacing(0);
-    return verboseLogging()
-               ? march<true>(reader, spacing, origin, direction, nearPlane, farPlane, stepFactor)
-               : march<false>(reader, spacing, origin, direction, nearPlane, farPlane, stepFactor);
+    return marchLoggedIf(verboseLogging(), reader, grid.config().spacing(0), origin, direction,
+                         nearPlane, farPlane, stepFactor);
 }
 
 template <typename B, template <typename> class P, typename L>
@@ -849,7 +857,8 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
     // blocks than the march takes samples from the near to the far plane, the ray is marched from
     // the near plane instead, so that no ray costs more than about twice its march, whatever the
     // intrinsics.
-    const float marchSamples = (farPlane - nearPlane) / grid.config().spacing(0) + 1.0f;
+    const float spacing = grid.config().spacing(0);
+    const float marchSamples = (farPlane - nearPlane) / spacing + 1.0f;
     const unsigned walkLimit = marchSamples >= static_cast<float>(kMaxWalkBlocks)
                                    ? kMaxWalkBlocks
                                    : static_cast<unsigned>(std::max(marchSamples, 1.0f));
@@ -908,11 +917,8 @@ void raycast(const VolumeGrid<B, P, L>& grid, float nearPlane, float farPlane, f
                 continue;
             }
             ++stats.raycastRays;
-            const float spacing = grid.config().spacing(0);
-            const Vec4 hit = verbose ? march<true>(reader, spacing, cameraPosition, direction,
-                                                   start, farPlane, stepFactor)
-                                     : march<false>(reader, spacing, cameraPosition, direction,
-                                                    start, farPlane, stepFactor);
+            const Vec4 hit = marchLoggedIf(verbose, reader, spacing, cameraPosition, direction,
+                                           start, farPlane, stepFactor);
             row[x] = hit(3);
         }
     }
